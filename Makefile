@@ -1,0 +1,50 @@
+# Every target first installs whatever Debian packages are missing.
+JOBS ?= $(shell nproc)
+FUZZ_SECONDS ?= 300
+CMAKE ?= cmake
+CTEST_FLAGS ?= --output-on-failure -j$(JOBS) --timeout 300
+
+export ASAN_OPTIONS ?= detect_leaks=1:abort_on_error=1:strict_string_checks=1
+export UBSAN_OPTIONS ?= print_stacktrace=1:halt_on_error=1
+export TSAN_OPTIONS ?= halt_on_error=1:second_deadlock_stack=1
+
+.PHONY: deps build check check-asan check-tsan bench fuzz-config clean
+
+deps:
+	@scripts/install-deps
+
+build: deps
+	$(CMAKE) -S . -B build -G Ninja
+	$(CMAKE) --build build
+
+check: build
+	ctest --test-dir build $(CTEST_FLAGS)
+
+# AddressSanitizer and UndefinedBehaviorSanitizer, g++.
+check-asan: deps
+	$(CMAKE) -S . -B build-asan -G Ninja -DXRV_SANITIZE=address -DXRV_BENCH=OFF
+	$(CMAKE) --build build-asan
+	ctest --test-dir build-asan $(CTEST_FLAGS)
+
+# ThreadSanitizer, clang: the same build also checks the lock annotations.
+check-tsan: deps
+	CC=clang CXX=clang++ $(CMAKE) -S . -B build-tsan -G Ninja -DXRV_SANITIZE=thread -DXRV_BENCH=OFF
+	$(CMAKE) --build build-tsan
+	ctest --test-dir build-tsan $(CTEST_FLAGS)
+
+bench: build
+	bench/run build
+
+# libFuzzer over the configuration-file and trace-rule readers for FUZZ_SECONDS,
+# starting from the seeds in tests/fuzz/corpus/config; what it finds stays in
+# build-fuzz/corpus-config for the next run. A crash leaves crash-* in the current
+# directory: add it to the seeds as a regression-* file once fixed.
+fuzz-config: deps
+	CC=clang CXX=clang++ $(CMAKE) -S . -B build-fuzz -G Ninja -DXRV_FUZZ=ON -DXRV_SANITIZE=address -DXRV_BENCH=OFF
+	$(CMAKE) --build build-fuzz --target fuzz_config
+	mkdir -p build-fuzz/corpus-config
+	build-fuzz/tests/fuzz/fuzz_config -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
+	  build-fuzz/corpus-config tests/fuzz/corpus/config
+
+clean:
+	rm -rf build build-asan build-tsan build-fuzz
