@@ -2,6 +2,8 @@
 
 #include <strings.h>
 
+#include "framework/api/Trace.h"
+
 namespace XRV {
 namespace {
 
@@ -79,6 +81,7 @@ ConfigSection* ConfigFile::subnodeSection(std::string_view type, std::string_vie
 }
 
 bool ConfigFile::parse(std::string_view text, const std::string& fileName, std::string* error) {
+  XRV_TRACE_FN();
   agent_ = ConfigSection();
   subnodes_.clear();
   ConfigSection* current = nullptr;

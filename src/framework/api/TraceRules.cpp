@@ -6,6 +6,9 @@
 
 #include "framework/api/Trace.h"
 
+// Nothing in the trace facility traces itself: the rules are read under the lock
+// that a trace point takes to learn its mask.
+
 namespace XRV::trace {
 namespace {
 

@@ -98,15 +98,6 @@ TEST(Framework, LocalHostInformation) {
   EXPECT_FALSE(fwGetLocalHostInfo(nullptr));
 }
 
-TEST(Framework, ConfiguredHostName) {
-  setConfigurationProperty("CTAFW_HOSTNAME", "monitored-box");
-  char* name = fwGetConfiguredHostName();
-  ASSERT_NE(name, nullptr);
-  EXPECT_STREQ(name, "monitored-box");
-  free(name);
-  setConfigurationProperty("CTAFW_HOSTNAME", nullptr);
-}
-
 TEST(Framework, SystemClockSleeps) {
   int64_t before = fwMonotonicMillis();
   fwSleepMillis(20);

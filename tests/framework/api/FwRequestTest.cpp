@@ -107,30 +107,4 @@ TEST(FwRequest, EventsWithoutAHostAreLost) {
   EXPECT_EQ(table.AddDataToEvent("e", 1), 1);
 }
 
-TEST(FwRequest, RequestDetailAndContext) {
-  RequestDetail detail("XRV", "KXRDISK");
-  EXPECT_EQ(detail.GetParameter(), nullptr);
-  detail.SetParameter("");
-  ASSERT_NE(detail.GetParameter(), nullptr) << "an empty parameter is still a parameter";
-  detail.SetRequestInfo("_REQ_TYPE", "DEMAND");
-  detail.SetRequestInfo("_FILTER", "a");
-  detail.SetRequestInfo("_FILTER", "b");
-  EXPECT_STREQ(detail.GetRequestInfo("_REQ_TYPE"), "DEMAND");
-  EXPECT_STREQ(detail.GetRequestInfo("_FILTER"), "b");
-  EXPECT_EQ(detail.GetRequestInfo("_MISSING"), nullptr);
-  EXPECT_EQ(detail.GetRequestInfoItems().size(), 2u);
-
-  ContextInfo main;
-  EXPECT_TRUE(main.IsMainNode());
-  ContextInfo history("", true);
-  history.AddSubnode("RV:web01:LNX");
-  history.AddSubnode("RV:web02:LNX");
-  EXPECT_TRUE(history.IsHistory());
-  EXPECT_STREQ(history.GetSubnode(1), "RV:web02:LNX");
-  EXPECT_EQ(history.GetSubnode(2), nullptr);
-  EXPECT_EQ(history.GetSubnode(-1), nullptr);
-  ContextInfo subnode("RV:web01:LNX");
-  EXPECT_FALSE(subnode.IsMainNode());
-}
-
 }  // namespace
