@@ -69,7 +69,21 @@ HashMap::HashMap(int capacity)
 
 HashMap::~HashMap() {
   clear();
+  while (spareEntries_ != nullptr) {
+    Entry* next = spareEntries_->next;
+    free(spareEntries_);
+    spareEntries_ = next;
+  }
   free(buckets_);
+}
+
+HashMap::Entry* HashMap::newEntry() {
+  if (spareEntries_ != nullptr) {
+    Entry* entry = spareEntries_;
+    spareEntries_ = entry->next;
+    return entry;
+  }
+  return static_cast<Entry*>(malloc(sizeof(Entry)));
 }
 
 HashMap::Entry* HashMap::findEntry(const char* key, uint32_t hash) const {
@@ -94,7 +108,7 @@ void HashMap::put(const char* key, const void* value) {
     existing->value = const_cast<void*>(value);
     return;
   }
-  Entry* entry = static_cast<Entry*>(malloc(sizeof(Entry)));
+  Entry* entry = newEntry();
   if (entry == nullptr) {
     XRV_TRACE_SITE();
     XRV_TRACE_ERROR("Cannot allocate a hash entry for key %s", key);
@@ -185,11 +199,15 @@ void HashMap::foreach (void (*fn)(const char* key, const void* value, void* arg)
 }
 
 void HashMap::clear() {
+  if (count_ == 0) {
+    return;  // nothing to unlink: the buckets are all empty already
+  }
   for (int i = 0; i < bucketCount_; ++i) {
     Entry* entry = buckets_[i];
     while (entry != nullptr) {
       Entry* next = entry->next;
-      free(entry);
+      entry->next = spareEntries_;
+      spareEntries_ = entry;
       entry = next;
     }
     buckets_[i] = nullptr;

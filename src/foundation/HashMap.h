@@ -52,7 +52,10 @@ class HashMap {
   void* remove(const char* key, const char** storedKey);
   // Calls fn for every entry in iteration order.
   void foreach (void (*fn)(const char* key, const void* value, void* arg), void* arg) const;
-  // Frees every entry (not keys or values); count 0, buckets kept.
+  // Empties the map (keys and values are not touched); count 0, buckets kept. The
+  // entries are kept for reuse by later puts, so a map that is filled and cleared
+  // over and over (the attributes of each tag the definition reader reads) stops
+  // allocating; the destructor frees them.
   void clear();
   int getCount() const { return count_; }
   int getBucketCount() const { return bucketCount_; }
@@ -69,12 +72,14 @@ class HashMap {
   };
 
   Entry* findEntry(const char* key, uint32_t hash) const;
+  Entry* newEntry();
   void resize();
 
   int count_;
   int bucketCount_;  // always a power of two
   int threshold_;
   Entry** buckets_;
+  Entry* spareEntries_ = nullptr;  // emptied by clear(), linked through next
 };
 
 // Walks a HashMap in iteration order:

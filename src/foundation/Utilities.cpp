@@ -229,6 +229,12 @@ char* Utilities::UTF8ToNative(const char* utf8) {
   return allocatedCopy(UTF8ToNative(utf8, strlen(utf8), &result), &result);
 }
 
+void Utilities::setOwnedText(char** owned, const char* text) {
+  char* copy = text == nullptr ? nullptr : strdup(text);
+  free(*owned);
+  *owned = copy;
+}
+
 double Utilities::calculateAverage(double previousAverage, double sample, int count) {
   if (count <= 0) {
     return sample;

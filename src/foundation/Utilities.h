@@ -58,6 +58,10 @@ class Utilities {
   // U+FFFD. False when out of memory.
   static bool appendRepairedUTF8(const char* text, size_t length, XRV::String* out);
 
+  // Replaces the malloc'd text *owned with a copy of `text` (null stays null) and
+  // frees the old one: how objects keep their own copies of the texts they are given.
+  static void setOwnedText(char** owned, const char* text);
+
   // Running average: `count` samples are already averaged in `previousAverage`, and
   // `sample` is one more: (previousAverage * count + sample) / (count + 1). A count of
   // 0 or below returns `sample`, so the first sample replaces any start value.
