@@ -8,7 +8,7 @@ export ASAN_OPTIONS ?= detect_leaks=1:abort_on_error=1:strict_string_checks=1
 export UBSAN_OPTIONS ?= print_stacktrace=1:halt_on_error=1
 export TSAN_OPTIONS ?= halt_on_error=1:second_deadlock_stack=1
 
-.PHONY: deps build check check-asan check-tsan bench fuzz-config clean
+.PHONY: deps build check check-asan check-tsan bench fuzz-config fuzz-definition clean
 
 deps:
 	@scripts/install-deps
@@ -35,16 +35,33 @@ check-tsan: deps
 bench: build
 	bench/run build
 
-# libFuzzer over the configuration-file and trace-rule readers for FUZZ_SECONDS,
-# starting from the seeds in tests/fuzz/corpus/config; what it finds stays in
-# build-fuzz/corpus-config for the next run. A crash leaves crash-* in the current
-# directory: add it to the seeds as a regression-* file once fixed.
+# libFuzzer targets, each for FUZZ_SECONDS (default 300 s; 600 s for definitions),
+# starting from the seeds under tests/fuzz/corpus/NAME. A crash leaves crash-* in
+# the current directory: once fixed, add it to the seeds as a regression-* file.
+#   fuzz-config:     configuration file and trace rules; what it finds stays in
+#                    build-fuzz/corpus-config
+#   fuzz-definition: the agent-definition reader; what it finds is merged into the
+#                    kept corpus tests/fuzz/corpus/definition
+FUZZ_CONFIGURE = CC=clang CXX=clang++ $(CMAKE) -S . -B build-fuzz -G Ninja -DXRV_FUZZ=ON \
+  -DXRV_SANITIZE=address -DXRV_BENCH=OFF
+
 fuzz-config: deps
-	CC=clang CXX=clang++ $(CMAKE) -S . -B build-fuzz -G Ninja -DXRV_FUZZ=ON -DXRV_SANITIZE=address -DXRV_BENCH=OFF
+	$(FUZZ_CONFIGURE)
 	$(CMAKE) --build build-fuzz --target fuzz_config
 	mkdir -p build-fuzz/corpus-config
 	build-fuzz/tests/fuzz/fuzz_config -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
 	  build-fuzz/corpus-config tests/fuzz/corpus/config
+
+fuzz-definition: FUZZ_SECONDS = 600
+fuzz-definition: deps
+	$(FUZZ_CONFIGURE)
+	$(CMAKE) --build build-fuzz --target fuzz_definition
+	mkdir -p build-fuzz/corpus-definition
+	build-fuzz/tests/fuzz/fuzz_definition -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
+	  -max_len=16384 -dict=tests/fuzz/definition.dict \
+	  build-fuzz/corpus-definition tests/fuzz/corpus/definition
+	build-fuzz/tests/fuzz/fuzz_definition -merge=1 -max_len=16384 \
+	  tests/fuzz/corpus/definition build-fuzz/corpus-definition
 
 clean:
 	rm -rf build build-asan build-tsan build-fuzz

@@ -50,3 +50,32 @@ function(xrv_test name)
   target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gtest GTest::gmock GTest::gtest_main)
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
 endfunction()
+
+# Libraries whose element parsers register themselves during static initialisation.
+# Nothing refers to those objects, so a plain static link would drop them. Such a
+# library is built from an object library, and programs that read agent
+# definitions link those objects whole (xrv_link_parsers); the archive's copies of
+# the same objects are then never pulled in.
+set_property(GLOBAL PROPERTY XRV_PARSER_LIBRARIES "")
+
+# xrv_parser_library(NAME SOURCES ... DEPS ...): xrv_library for a folder with
+# element parsers.
+function(xrv_parser_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS" ${ARGN})
+  add_library(${name}_objects OBJECT ${ARG_SOURCES})
+  target_include_directories(${name}_objects PUBLIC ${PROJECT_SOURCE_DIR}/src)
+  target_compile_options(${name}_objects PRIVATE ${XRV_WARNINGS})
+  target_link_libraries(${name}_objects PUBLIC ${ARG_DEPS})
+  add_library(${name} STATIC $<TARGET_OBJECTS:${name}_objects>)
+  target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
+  target_link_libraries(${name} PUBLIC ${ARG_DEPS})
+  set_property(GLOBAL APPEND PROPERTY XRV_PARSER_LIBRARIES ${name})
+endfunction()
+
+# xrv_link_parsers(TARGET): links the objects of every parser library into TARGET.
+function(xrv_link_parsers target)
+  get_property(libraries GLOBAL PROPERTY XRV_PARSER_LIBRARIES)
+  foreach(library ${libraries})
+    target_link_libraries(${target} PRIVATE ${library}_objects ${library})
+  endforeach()
+endfunction()

@@ -9,8 +9,12 @@
 #include <string>
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
+extern "C" __attribute__((weak)) int LLVMFuzzerInitialize(int* argc, char*** argv);
 
 int main(int argc, char** argv) {
+  if (LLVMFuzzerInitialize != nullptr) {
+    LLVMFuzzerInitialize(&argc, &argv);
+  }
   int files = 0;
   for (int i = 1; i < argc; ++i) {
     for (const auto& entry : std::filesystem::recursive_directory_iterator(argv[i])) {
