@@ -53,12 +53,14 @@ void AttributeGroupMeta::setGroupName(const char* name) {
 void AttributeGroupMeta::updateColumns(List& attributes) {
   XRV_TRACE_FN();
   columns_.clear();
+  columnAttributes_.clear();
   for (ListIterator it = attributes.iterator(); it.hasNext();) {
     auto* attribute = static_cast<AttributeMeta*>(it.next());
     attributes_.add(attribute);
     if (!attribute->isHidden()) {
       columns_.push_back(ColumnInfo{attribute->getName(), attribute->getType(),
                                     attribute->getSize(), attribute->getOffset()});
+      columnAttributes_.push_back(attribute);
     }
   }
   XRV_TRACE_DETAIL("Counts for table %s: attributes=%d, visible=%d\n", tableName_,
@@ -91,6 +93,13 @@ const ColumnInfo* AttributeGroupMeta::attrInfo(int index) const {
     return nullptr;
   }
   return &columns_[static_cast<size_t>(index)];
+}
+
+AttributeMeta* AttributeGroupMeta::getColumnAttribute(int index) const {
+  if (index < 0 || index >= noOfColumns()) {
+    return nullptr;
+  }
+  return columnAttributes_[static_cast<size_t>(index)];
 }
 
 int AttributeGroupMeta::findColumn(const char* name) const {

@@ -45,6 +45,8 @@ class AttributeGroupMeta {
   int noOfColumns() const { return static_cast<int>(columns_.size()); }
   // Column `index`, or null.
   const ColumnInfo* attrInfo(int index) const;
+  // The attribute of column `index`, or null.
+  AttributeMeta* getColumnAttribute(int index) const;
   // Index of the column named `name`, or -1 ("Column not found on table %s: %s\n").
   int findColumn(const char* name) const;
   // The attribute named `name`, hidden ones included, or null; a miss is traced
@@ -88,6 +90,7 @@ class AttributeGroupMeta {
   int rowSize_ = 0;
   List attributes_;  // of AttributeMeta*, owned
   std::vector<ColumnInfo> columns_;
+  std::vector<AttributeMeta*> columnAttributes_;  // parallel to columns_
   bool pureEventBased_ = false;
   bool discovery_ = false;
   char* subnodeType_ = nullptr;

@@ -1,0 +1,60 @@
+#pragma once
+
+// The flood-control summary thread: one for the process. Event groups with a summary
+// interval queue here; when a group's summary time comes, the thread sends the
+// group's cached events as summary events and queues the group again.
+
+#include <condition_variable>
+#include <ctime>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+class ResultsManager;
+
+// The queue, ordered by next summary time (ascending). Not thread-safe: the thread
+// guards it.
+class SummaryQueue {
+ public:
+  // Nothing when `provider` is queued already; otherwise its next summary becomes
+  // now + its summary interval and it goes after the last provider whose time is
+  // strictly earlier (in front of providers with the same time).
+  void add(ResultsManager* provider, time_t now);
+  // The head, taken off; null when empty.
+  ResultsManager* pop();
+  // False when `provider` was not queued.
+  bool remove(ResultsManager* provider);
+  ResultsManager* head() const { return entries_.empty() ? nullptr : entries_.front(); }
+  bool contains(const ResultsManager* provider) const;
+  size_t size() const { return entries_.size(); }
+
+ private:
+  std::vector<ResultsManager*> entries_;
+};
+
+class FlowControlSummaryThread {
+ public:
+  static FlowControlSummaryThread& instance();
+
+  // Queues `provider` (see SummaryQueue::add); starts the thread on first use.
+  void add(ResultsManager* provider);
+  // Takes `provider` out of the queue; when the thread is sending its summaries right
+  // now, waits until it is done, so the provider may be destroyed afterwards.
+  void remove(ResultsManager* provider);
+  bool isQueued(const ResultsManager* provider);
+  // Stops the thread (it is started again by the next add).
+  void shutdown();
+
+  ~FlowControlSummaryThread();
+
+ private:
+  FlowControlSummaryThread() = default;
+  void flowControlSummaryMain();
+
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  SummaryQueue queue_;
+  ResultsManager* sending_ = nullptr;  // whose summaries are being sent now
+  bool stopping_ = false;
+  std::thread thread_;
+};

@@ -1,0 +1,106 @@
+#include "provider/PerfObject.h"
+
+#include <cstring>
+
+namespace {
+
+constexpr const char* kErrorCodeNames[kPerfObjectErrorCodeCount] = {
+    "OBJECT_ACTIVE",
+    "GENERIC_ERROR",
+    "OBJECT_NOT_FOUND",
+    "COUNTER_NOT_FOUND",
+    "NAMESPACE_ERROR",
+    "OBJECT_CURRENTLY_UNAVAILABLE",
+    "COM_LIBRARY_INIT_FAILURE",
+    "SECURITY_INIT_FAILURE",
+    "IWBEM_LOCATOR_FAILURE",
+    "PROXY_SECURITY_FAILURE",
+    "NO_INSTANCES_RETURNED",
+    "ASSOCIATOR_QUERY_FAILED",
+    "REFERENCE_QUERY_FAILED",
+    "NO_RESPONSE_RECEIVED",
+    "CANNOT_FIND_JOINED_QUERY",
+    "CANNOT_FIND_JOIN_ATTRIBUTE_IN_QUERY_1_RESULTS",
+    "CANNOT_FIND_JOIN_ATTRIBUTE_IN_QUERY_2_RESULTS",
+    "QUERY_1_NOT_A_SINGLETON",
+    "QUERY_2_NOT_A_SINGLETON",
+    "NO_INSTANCES_RETURNED_IN_QUERY_1",
+    "NO_INSTANCES_RETURNED_IN_QUERY_2",
+    "CANNOT_FIND_ROLLUP_AG",
+    "CANNOT_FIND_ROLLUP_ATTRIBUTE",
+    "FILE_OFFLINE",
+    "NO_HOSTNAME",
+    "MISSING_LIBRARY",
+    "ATTRIBUTE_COUNT_MISMATCH",
+    "ATTRIBUTE_NAME_MISMATCH",
+    "COMMON_DATA_PROVIDER_NOT_STARTED",
+    "CALLBACK_REGISTRATION_ERROR",
+    "MDL_LOAD_ERROR",
+    "AUTHENTICATION_FAILED",
+    "HOST_NAME_RESOLUTION_FAILED",
+    "SUBNODE_UNAVAILABLE",
+    "SUBNODE_NOT_FOUND_IN_CONFIG",
+    "ATTRIBUTE_ERROR",
+    "CLASSPATH_ERROR",
+    "CONNECTION_FAILURE",
+    "FILTER_SYNTAX_ERROR",
+    "FILE_NAME_MISSING",
+    "SQL_QUERY_ERROR",
+    "SQL_FILTER_QUERY_ERROR",
+    "SQL_DB_QUERY_ERROR",
+    "SQL_DB_FILTER_QUERY_ERROR",
+    "PORT_OPEN_FAILED",
+    "ACCESS_DENIED",
+    "TIMEOUT",
+    "NOT_IMPLEMENTED",
+    "REQUESTED_A_BAD_VALUE",
+    "RESPONSE_TOO_BIG",
+    "GENERAL_RESPONSE_ERROR",
+    "SCRIPT_NONZERO_RETURN",
+    "SCRIPT_NOT_FOUND",
+    "SCRIPT_LAUNCH_ERROR",
+    "CONF_FILE_DOES_NOT_EXIST",
+    "CONF_FILE_ACCESS_DENIED",
+    "INVALID_CONF_FILE",
+    "OBV_INITIALIZATION_FAILED",
+    "CANNOT_OPEN_FORMAT_FILE",
+    "FORMAT_FILE_SYNTAX_ERROR",
+    "REMOTE_HOST_UNAVAILABLE",
+    "EVENT_LOG_DOES_NOT_EXIST",
+    "PING_FILE_DOES_NOT_EXIST",
+    "NO_PING_DEVICE_FILES",
+    "PING_DEVICE_LIST_FILE_MISSING",
+    "SNMP_MISSING_PASSWORD",
+    "DISABLED",
+    "URLS_FILE_NOT_FOUND",
+    "XML_PARSE_ERROR",
+    "NOT_INITIALIZED",
+    "ICMP_SOCKETS_FAILED",
+    "DUPLICATE_CONF_FILE",
+};
+
+}  // namespace
+
+const char* perfObjectStatusName(int status) {
+  switch (status) {
+    case PERF_OBJECT_ACTIVE:
+      return "PERF_OBJECT_ACTIVE";
+    case PERF_OBJECT_INACTIVE:
+      return "PERF_OBJECT_INACTIVE";
+    default:
+      return "UNKNOWN";
+  }
+}
+
+const char* perfObjectErrorCodeName(int code) {
+  return code >= 0 && code < kPerfObjectErrorCodeCount ? kErrorCodeNames[code] : "UNKNOWN";
+}
+
+int perfObjectErrorCodeFromName(const char* name) {
+  for (int code = 0; name != nullptr && code < kPerfObjectErrorCodeCount; ++code) {
+    if (strcmp(kErrorCodeNames[code], name) == 0) {
+      return code;
+    }
+  }
+  return -1;
+}

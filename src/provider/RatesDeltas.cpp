@@ -1,0 +1,337 @@
+// Deltas, rates, percent changes and previous values: what the attributes of the
+// rate/delta types report, computed from the previous sample of the same row.
+
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "foundation/UTF8String.h"
+#include "framework/api/FwClock.h"
+#include "framework/api/Trace.h"
+#include "provider/PrevResult.h"
+#include "provider/ResultInstance.h"
+#include "provider/ResultMetric.h"
+#include "provider/ResultsManager.h"
+
+namespace {
+
+bool is64BitType(RAW_METRIC_TYPE type) {
+  return type == DELTA_64BIT_DATA || type == RATE_64BIT_DATA || type == PERCENT_DELTA_64BIT_DATA;
+}
+
+bool isPercentType(RAW_METRIC_TYPE type) {
+  return type == PERCENT_DELTA_DATA || type == PERCENT_DELTA_64BIT_DATA;
+}
+
+bool isRateType(RAW_METRIC_TYPE type) { return type == RATE_DATA || type == RATE_64BIT_DATA; }
+
+bool isDeltaType(RAW_METRIC_TYPE type) { return type == DELTA_DATA || type == DELTA_64BIT_DATA; }
+
+// Bytes of a string value of either kind.
+std::string textOf(const ResultMetric& value) {
+  const char* bytes = value.getTextBytes();
+  return bytes == nullptr ? std::string() : std::string(bytes);
+}
+
+// A numeric value, remembered before the previous sample is overwritten.
+struct Number {
+  RESULT_VALUE_KIND kind;
+  long long i64;
+  unsigned long long u64;
+  double d;
+};
+
+Number numberOf(const ResultMetric& value) {
+  Number number{value.getKind(), value.getIntValue64(), 0, value.getDoubleValue()};
+  if (value.isNumberU64()) {
+    number.u64 = value.getUInt64();
+  }
+  return number;
+}
+
+Number numberOf(const PrevResult& previous) {
+  return Number{previous.getKind(), previous.getInt64(), previous.getUInt64(),
+                previous.getDouble()};
+}
+
+long double asLongDouble(const Number& number) {
+  switch (number.kind) {
+    case RESULT_DOUBLE:
+      return number.d;
+    case RESULT_UINT64:
+      return static_cast<long double>(number.u64);
+    default:
+      return static_cast<long double>(number.i64);
+  }
+}
+
+void setNumber(ResultMetric* target, const Number& number) {
+  switch (number.kind) {
+    case RESULT_INT32:
+      target->setMetricValue(static_cast<int>(number.i64));
+      break;
+    case RESULT_UINT64:
+      target->setMetricValue(number.u64);
+      break;
+    case RESULT_DOUBLE:
+      target->setMetricValue(number.d);
+      break;
+    default:
+      target->setMetricValue(number.i64);
+      break;
+  }
+}
+
+}  // namespace
+
+PrevResultInstance* ResultsManager::getPrevResultInstance(const char* name) {
+  XRV_TRACE_FN();
+  XRV_TRACE_DETAIL("Searching for previous instance named %s\n", name);
+  return static_cast<PrevResultInstance*>(previous_.get(name));
+}
+
+PrevResult* ResultsManager::getPrevResult(ResultMetric* metric, PrevResultInstance* instance) {
+  PrevResult* previous = instance->find(metric->getMetricName());
+  if (previous == nullptr) {
+    XRV_TRACE_SITE();
+    XRV_TRACE_DETAIL("Did not find an already initialized result for %s, creating one\n",
+                     metric->getMetricName());
+    previous = instance->add(*metric, fwTime());
+  }
+  return previous;
+}
+
+void ResultsManager::clearPrevResultList() {
+  XRV_TRACE_FN();
+  previous_.foreach ([](const char*, const void* value,
+                        void*) { delete static_cast<const PrevResultInstance*>(value); },
+                     nullptr);
+  previous_.clear();
+  previousOrder_.clear();
+}
+
+PrevResultInstance* ResultsManager::findOrAddPrevResultInstance(const char* name, size_t position) {
+  if (position < previousOrder_.size()) {
+    PrevResultInstance* candidate = previousOrder_[position];
+    if (strcmp(candidate->getName(), name) == 0) {
+      return candidate;
+    }
+  }
+  PrevResultInstance* instance = getPrevResultInstance(name);
+  if (instance == nullptr) {
+    XRV_TRACE_SITE();
+    XRV_TRACE_DETAIL("This instance of %s is new.", name);
+    instance = new PrevResultInstance(name);
+    previous_.put(instance->getName(), instance);
+  }
+  return instance;
+}
+
+void ResultsManager::processRatesDeltas() {
+  XRV_TRACE_FN();
+  const unsigned generation = ++previousGeneration_;
+  std::vector<PrevResultInstance*> order;
+  int seen = 0;
+  {
+    PthreadMutexLock lock(newResultsLock_);
+    order.reserve(static_cast<size_t>(newResults_.count()));
+    for (ResultInstance* row = newResults_.head(); row != nullptr; row = ResultList::next(row)) {
+      const char* name = row->getInstanceName();
+      if (name == nullptr) {
+        XRV_TRACE_DETAIL("WARNING: Skipping ResultInstance with name == NULL");
+        continue;
+      }
+      PrevResultInstance* instance = findOrAddPrevResultInstance(name, order.size());
+      if (instance->getGeneration() != generation) {
+        instance->setGeneration(generation);
+        ++seen;
+      }
+      order.push_back(instance);
+      for (ResultMetric* value = row->getFirstMetric(); value != nullptr;
+           value = static_cast<ResultMetric*>(value->getNextElement())) {
+        if (isRateOrDeltaType(value->getRawMetricType())) {
+          computeRateDelta(getPrevResult(value, instance), value);
+        }
+      }
+    }
+  }
+  XRV_TRACE_DETAIL("This is the new prev value list");
+  if (isAggregating() || isReplacingRowsByKey()) {
+    // Rows that this sample did not replace stay; so do their previous values.
+    XRV_TRACE_DETAIL("preserving previous results for unchanged instances");
+    PthreadMutexLock lock(resultsLock_);
+    for (ResultInstance* row = active_.head(); row != nullptr; row = ResultList::next(row)) {
+      const char* name = row->getInstanceName();
+      auto* instance = name == nullptr ? nullptr : getPrevResultInstance(name);
+      if (instance != nullptr && instance->getGeneration() != generation) {
+        XRV_TRACE_DETAIL("preserving unchanged entry for instance %s", name);
+        instance->setGeneration(generation);
+        ++seen;
+      }
+    }
+  }
+  dropStalePrevResults(seen);
+  previousOrder_ = std::move(order);
+}
+
+void ResultsManager::dropStalePrevResults(int seen) {
+  XRV_TRACE_FN();
+  if (seen == previous_.getCount()) {
+    return;  // every entry was seen: nothing to walk
+  }
+  std::vector<PrevResultInstance*> stale;
+  HashMapIterator it = previous_.iterator();
+  while (it.hasNext()) {
+    it.next();
+    auto* instance = static_cast<PrevResultInstance*>(it.getData());
+    if (instance->getGeneration() != previousGeneration_) {
+      stale.push_back(instance);
+    }
+  }
+  for (PrevResultInstance* instance : stale) {
+    previous_.remove(instance->getName(), nullptr);
+    delete instance;
+  }
+}
+
+void ResultsManager::computeRateDelta(PrevResult* previous, ResultMetric* current) {
+  XRV_TRACE_SITE();
+  const RAW_METRIC_TYPE type = current->getRawMetricType();
+  const char* name = current->getMetricName() == nullptr ? "" : current->getMetricName();
+  time_t now = fwTime();
+
+  if (current->isString() || current->isUTF8String()) {
+    std::string before = previous->getText();
+    std::string now_text = textOf(*current);
+    previous->setValue(*current);
+    previous->setTime(now);
+    if (type == PREVIOUS_STRING_DATA) {
+      if (current->isUTF8String()) {
+        current->setMetricValue(new UTF8String(before.c_str()));
+      } else {
+        current->setMetricValue(before.c_str());
+      }
+    } else if (type == VALUE_CHANGED) {
+      current->setMetricValue(before != now_text ? 1 : 0);
+    } else {
+      XRV_TRACE_ERROR("Expecting PREVIOUS_STRING_DATA or VALUE_CHANGED for %s\n", name);
+    }
+    return;
+  }
+
+  const Number old = numberOf(*previous);
+  const Number fresh = numberOf(*current);
+  const time_t storedAt = previous->getTime();
+  previous->setValue(*current);
+  previous->setTime(now);
+
+  const bool doubles = fresh.kind == RESULT_DOUBLE || old.kind == RESULT_DOUBLE;
+  long long delta = 0;
+  double doubleDelta = 0.0;
+  bool decreased = false;
+  if (doubles) {
+    double was = static_cast<double>(asLongDouble(old));
+    double is = static_cast<double>(asLongDouble(fresh));
+    doubleDelta = is - was;
+    decreased = is < was;
+  } else if (fresh.kind == RESULT_UINT64 || old.kind == RESULT_UINT64) {
+    unsigned long long was =
+        old.kind == RESULT_UINT64 ? old.u64 : static_cast<unsigned long long>(old.i64);
+    unsigned long long is =
+        fresh.kind == RESULT_UINT64 ? fresh.u64 : static_cast<unsigned long long>(fresh.i64);
+    delta = static_cast<long long>(is - was);
+    decreased = is < was;
+  } else {
+    delta = static_cast<long long>(static_cast<unsigned long long>(fresh.i64) -
+                                   static_cast<unsigned long long>(old.i64));
+    decreased = fresh.i64 < old.i64;
+  }
+
+  bool wrapped = false;
+  if (decreased && current->isCounter()) {
+    XRV_TRACE_DETAIL("Metric %s value wrapped.  current (%lld) <  prev (%lld)", name,
+                     doubles ? static_cast<long long>(asLongDouble(fresh)) : fresh.i64,
+                     doubles ? static_cast<long long>(asLongDouble(old)) : old.i64);
+    wrapped = true;
+    delta = 0;
+    doubleDelta = 0.0;
+  }
+
+  if (!is64BitType(type)) {
+    if (doubles) {
+      if (doubleDelta > 2147483647.0) {
+        XRV_TRACE_DETAIL("Metric %s delta of %lld exceeds max.", name,
+                         static_cast<long long>(doubleDelta));
+        doubleDelta = 2147483647.0;
+      } else if (doubleDelta < -2147483648.0) {
+        XRV_TRACE_DETAIL("Metric %s delta of %lld exceeds max min.", name,
+                         static_cast<long long>(doubleDelta));
+        doubleDelta = -2147483648.0;
+      }
+    } else if (delta > INT_MAX) {
+      XRV_TRACE_DETAIL("Metric %s delta of %lld exceeds max.", name, delta);
+      delta = INT_MAX;
+    } else if (delta < INT_MIN) {
+      XRV_TRACE_DETAIL("Metric %s delta of %lld exceeds max min.", name, delta);
+      delta = INT_MIN;
+    }
+  }
+
+  if (type == VALUE_CHANGED) {
+    current->setMetricValue((doubles ? doubleDelta != 0.0 : delta != 0) ? 1 : 0);
+  } else if (type == PREVIOUS_NUMERIC_DATA) {
+    setNumber(current, old);
+  } else if (isDeltaType(type)) {
+    if (doubles) {
+      current->setMetricValue(doubleDelta);
+    } else if (type == DELTA_DATA) {
+      current->setMetricValue(static_cast<int>(delta));
+    } else {
+      current->setMetricValue(delta);
+    }
+  } else if (isPercentType(type)) {
+    long double was = asLongDouble(old);
+    long long percent = 0;
+    if (was != 0) {
+      long double change = doubles ? static_cast<long double>(doubleDelta) : delta;
+      long double value = change / was * 100.0L + 0.5L;
+      if (value >= static_cast<long double>(LLONG_MAX)) {
+        percent = LLONG_MAX;
+      } else if (value <= static_cast<long double>(LLONG_MIN)) {
+        percent = LLONG_MIN;
+      } else {
+        percent = static_cast<long long>(value);  // toward zero
+      }
+    }
+    if (type == PERCENT_DELTA_DATA) {
+      current->setMetricValue(static_cast<int>(percent < INT_MIN   ? INT_MIN
+                                               : percent > INT_MAX ? INT_MAX
+                                                                   : percent));
+    } else {
+      current->setMetricValue(percent);
+    }
+  } else if (isRateType(type)) {
+    long long interval = static_cast<long long>(now - storedAt);
+    if (interval <= 0) {
+      interval = 1;
+    }
+    if (doubles) {
+      current->setMetricValue(wrapped ? 0.0 : doubleDelta / static_cast<double>(interval));
+      return;
+    }
+    long long rate = wrapped ? 0 : delta / interval;
+    if (type == RATE_DATA) {
+      if (rate > INT_MAX) {
+        XRV_TRACE_DETAIL("Metric %s Rate of %lld exceeds max.", name, rate);
+        rate = INT_MAX;
+      } else if (rate < INT_MIN) {
+        XRV_TRACE_DETAIL("Metric %s Rate of %lld exceeds max min.", name, rate);
+        rate = INT_MIN;
+      }
+      current->setMetricValue(static_cast<int>(rate));
+    } else {
+      current->setMetricValue(rate);
+    }
+  }
+}

@@ -1,0 +1,197 @@
+#include "provider/ResultInstance.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "framework/api/Trace.h"
+#include "provider/ResultMetric.h"
+
+namespace {
+
+// The name buffer grows by at least this much, so that a row of a few short keys
+// costs one allocation.
+constexpr size_t kNameGrowth = 64;
+
+constexpr size_t kTimestampLength = 16;
+
+void linkAtTail(ResultMetric*& first, ResultMetric*& last, ResultMetric* metric) {
+  metric->setNextElement(nullptr);
+  metric->setPrevElement(last);
+  if (last == nullptr) {
+    first = metric;
+  } else {
+    last->setNextElement(metric);
+  }
+  last = metric;
+}
+
+void deleteChain(ResultMetric* first) {
+  ListElement* element = first;
+  while (element != nullptr) {
+    ListElement* next = element->getNextElement();
+    delete element;
+    element = next;
+  }
+}
+
+ResultMetric* nextMetric(const ResultMetric* metric) {
+  return static_cast<ResultMetric*>(metric->getNextElement());
+}
+
+// Copies of every value of the chain from `first`, linked after `copyLast`. Returns the
+// number copied.
+int copyChain(const ResultMetric* first, ResultMetric*& copyFirst, ResultMetric*& copyLast) {
+  int count = 0;
+  for (const ResultMetric* metric = first; metric != nullptr; metric = nextMetric(metric)) {
+    ResultMetric* copy = metric->getDeepCopy();
+    if (copy != nullptr) {
+      linkAtTail(copyFirst, copyLast, copy);
+      ++count;
+    }
+  }
+  return count;
+}
+
+}  // namespace
+
+ResultInstance::ResultInstance(const char* name, int expectedMetricCount)
+    : expectedMetricCount_(expectedMetricCount) {
+  XRV_TRACE_FN();
+  if (name != nullptr) {
+    named_ = true;
+    appendToName(name, strlen(name));
+  }
+}
+
+ResultInstance::~ResultInstance() {
+  XRV_TRACE_FN();
+  deleteChain(firstMetric_);
+  deleteChain(firstDerived_);
+  free(name_);
+}
+
+bool ResultInstance::appendToName(const char* text, size_t length) {
+  bool separator = keyCount_ > 0;
+  size_t needed = nameLength_ + (separator ? 1 : 0) + length + 1;
+  if (needed > nameCapacity_) {
+    // Growing by the value's length + 2 always covers the "|" and the NUL: a buffer
+    // that exists already holds the NUL of the current name.
+    size_t growth = length + 2 > kNameGrowth ? length + 2 : kNameGrowth;
+    char* grown = static_cast<char*>(realloc(name_, nameCapacity_ + growth));
+    if (grown == nullptr) {
+      XRV_TRACE_SITE();
+      XRV_TRACE_ERROR("Unable to reallocate %s", name_ == nullptr ? "" : name_);
+      return false;
+    }
+    name_ = grown;
+    nameCapacity_ += growth;
+  }
+  if (separator) {
+    name_[nameLength_++] = '|';
+  }
+  memcpy(name_ + nameLength_, text, length);
+  nameLength_ += length;
+  name_[nameLength_] = '\0';
+  return true;
+}
+
+void ResultInstance::addMetric(ResultMetric* metric) {
+  if (metric == nullptr) [[unlikely]] {
+    XRV_TRACE_SITE();
+    XRV_TRACE_ERROR("No metric to add to instance %s", name_ == nullptr ? "" : name_);
+    return;
+  }
+  linkAtTail(firstMetric_, lastMetric_, metric);
+  ++metricCount_;
+  if (!metric->isKey()) {
+    return;
+  }
+
+  char number[32];  // the longest "%g", "%lld" or "%llu" output fits
+  const char* text = number;
+  int printed = 0;
+  switch (metric->getKind()) {
+    case RESULT_INT32:
+      printed = snprintf(number, sizeof number, "%d", metric->getInt());
+      break;
+    case RESULT_INT64:
+      printed = snprintf(number, sizeof number, "%lld", metric->getInt64());
+      break;
+    case RESULT_UINT64:
+      printed = snprintf(number, sizeof number, "%llu", metric->getUInt64());
+      break;
+    case RESULT_DOUBLE:
+      printed = snprintf(number, sizeof number, "%g", metric->getDouble());
+      break;
+    case RESULT_STRING:
+    case RESULT_UTF8:
+      text = metric->getTextBytes();
+      break;
+    default: {
+      XRV_TRACE_SITE();
+      XRV_TRACE_ERROR("Unknown metric type for metric %s",
+                      metric->getMetricName() == nullptr ? "" : metric->getMetricName());
+      return;
+    }
+  }
+  size_t length = text == number ? static_cast<size_t>(printed) : strlen(text);
+  if (appendToName(text, length)) {
+    ++keyCount_;
+  }
+}
+
+ResultMetric* ResultInstance::findMetric(const char* metricName) const {
+  XRV_TRACE_FN();
+  if (metricName == nullptr) {
+    return nullptr;
+  }
+  for (ResultMetric* metric = firstMetric_; metric != nullptr; metric = nextMetric(metric)) {
+    const char* name = metric->getMetricName();
+    if (name != nullptr && strcmp(name, metricName) == 0) {
+      return metric;
+    }
+  }
+  return nullptr;
+}
+
+void ResultInstance::addDerivedMetric(ResultMetric* metric) {
+  if (metric == nullptr) {
+    return;
+  }
+  linkAtTail(firstDerived_, lastDerived_, metric);
+  ++derivedCount_;
+}
+
+void ResultInstance::clearDerivedMetrics() {
+  XRV_TRACE_FN();
+  deleteChain(firstDerived_);
+  firstDerived_ = nullptr;
+  lastDerived_ = nullptr;
+  derivedCount_ = 0;
+}
+
+void ResultInstance::setTimestamp(const char* timestamp) {
+  size_t length = timestamp == nullptr ? 0 : strnlen(timestamp, kTimestampLength);
+  if (length != 0) {
+    memcpy(timestamp_, timestamp, length);
+  }
+  timestamp_[length] = '\0';
+}
+
+ResultInstance* ResultInstance::getDeepCopy() const {
+  XRV_TRACE_FN();
+  auto* copy = new ResultInstance(nullptr, expectedMetricCount_);
+  if (name_ != nullptr) {
+    copy->appendToName(name_, nameLength_);
+  }
+  copy->named_ = named_;
+  copy->keyCount_ = keyCount_;
+  copy->metricCount_ = copyChain(firstMetric_, copy->firstMetric_, copy->lastMetric_);
+  copy->derivedCount_ = copyChain(firstDerived_, copy->firstDerived_, copy->lastDerived_);
+  memcpy(copy->timestamp_, timestamp_, sizeof timestamp_);
+  copy->occurrences_ = occurrences_;
+  copy->summary_ = summary_;
+  copy->passesFilter_ = passesFilter_;
+  return copy;
+}

@@ -1,0 +1,438 @@
+#include "provider/ResultMetric.h"
+
+#include <climits>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "foundation/String.h"
+#include "foundation/UTF8String.h"
+#include "framework/api/Trace.h"
+
+namespace {
+
+constexpr const char kNoValue[] = "No value";
+
+// What a byte-string value points at when its copy could not be allocated. Never
+// freed, never written.
+char kEmptyText[1] = {'\0'};
+
+// A malloc'd copy of `text`, or the shared empty text when memory is short.
+char* copyText(const char* text, size_t length) {
+  char* copy = static_cast<char*>(malloc(length + 1));
+  if (copy == nullptr) {
+    XRV_TRACE_SITE();
+    XRV_TRACE_ERROR("Unable to allocate %zu bytes for a value, using an empty text", length + 1);
+    return kEmptyText;
+  }
+  memcpy(copy, text, length);
+  copy[length] = '\0';
+  return copy;
+}
+
+UTF8String* newUTF8(const char* text) {
+  auto* value = new (std::nothrow) UTF8String(text);
+  if (value == nullptr) {
+    XRV_TRACE_SITE();
+    XRV_TRACE_ERROR("Unable to allocate a UTF-8 value");
+  }
+  return value;
+}
+
+// C casts of out-of-range doubles are undefined; clamp them to the target range and
+// make NaN 0, truncating everything else toward zero.
+template <typename Integer>
+Integer truncateDouble(double value, Integer minimum, Integer maximum) {
+  if (std::isnan(value)) {
+    return 0;
+  }
+  if (value <= static_cast<double>(minimum)) {
+    return minimum;
+  }
+  if (value >= static_cast<double>(maximum)) {
+    return maximum;
+  }
+  return static_cast<Integer>(value);
+}
+
+}  // namespace
+
+// Private constructors: identity only, the value is zero until the public
+// constructor (or the caller) stores one.
+
+ResultMetric::ResultMetric(const Metric* metric, RESULT_VALUE_KIND kind)
+    : type_(NUMERIC_DATA),
+      kind_(static_cast<uint8_t>(kind)),
+      ownsNames_(false),
+      key_(false),
+      counter_(false),
+      mapped_(false) {
+  source_.metric = metric;
+  value_.u64 = 0;
+  if (metric == nullptr) [[unlikely]] {
+    XRV_TRACE_SITE();
+    XRV_TRACE_ERROR("Value built without a metric");
+    return;
+  }
+  type_ = static_cast<uint8_t>(metric->getRawMetricType());
+  key_ = metric->getIsKey();
+  counter_ = metric->isCounter();
+}
+
+ResultMetric::ResultMetric(const char* name, const char* displayName, RAW_METRIC_TYPE type,
+                           RESULT_VALUE_KIND kind)
+    : type_(static_cast<uint8_t>(type)),
+      kind_(static_cast<uint8_t>(kind)),
+      ownsNames_(true),
+      key_(false),
+      counter_(false),
+      mapped_(false) {
+  source_.names = nullptr;
+  value_.u64 = 0;
+  size_t nameLength = name == nullptr ? 0 : strlen(name) + 1;
+  size_t displayLength = displayName == nullptr ? 0 : strlen(displayName) + 1;
+  if (nameLength + displayLength == 0) {
+    return;
+  }
+  char* block = static_cast<char*>(malloc(2 + nameLength + displayLength));
+  if (block == nullptr) [[unlikely]] {
+    XRV_TRACE_SITE();
+    XRV_TRACE_ERROR("Unable to copy the names of metric %s", name == nullptr ? "" : name);
+    return;
+  }
+  block[0] = name != nullptr ? 1 : 0;
+  block[1] = displayName != nullptr ? 1 : 0;
+  if (name != nullptr) {
+    memcpy(block + 2, name, nameLength);
+  }
+  if (displayName != nullptr) {
+    memcpy(block + 2 + nameLength, displayName, displayLength);
+  }
+  source_.names = block;
+}
+
+const char* ResultMetric::getMetricName() const {
+  if (!ownsNames_) {
+    return source_.metric == nullptr ? nullptr : source_.metric->getMetricName();
+  }
+  return source_.names != nullptr && source_.names[0] != 0 ? source_.names + 2 : nullptr;
+}
+
+const char* ResultMetric::getSurfMetricName() const {
+  if (!ownsNames_) {
+    return source_.metric == nullptr ? nullptr : source_.metric->getSurfMetricName();
+  }
+  if (source_.names == nullptr || source_.names[1] == 0) {
+    return nullptr;
+  }
+  const char* after = source_.names + 2;
+  return source_.names[0] != 0 ? after + strlen(after) + 1 : after;
+}
+
+ResultMetric::ResultMetric(const Metric* metric, int value) : ResultMetric(metric, RESULT_INT32) {
+  value_.i32 = value;
+}
+
+ResultMetric::ResultMetric(const Metric* metric, long long value)
+    : ResultMetric(metric, RESULT_INT64) {
+  value_.i64 = value;
+}
+
+ResultMetric::ResultMetric(const Metric* metric, unsigned long long value)
+    : ResultMetric(metric, RESULT_UINT64) {
+  value_.u64 = value;
+}
+
+ResultMetric::ResultMetric(const Metric* metric, double value)
+    : ResultMetric(metric, RESULT_DOUBLE) {
+  value_.d = value;
+}
+
+ResultMetric::ResultMetric(const Metric* metric, const char* value)
+    : ResultMetric(metric, RESULT_STRING) {
+  const char* text = value == nullptr ? kNoValue : value;
+  value_.text = copyText(text, strlen(text));
+}
+
+ResultMetric::ResultMetric(const Metric* metric, UTF8String* value)
+    : ResultMetric(metric, RESULT_UTF8) {
+  value_.utf8 = value == nullptr ? newUTF8(kNoValue) : value;
+}
+
+ResultMetric::ResultMetric(const char* name, const char* displayName, RAW_METRIC_TYPE type,
+                           const char* value)
+    : ResultMetric(name, displayName, type, RESULT_STRING) {
+  const char* text = value == nullptr ? kNoValue : value;
+  value_.text = copyText(text, strlen(text));
+}
+
+ResultMetric::ResultMetric(const char* name, const char* displayName, RAW_METRIC_TYPE type,
+                           UTF8String* value)
+    : ResultMetric(name, displayName, type, RESULT_UTF8) {
+  value_.utf8 = value == nullptr ? newUTF8(kNoValue) : value;
+}
+
+ResultMetric::~ResultMetric() {
+  releaseValue();
+  if (ownsNames_) {
+    free(source_.names);
+  }
+}
+
+void ResultMetric::releaseValue() {
+  if (kind_ == RESULT_STRING) {
+    if (value_.text != kEmptyText) {
+      free(value_.text);
+    }
+  } else if (kind_ == RESULT_UTF8) {
+    delete value_.utf8;
+  }
+  kind_ = RESULT_INT32;
+  value_.u64 = 0;
+}
+
+const char* ResultMetric::getTextBytes() const {
+  if (kind_ == RESULT_STRING) {
+    return value_.text;
+  }
+  if (kind_ == RESULT_UTF8) {
+    return value_.utf8 == nullptr ? kEmptyText : value_.utf8->getBytes();
+  }
+  return nullptr;
+}
+
+int ResultMetric::getIntValue() const {
+  switch (kind_) {
+    case RESULT_INT32:
+      return value_.i32;
+    case RESULT_INT64:
+      return static_cast<int>(value_.i64);
+    case RESULT_UINT64:
+      return static_cast<int>(value_.u64);
+    case RESULT_DOUBLE:
+      return truncateDouble<int>(value_.d, INT_MIN, INT_MAX);
+    default:
+      return 0;
+  }
+}
+
+long long ResultMetric::getIntValue64() const {
+  switch (kind_) {
+    case RESULT_INT32:
+      return value_.i32;
+    case RESULT_INT64:
+      return value_.i64;
+    case RESULT_UINT64:
+      return static_cast<long long>(value_.u64);
+    case RESULT_DOUBLE:
+      return truncateDouble<long long>(value_.d, LLONG_MIN, LLONG_MAX);
+    default:
+      return 0;
+  }
+}
+
+double ResultMetric::getDoubleValue() const {
+  switch (kind_) {
+    case RESULT_INT32:
+      return value_.i32;
+    case RESULT_INT64:
+      return static_cast<double>(value_.i64);
+    case RESULT_UINT64:
+      return static_cast<double>(value_.u64);
+    case RESULT_DOUBLE:
+      return value_.d;
+    default:
+      return 0.0;
+  }
+}
+
+void ResultMetric::setMetricValue(int value) {
+  releaseValue();
+  kind_ = RESULT_INT32;
+  value_.i32 = value;
+}
+
+void ResultMetric::setMetricValue(long long value) {
+  releaseValue();
+  kind_ = RESULT_INT64;
+  value_.i64 = value;
+}
+
+void ResultMetric::setMetricValue(unsigned long long value) {
+  releaseValue();
+  kind_ = RESULT_UINT64;
+  value_.u64 = value;
+}
+
+void ResultMetric::setMetricValue(double value) {
+  releaseValue();
+  kind_ = RESULT_DOUBLE;
+  value_.d = value;
+}
+
+void ResultMetric::setMetricValue(const char* value) {
+  XRV_TRACE_FN();
+  const char* text = value == nullptr ? kNoValue : value;
+  size_t length = strlen(text);
+  if (kind_ == RESULT_STRING && value_.text != kEmptyText) {
+    // Reuse the buffer: a shorter text fits (it may even lie inside the old one), a
+    // longer one cannot lie inside it, so the buffer may move.
+    size_t oldLength = strlen(value_.text);
+    if (length <= oldLength) {
+      memmove(value_.text, text, length + 1);
+      return;
+    }
+    char* grown = static_cast<char*>(realloc(value_.text, length + 1));
+    if (grown != nullptr) {
+      memcpy(grown, text, length + 1);
+      value_.text = grown;
+      return;
+    }
+  }
+  // Copy before releasing: `value` may be the bytes of the current UTF-8 value.
+  char* copy = copyText(text, length);
+  releaseValue();
+  kind_ = RESULT_STRING;
+  value_.text = copy;
+}
+
+void ResultMetric::setMetricValue(UTF8String* value) {
+  XRV_TRACE_FN();
+  if (kind_ == RESULT_UTF8 && value == value_.utf8 && value != nullptr) {
+    return;
+  }
+  UTF8String* owned = value == nullptr ? newUTF8(kNoValue) : value;
+  releaseValue();
+  kind_ = RESULT_UTF8;
+  value_.utf8 = owned;
+}
+
+void ResultMetric::setValueFrom(const ResultMetric& other) {
+  XRV_TRACE_FN();
+  if (&other == this) {
+    return;
+  }
+  mapped_ = other.mapped_;
+  switch (other.kind_) {
+    case RESULT_STRING:
+      setMetricValue(static_cast<const char*>(other.value_.text));
+      return;
+    case RESULT_UTF8: {
+      const UTF8String* source = other.value_.utf8;
+      if (kind_ == RESULT_UTF8 && value_.utf8 != nullptr && source != nullptr) {
+        *value_.utf8 = *source;  // reuses the buffer when it is large enough
+        return;
+      }
+      UTF8String* copy = source == nullptr ? nullptr : new (std::nothrow) UTF8String(*source);
+      if (copy == nullptr && source != nullptr) {
+        XRV_TRACE_ERROR("Unable to copy the value of metric %s",
+                        getMetricName() == nullptr ? "" : getMetricName());
+      }
+      releaseValue();
+      kind_ = RESULT_UTF8;
+      value_.utf8 = copy;
+      return;
+    }
+    default:
+      releaseValue();
+      kind_ = other.kind_;
+      value_ = other.value_;
+      return;
+  }
+}
+
+ResultMetric* ResultMetric::getDeepCopy() const {
+  XRV_TRACE_FN();
+  ResultMetric* copy = ownsNames_ ? new (std::nothrow)
+                                        ResultMetric(getMetricName(), getSurfMetricName(),
+                                                     getRawMetricType(), RESULT_INT32)
+                                  : new (std::nothrow) ResultMetric(source_.metric, RESULT_INT32);
+  if (copy == nullptr) {
+    XRV_TRACE_ERROR("Unable to copy the value of metric %s",
+                    getMetricName() == nullptr ? "" : getMetricName());
+    return nullptr;
+  }
+  copy->type_ = type_;
+  copy->key_ = key_;
+  copy->counter_ = counter_;
+  copy->setValueFrom(*this);
+  return copy;
+}
+
+ResultMetric* ResultMetric::getDeepCopy(const char* name, const char* displayName) const {
+  XRV_TRACE_FN();
+  auto* copy = new (std::nothrow) ResultMetric(name, displayName, getRawMetricType(), RESULT_INT32);
+  if (copy == nullptr) {
+    XRV_TRACE_ERROR("Unable to copy the value of metric %s",
+                    getMetricName() == nullptr ? "" : getMetricName());
+    return nullptr;
+  }
+  copy->key_ = key_;
+  copy->counter_ = counter_;
+  copy->setValueFrom(*this);
+  return copy;
+}
+
+void ResultMetric::toUTF8String(XRV::String* out) const {
+  XRV_TRACE_FN();
+  if (out == nullptr) {
+    return;
+  }
+  out->clear();
+  switch (kind_) {
+    case RESULT_INT32:
+      out->appendFormat("%d", value_.i32);
+      break;
+    case RESULT_INT64:
+      out->appendFormat("%lld", value_.i64);
+      break;
+    case RESULT_UINT64:
+      out->appendFormat("%llu", value_.u64);
+      break;
+    case RESULT_DOUBLE:
+      out->appendFormat("%15.15g", value_.d);
+      break;
+    case RESULT_STRING:
+      out->assign(value_.text);
+      break;
+    case RESULT_UTF8:
+      if (value_.utf8 != nullptr) {
+        out->assign(value_.utf8->getBytes(), value_.utf8->length());
+      }
+      break;
+  }
+}
+
+bool ResultMetric::areValuesEqual(const ResultMetric* other) const {
+  XRV_TRACE_FN();
+  if (other == nullptr) {
+    return false;
+  }
+  if (kind_ == other->kind_) {
+    switch (kind_) {
+      case RESULT_INT32:
+        return value_.i32 == other->value_.i32;
+      case RESULT_INT64:
+        return value_.i64 == other->value_.i64;
+      case RESULT_UINT64:
+        return value_.u64 == other->value_.u64;
+      case RESULT_DOUBLE:
+        return value_.d == other->value_.d;
+      case RESULT_STRING:
+        return strcmp(value_.text, other->value_.text) == 0;
+      case RESULT_UTF8:
+        if (value_.utf8 == nullptr || other->value_.utf8 == nullptr) {
+          return value_.utf8 == other->value_.utf8;
+        }
+        return value_.utf8->equals(*other->value_.utf8);
+    }
+    return false;
+  }
+  // A byte string against a UTF-8 string: the bytes of one against the other.
+  if ((kind_ == RESULT_STRING && other->kind_ == RESULT_UTF8) ||
+      (kind_ == RESULT_UTF8 && other->kind_ == RESULT_STRING)) {
+    return strcmp(getTextBytes(), other->getTextBytes()) == 0;
+  }
+  return false;
+}

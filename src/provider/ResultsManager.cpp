@@ -1,0 +1,641 @@
+#include "provider/ResultsManager.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <mutex>
+
+#include "definition/AttributeGroupMeta.h"
+#include "foundation/Utilities.h"
+#include "framework/api/Configuration.h"
+#include "framework/api/FwClock.h"
+#include "framework/api/Trace.h"
+#include "provider/FlowControlSummaryThread.h"
+#include "provider/PrevResult.h"
+#include "provider/ResultInstance.h"
+#include "provider/ResultMetric.h"
+
+namespace {
+
+bool flagIsOn(const char* value) {
+  return value != nullptr && (value[0] == 'y' || value[0] == 'Y');
+}
+
+// Row filter parsers by grammar name.
+std::mutex filterParsersLock;
+std::map<std::string, RowFilterParser>& filterParsers() {
+  static std::map<std::string, RowFilterParser> parsers;
+  return parsers;
+}
+
+RowFilterParser findFilterParser(const char* grammar) {
+  std::lock_guard<std::mutex> lock(filterParsersLock);
+  auto found = filterParsers().find(grammar == nullptr ? "" : grammar);
+  return found == filterParsers().end() ? nullptr : found->second;
+}
+
+void freeKey(const char* key, const void* /*value*/, void* /*arg*/) {
+  free(const_cast<char*>(key));
+}
+
+}  // namespace
+
+void registerRowFilterParser(const char* grammar, RowFilterParser parser) {
+  std::lock_guard<std::mutex> lock(filterParsersLock);
+  if (parser == nullptr) {
+    filterParsers().erase(grammar);
+  } else {
+    filterParsers()[grammar] = parser;
+  }
+}
+
+ResultsManager::ResultsManager(const char* applicationName, const char* attributeGroup,
+                               int objectType)
+    : UAClientClass(applicationName, attributeGroup, objectType),
+      activeByName_(256),
+      previous_(256),
+      requestIntervals_(16) {
+  XRV_TRACE_FN();
+  constructorHelper();
+}
+
+ResultsManager::ResultsManager(const ResultsManager* source, const char* subnodeKey)
+    : UAClientClass(source, subnodeKey), activeByName_(256), previous_(256), requestIntervals_(16) {
+  XRV_TRACE_FN();
+  constructorHelper();
+  derivedMetrics_ = source->derivedMetrics_;
+  timestampColumn_ = source->timestampColumn_;
+  instanceNameColumn_ = source->instanceNameColumn_;
+  checkMetricCounts_ = source->checkMetricCounts_;
+  inputIsUTF8_ = source->inputIsUTF8_;
+}
+
+ResultsManager::~ResultsManager() {
+  XRV_TRACE_FN();
+  removeSummaryQuery();
+  clearResultSet();
+  clearNewResultSet();
+  clearPrevResultList();
+  clearPureCache();
+  requestIntervals_.foreach (freeKey, nullptr);
+  delete filter_;
+}
+
+void ResultsManager::constructorHelper() {
+  XRV_TRACE_FN();
+  const char* group = getAttributeGroup();
+  std::string upper = group;
+  for (char& c : upper) {
+    c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
+  }
+  auto name = [&upper](const char* suffix) { return "CDP_" + upper + suffix; };
+
+  char* value = getGroupSetting("_PURE_EVENT_CACHE_SIZE");
+  if (value != nullptr) {
+    pureCacheSize_ = atoi(value);
+    XRV_TRACE_DETAIL("Attribute group %s will have custom event cache size of %d", group,
+                     pureCacheSize_);
+  } else {
+    char* global = fwGetEnv("CDP_PURE_EVENT_CACHE_SIZE", nullptr);
+    if (global != nullptr) {
+      pureCacheSize_ = atoi(global);
+      XRV_TRACE_DETAIL(
+          "Setting the pure event cache size for attribute group %s to global value %d", group,
+          pureCacheSize_);
+      free(global);
+    }
+  }
+  free(value);
+  if (pureCacheSize_ < 0) {
+    pureCacheSize_ = 0;
+  }
+
+  value = getGroupSetting("_AGGREGATE_RESULTS");
+  aggregate_ = flagIsOn(value);
+  if (aggregate_) {
+    XRV_TRACE_DETAIL("Attribute group %s will aggregate data", group);
+  } else {
+    XRV_TRACE_DETAIL("%s not set, attribute group %s will not aggregate data",
+                     name("_AGGREGATE_RESULTS").c_str(), group);
+  }
+  free(value);
+
+  value = getGroupSetting("_REPLACE_ROWS_BY_KEY");
+  replaceRowsByKey_ = flagIsOn(value);
+  if (replaceRowsByKey_) {
+    XRV_TRACE_DETAIL(
+        "Attribute group %s will replace rows of data with new ones with the same keys", group);
+  } else {
+    XRV_TRACE_DETAIL("%s not set, attribute group %s will replace data on sample normally",
+                     name("_REPLACE_ROWS_BY_KEY").c_str(), group);
+  }
+  free(value);
+
+  value = getGroupSetting("_PURGE_INTERVAL");
+  purgeInterval_ = value == nullptr ? 0 : atoi(value);
+  if (purgeInterval_ > 0) {
+    XRV_TRACE_DETAIL("Attribute group %s will purge data when it gets to be over %d seconds old",
+                     group, purgeInterval_);
+  } else {
+    XRV_TRACE_DETAIL("%s not set, attribute group %s will not automatically purge any data",
+                     name("_PURGE_INTERVAL").c_str(), group);
+  }
+  free(value);
+
+  value = getGroupSetting("_DISABLE_COLLECTION");
+  collectionDisabled_ = flagIsOn(value);
+  if (collectionDisabled_) {
+    XRV_TRACE_DETAIL("Attribute group %s will not collect data", group);
+  } else {
+    XRV_TRACE_DETAIL("%s not set, attribute group %s will collect data",
+                     name("_DISABLE_COLLECTION").c_str(), group);
+  }
+  free(value);
+
+  value = getGroupSetting("_ONLY_FORCED_COLLECTION");
+  if (flagIsOn(value)) {
+    setOnlyForcedCollections(true);
+    XRV_TRACE_DETAIL(
+        "Attribute group %s will only collect data when forced through a client "
+        "request",
+        group);
+  }
+  free(value);
+
+  value = getGroupSetting("_REPLACE_WITH_LATEST");
+  replaceWithLatest_ = flagIsOn(value);
+  if (replaceWithLatest_) {
+    XRV_TRACE_DETAIL(
+        "Attribute group %s will store its pure event cache using the latest "
+        "matching event, not the first matching event.",
+        group);
+  }
+  free(value);
+
+  value = getGroupSetting("_TRUNCATE_TIMESTAMP");
+  truncateTimestamp_ = flagIsOn(value);
+  if (truncateTimestamp_) {
+    XRV_TRACE_DETAIL("Attribute group %s will truncate its timestamp values to the minute.", group);
+  }
+  free(value);
+}
+
+void ResultsManager::start() {
+  XRV_TRACE_FN();
+  UAClientClass::start();
+  reset();
+}
+
+void ResultsManager::reset() {
+  XRV_TRACE_FN();
+  readFloodControlSettings();
+  readFilterSettings();
+}
+
+void ResultsManager::readFloodControlSettings() {
+  XRV_TRACE_FN();
+  AttributeGroupMeta* meta = getAttributeGroupMeta();
+  int interval = 0;
+  int threshold = EVENT_SEND_ALL;
+  const char* intervalText = meta == nullptr ? nullptr : meta->evtSummaryInterval();
+  const char* thresholdText = meta == nullptr ? nullptr : meta->evtFloodThreshold();
+  if (intervalText != nullptr) {
+    char* expanded = Utilities::substituteEnvVars(intervalText, nullptr, nullptr, true);
+    interval = expanded == nullptr ? 0 : atoi(expanded);
+    free(expanded);
+  }
+  if (thresholdText != nullptr) {
+    char* expanded = Utilities::substituteEnvVars(thresholdText, nullptr, nullptr, true);
+    const char* word = expanded == nullptr ? "" : expanded;
+    if (strcmp(word, "send_all") == 0) {
+      threshold = EVENT_SEND_ALL;
+    } else if (strcmp(word, "send_none") == 0) {
+      threshold = EVENT_SEND_NONE;
+    } else if (strcmp(word, "send_first") == 0) {
+      threshold = EVENT_SEND_FIRST;
+    } else {
+      threshold = atoi(word);
+      if (threshold == 0 || threshold < EVENT_SEND_ALL) {
+        XRV_TRACE_ERROR("WARNING: invalid flood control threshold '%s', treating as SEND_NONE",
+                        word);
+        threshold = EVENT_SEND_NONE;
+      }
+    }
+    free(expanded);
+  }
+  if (threshold != EVENT_SEND_ALL && interval < 1) {
+    XRV_TRACE_ERROR(
+        "WARNING: flood control threshold set without summary interval.  Thresholds "
+        "would never reset; disabling flood control");
+    threshold = EVENT_SEND_ALL;
+  }
+  floodThreshold_ = threshold;
+  summaryInterval_.store(interval < 0 ? 0 : interval);
+  XRV_TRACE_DETAIL("%s:%s Flood control: summary interval = %d, threshold = %d",
+                   getAttributeGroup(), getSubnodeKey() == nullptr ? "none" : getSubnodeKey(),
+                   summaryInterval_.load(), floodThreshold_);
+  if (summaryInterval_.load() > 0) {
+    addSummarizationClass(this);
+  } else {
+    removeSummaryQuery();
+  }
+}
+
+void ResultsManager::readFilterSettings() {
+  XRV_TRACE_FN();
+  delete filter_;
+  filter_ = nullptr;
+  AttributeGroupMeta* meta = getAttributeGroupMeta();
+  const char* text = meta == nullptr ? nullptr : meta->getFilterExpression();
+  if (text == nullptr || *text == '\0') {
+    return;
+  }
+  const char* grammar = meta->getFilterGrammar();
+  char* expanded = nullptr;
+  if (strcmp(grammar, "filter") == 0) {
+    XRV_TRACE_DETAIL("Found filter expression %s", text);
+    expanded = Utilities::substituteEnvVars(text, nullptr, nullptr, true);
+    XRV_TRACE_DETAIL("Found filter expression, expanded to %s",
+                     expanded == nullptr ? "" : expanded);
+  } else if (strcmp(grammar, "expression") != 0) {
+    XRV_TRACE_ERROR("Unknown filter grammar %s for attribute group %s, no filter applied", grammar,
+                    getAttributeGroup());
+    return;
+  }
+  RowFilterParser parser = findFilterParser(grammar);
+  if (parser == nullptr) {
+    XRV_TRACE_ERROR(
+        "Row filters are not available in this build; the filter of attribute group "
+        "%s is not applied",
+        getAttributeGroup());
+  } else {
+    std::string error;
+    filter_ = parser(expanded != nullptr ? expanded : text, &error);
+    if (filter_ == nullptr) {
+      XRV_TRACE_ERROR("AG %s, error parsing filters", getAttributeGroup());
+      XRV_TRACE_DETAIL("%s", error.c_str());
+    }
+  }
+  free(expanded);
+}
+
+std::vector<std::string> ResultsManager::getPropertyNames() {
+  XRV_TRACE_FN();
+  std::string upper = getAttributeGroup();
+  for (char& c : upper) {
+    c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
+  }
+  std::vector<std::string> names;
+  for (const char* suffix :
+       {"_REFRESH_INTERVAL", "_CACHE_TTL", "_RATE_DELTA_TIME_VARIATION", "_RATE_DELTA_INTERVAL",
+        "_PURE_EVENT_CACHE_SIZE", "_AGGREGATE_RESULTS", "_REPLACE_ROWS_BY_KEY", "_PURGE_INTERVAL",
+        "_DISABLE_COLLECTION", "_ONLY_FORCED_COLLECTION", "_REPLACE_WITH_LATEST",
+        "_TRUNCATE_TIMESTAMP"}) {
+    names.push_back("CDP_" + upper + suffix);
+  }
+  return names;
+}
+
+UAClientClass* ResultsManager::subnodeCopy(const char* /*subnodeKey*/,
+                                           UAClientClassList* /*list*/) {
+  XRV_TRACE_FN();
+  XRV_TRACE_ERROR(
+      "This is an unimplemented feature for your QueryClass, your agent WILL not work "
+      "properly");
+  return nullptr;
+}
+
+void ResultsManager::addMetricObject(Metric* metric) {
+  XRV_TRACE_FN();
+  UAClientClass::addMetricObject(metric);
+  if (metric->isDerived()) {
+    derivedMetrics_.push_back(metric);
+  }
+}
+
+// --- The collection cycle ---
+
+void ResultsManager::collectDataIfNeeded(const char* subnode) {
+  XRV_TRACE_FN();
+  if (!isExpired()) {
+    XRV_TRACE_DETAIL("Cached data for %s is still current, using that", getAttributeGroup());
+    ++cacheHits_;
+    recordCacheHit();
+    return;
+  }
+  XRV_TRACE_DETAIL("Data for %s is expired", getAttributeGroup());
+  if (subnode != nullptr) {
+    XRV_TRACE_DETAIL("Calling collectData on %s for subnode %s\n", getAttributeGroup(), subnode);
+  } else {
+    XRV_TRACE_DETAIL("Calling collectData on %s\n", getAttributeGroup());
+  }
+  ++collections_;
+  collectData(subnode);
+}
+
+bool ResultsManager::isCollecting() {
+  if (pthread_mutex_trylock(collectingMutex_.native()) != 0) {
+    return true;
+  }
+  pthread_mutex_unlock(collectingMutex_.native());
+  return false;
+}
+
+void ResultsManager::collectData(const char* subnode) {
+  XRV_TRACE_FN();
+  if (isPureEventBased()) {
+    {
+      PthreadMutexLock cacheLock(pureCacheLock_);
+      PthreadMutexLock newLock(newResultsLock_);
+      for (ResultInstance* event = pureCache_.head(); event != nullptr;
+           event = ResultList::next(event)) {
+        ResultInstance* copy = event->getDeepCopy();
+        if (summaryInterval_.load() > 0 && !copy->isSummary()) {
+          copy->clearDerivedMetrics();
+          internalCalculateDerived(nullptr, copy, STORE_INTERVAL_DATA);
+        }
+        newResults_.append(copy);
+      }
+    }
+    updateResults();
+    return;
+  }
+  if (pthread_mutex_trylock(collectingMutex_.native()) != 0) {
+    XRV_TRACE_DETAIL("Data collection already in progress for %s, returning", getAttributeGroup());
+    return;
+  }
+  updateStartTime();
+  int64_t started = fwTimeMillis();
+  if (collectionDisabled_) {
+    XRV_TRACE_DETAIL("Data collection for %s is disabled, not collecting data.",
+                     getAttributeGroup());
+  } else {
+    internalCollectData(subnode);
+    int type = getObjectType();
+    if (type != UA_JOIN && type != UA_ROLLUP && type != UA_FILTER &&
+        doesMetricListContainRatesOrDeltas()) {
+      processRatesDeltas();
+    }
+    if (!derivedMetrics_.empty()) {
+      calculateDerived(nullptr, STORE_INTERVAL_DATA);
+    }
+  }
+  pthread_mutex_unlock(collectingMutex_.native());
+  updateLastTime();
+  recordCollection(started, fwTimeMillis());
+  updateResults();
+  checkFilter();
+}
+
+// --- Rows ---
+
+void ResultsManager::addResultInstance(ResultInstance* row) {
+  if (row == nullptr) {
+    return;
+  }
+  PthreadMutexLock lock(newResultsLock_);
+  newResults_.append(row);
+}
+
+void ResultsManager::addResultInstanceDirectly(ResultInstance* row) {
+  XRV_TRACE_FN();
+  PthreadMutexLock lock(resultsLock_);
+  active_.append(row);
+  indexRow(row, false);
+}
+
+void ResultsManager::addHeadResultInstance(ResultInstance* row) {
+  XRV_TRACE_FN();
+  PthreadMutexLock lock(resultsLock_);
+  active_.prepend(row);
+  indexRow(row, true);
+}
+
+void ResultsManager::removeResultInstance(ResultInstance* row) {
+  XRV_TRACE_FN();
+  PthreadMutexLock lock(resultsLock_);
+  unindexRow(row);
+  active_.unlink(row);
+  delete row;
+}
+
+bool ResultsManager::usesIndex() const { return aggregate_ || replaceRowsByKey_; }
+
+void ResultsManager::indexRow(ResultInstance* row, bool overrideEarlier) {
+  const char* name = row->getInstanceName();
+  if (!usesIndex() || name == nullptr) {
+    return;
+  }
+  if (!activeByName_.contains(name)) {
+    activeByName_.put(strdup(name), row);
+  } else if (overrideEarlier) {
+    activeByName_.put(name, row);  // the stored key stays
+  }
+}
+
+void ResultsManager::unindexRow(ResultInstance* row) {
+  const char* name = row->getInstanceName();
+  if (!usesIndex() || name == nullptr || activeByName_.get(name) != row) {
+    return;
+  }
+  const char* key = nullptr;
+  activeByName_.remove(name, &key);
+  free(const_cast<char*>(key));
+}
+
+void ResultsManager::clearIndex() {
+  activeByName_.foreach (freeKey, nullptr);
+  activeByName_.clear();
+}
+
+void ResultsManager::removeNewResultInstance(ResultInstance* row, bool deleteIt) {
+  XRV_TRACE_FN();
+  PthreadMutexLock lock(newResultsLock_);
+  newResults_.unlink(row);
+  if (deleteIt) {
+    delete row;
+  }
+}
+
+void ResultsManager::clearResultSet() {
+  XRV_TRACE_FN();
+  PthreadMutexLock lock(resultsLock_);
+  clearIndex();
+  active_.clear();
+}
+
+void ResultsManager::clearNewResultSet() {
+  XRV_TRACE_FN();
+  PthreadMutexLock lock(newResultsLock_);
+  newResults_.clear();
+}
+
+int ResultsManager::getResultInstanceCount() {
+  PthreadMutexLock lock(resultsLock_);
+  return active_.count();
+}
+
+void ResultsManager::acquireResultsLock() {
+  XRV_TRACE_FN();
+  XRV_TRACE_DETAIL("Acquiring the Results lock");
+  resultsLock_.lock();
+}
+
+void ResultsManager::releaseResultsLock() {
+  XRV_TRACE_FN();
+  XRV_TRACE_DETAIL("Releasing the Results lock");
+  resultsLock_.unlock();
+}
+
+void ResultsManager::updateResults() {
+  XRV_TRACE_FN();
+  PthreadMutexLock resultsLock(resultsLock_);
+  PthreadMutexLock newLock(newResultsLock_);
+  if (!aggregate_ && !replaceRowsByKey_) {
+    XRV_TRACE_DETAIL("Aggregate is off, replacing old results with new ones");
+    active_.clear();
+    active_.takeAll(newResults_);
+    previousRequestHistorical_ = false;
+    return;
+  }
+  XRV_TRACE_DETAIL("Aggregate/replace is on, updating result instance list.");
+  if (aggregate_ && previousRequestHistorical_) {
+    XRV_TRACE_DETAIL("Previous request was historical, purging dead results");
+  }
+  bool purging = replaceRowsByKey_ && purgeInterval_ >= 1;
+  char current[17] = "";
+  char oldestValid[17] = "";
+  if (purging) {
+    // The current stamp drops its seconds when truncating; the oldest valid one keeps
+    // them then, and drops them otherwise. The crosswise choice is deliberate: with
+    // truncation a row stamped hh:mm:00 lives a little longer than the interval.
+    time_t now = fwTime();
+    time_t oldest = now - purgeInterval_;
+    struct tm local;
+    localtime_r(&now, &local);
+    formatTimeStamp(truncateTimestamp_ ? now - local.tm_sec : now, current, sizeof current);
+    localtime_r(&oldest, &local);
+    formatTimeStamp(truncateTimestamp_ ? oldest : oldest - local.tm_sec, oldestValid,
+                    sizeof oldestValid);
+  }
+  bool wasEmpty = active_.empty();
+  while (ResultInstance* row = newResults_.head()) {
+    newResults_.unlink(row);
+    if (purging) {
+      row->setTimestamp(current);
+    }
+    const char* name = row->getInstanceName();
+    auto* match = name == nullptr ? nullptr : static_cast<ResultInstance*>(activeByName_.get(name));
+    if (match != nullptr) {
+      XRV_TRACE_DETAIL("old result instance matched the current name %s", name);
+      active_.replace(match, row);
+      activeByName_.put(name, row);  // same name: the stored key stays
+      delete match;
+    } else {
+      if (wasEmpty) {
+        XRV_TRACE_DETAIL(
+            "new result instance didn't match any old ones - empty old list, adding %s",
+            name == nullptr ? "" : name);
+      } else {
+        XRV_TRACE_DETAIL("new result instance  didn't match any old ones, adding %s",
+                         name == nullptr ? "" : name);
+      }
+      active_.append(row);
+      indexRow(row, false);
+    }
+  }
+  if (purgeInterval_ > 0) {
+    ResultInstance* row = active_.head();
+    while (row != nullptr) {
+      ResultInstance* following = ResultList::next(row);
+      if (strcmp(row->getTimestamp(), oldestValid) < 0) {
+        XRV_TRACE_DETAIL("purging...... %s curr=%s, inst time=%s",
+                         row->getInstanceName() == nullptr ? "" : row->getInstanceName(), current,
+                         row->getTimestamp());
+        unindexRow(row);
+        active_.unlink(row);
+        delete row;
+      }
+      row = following;
+    }
+  }
+  previousRequestHistorical_ = false;
+}
+
+// --- Filter ---
+
+bool ResultsManager::resultPassesFilter(ResultInstance* row) {
+  if (filter_ == nullptr) {
+    return true;
+  }
+  std::string error;
+  bool passes = filter_->passes(*row, &error);
+  if (!error.empty()) {
+    XRV_TRACE_SITE();
+    XRV_TRACE_ERROR("AG %s, error from filterExpression->evaluate: %s", getAttributeGroup(),
+                    error.c_str());
+    return false;
+  }
+  return passes;
+}
+
+void ResultsManager::checkFilter() {
+  XRV_TRACE_FN();
+  if (filter_ == nullptr) {
+    return;
+  }
+  PthreadMutexLock lock(resultsLock_);
+  for (ResultInstance* row = active_.head(); row != nullptr; row = ResultList::next(row)) {
+    row->setPassesFilter(resultPassesFilter(row));
+  }
+}
+
+// --- Request intervals ---
+
+void ResultsManager::setRequestInterval(const char* requestId, int seconds) {
+  XRV_TRACE_FN();
+  if (requestId == nullptr) {
+    return;
+  }
+  PthreadMutexLock lock(requestIntervalsLock_);
+  if (requestIntervals_.contains(requestId)) {
+    requestIntervals_.put(requestId, reinterpret_cast<void*>(static_cast<intptr_t>(seconds)));
+  } else {
+    requestIntervals_.put(strdup(requestId),
+                          reinterpret_cast<void*>(static_cast<intptr_t>(seconds)));
+  }
+}
+
+int ResultsManager::getRequestInterval(const char* requestId) {
+  if (requestId == nullptr) {
+    return 0;
+  }
+  PthreadMutexLock lock(requestIntervalsLock_);
+  return static_cast<int>(reinterpret_cast<intptr_t>(requestIntervals_.get(requestId)));
+}
+
+void ResultsManager::printResultInstances() {
+  XRV_TRACE_FN();
+  if (!XRV_TRACE_ENABLED(TRACE_DETAIL)) {
+    return;
+  }
+  PthreadMutexLock lock(resultsLock_);
+  XRV::String text;
+  int index = 0;
+  for (ResultInstance* row = active_.head(); row != nullptr; row = ResultList::next(row)) {
+    XRV_TRACE_DETAIL("Instance: #%d", index++);
+    for (ResultMetric* value = row->getFirstMetric(); value != nullptr;
+         value = static_cast<ResultMetric*>(value->getNextElement())) {
+      value->toUTF8String(&text);
+      XRV_TRACE_DETAIL("   %-30s = %s",
+                       value->getMetricName() == nullptr ? "" : value->getMetricName(),
+                       text.c_str());
+    }
+  }
+}
+
+const char* ResultsManager::applyDisplayHint(const char* hint, const char* value) {
+  XRV_TRACE_FN();
+  XRV_TRACE_DETAIL("Processing display hint %s for value %s", hint, value);
+  return value;
+}

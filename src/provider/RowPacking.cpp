@@ -1,0 +1,225 @@
+// Packing rows into the framework's fixed-size row buffers: the origin node first,
+// then the optional timestamp and instance-name columns, then one column per shown
+// attribute, each value written by its representation.
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <vector>
+
+#include "definition/AttributeGroupMeta.h"
+#include "definition/AttributeMeta.h"
+#include "framework/api/Framework.h"
+#include "framework/api/FwClock.h"
+#include "framework/api/FwRequest.h"
+#include "framework/api/Trace.h"
+#include "provider/ResultInstance.h"
+#include "provider/ResultMetric.h"
+#include "provider/ResultsManager.h"
+
+namespace {
+
+// A double as the 64-bit integer value × 10^scale, rounded half away from zero.
+long long scaledDouble(double value, int scale) {
+  long double scaled = static_cast<long double>(value) * std::pow(10.0L, scale);
+  if (std::isnan(scaled)) {
+    return 0;
+  }
+  if (scaled >= static_cast<long double>(std::numeric_limits<long long>::max())) {
+    return std::numeric_limits<long long>::max();
+  }
+  if (scaled <= static_cast<long double>(std::numeric_limits<long long>::min())) {
+    return std::numeric_limits<long long>::min();
+  }
+  return std::llround(scaled);
+}
+
+// The next value of a chain, taken.
+const ResultMetric* take(const ResultMetric** cursor) {
+  const ResultMetric* value = *cursor;
+  if (value != nullptr) {
+    *cursor = static_cast<const ResultMetric*>(value->getNextElement());
+  }
+  return value;
+}
+
+}  // namespace
+
+void ResultsManager::writeValue(char* buffer, const AttributeMeta* column, const Metric* metric,
+                                const ResultMetric* value) {
+  switch (value->getKind()) {
+    case RESULT_INT32:
+      putInt64(buffer, column, value->getInt());
+      break;
+    case RESULT_INT64:
+      putInt64(buffer, column, value->getInt64());
+      break;
+    case RESULT_UINT64:
+      putUInt64(buffer, column, value->getUInt64());
+      break;
+    case RESULT_DOUBLE:
+      putInt64(buffer, column,
+               scaledDouble(value->getDouble(), metric->hasScale() ? metric->getScale() : 0));
+      break;
+    case RESULT_UTF8:
+      putUTF8String(buffer, column, value->getUTF8String());
+      break;
+    case RESULT_STRING: {
+      const char* text = value->getString();
+      if (column->getHint() != nullptr && *column->getHint() != '\0') {
+        text = applyDisplayHint(column->getHint(), text);
+      }
+      putString(buffer, column, text, !inputIsUTF8_);
+      break;
+    }
+  }
+}
+
+bool ResultsManager::packRow(const ResultInstance* row, char* buffer, const char* originNode,
+                             const char* timestamp, bool eventRow) {
+  XRV_TRACE_SITE();
+  AttributeGroupMeta* meta = getAttributeGroupMeta();
+  if (checkMetricCounts_ && row->getExpectedMetricCount() != row->getMetricCount()) {
+    XRV_TRACE_DETAIL("Expected %d metrics and got %d.  Skipping row.",
+                     row->getExpectedMetricCount(), row->getMetricCount());
+    return false;
+  }
+  if (!row->passesFilter()) {
+    XRV_TRACE_DETAIL("AG %s ResultInstance %s filtered out", getAttributeGroup(),
+                     row->getInstanceName() == nullptr ? "" : row->getInstanceName());
+    return false;
+  }
+  memset(buffer, 0, static_cast<size_t>(meta->rowSize()));
+  int column = 0;
+  putString(buffer, meta->getColumnAttribute(column++), originNode == nullptr ? "" : originNode,
+            false);
+  if (timestampColumn_) {
+    const char* stamp = eventRow && row->hasTimestamp() ? row->getTimestamp() : timestamp;
+    putString(buffer, meta->getColumnAttribute(column++), stamp, false);
+  }
+  if (instanceNameColumn_) {
+    const char* name = row->getInstanceName();
+    putString(buffer, meta->getColumnAttribute(column++), name == nullptr ? "" : name,
+              !inputIsUTF8_);
+  }
+  const ResultMetric* nextValue = row->getFirstMetric();
+  const ResultMetric* nextDerived = row->getFirstDerivedMetric();
+  for (int i = 0; i < getMetricCount(); ++i) {
+    const Metric* metric = getMetric(i);
+    const ResultMetric* value = take(metric->isDerived() ? &nextDerived : &nextValue);
+    if (value == nullptr) {
+      if (metric->getIsHidden()) {
+        XRV_TRACE_DETAIL("Metric %s is hidden", metric->getMetricName());
+      } else {
+        XRV_TRACE_DETAIL("Metric %s is missing", metric->getMetricName());
+      }
+      continue;
+    }
+    if (metric->getIsHidden()) {
+      continue;
+    }
+    const AttributeMeta* attribute = meta->getColumnAttribute(column++);
+    if (attribute == nullptr) {
+      XRV_TRACE_ERROR("Attribute group %s has more shown attributes than table columns",
+                      getAttributeGroup());
+      break;
+    }
+    writeValue(buffer, attribute, metric, value);
+  }
+  return true;
+}
+
+void ResultsManager::sendDataToAFW(GenericAgentBase* agent, const char* originNode) {
+  XRV_TRACE_FN();
+  AttributeGroupMeta* meta = getAttributeGroupMeta();
+  if (meta == nullptr || meta->rowSize() <= 0) {
+    XRV_TRACE_ERROR("Attribute group %s has no metadata, no rows sent", getAttributeGroup());
+    return;
+  }
+  const int rowSize = meta->rowSize();
+  std::vector<char> buffer(static_cast<size_t>(rowSize));  // the one allocation of a request
+  PthreadMutexLock lock(resultsLock_);
+  char stamp[17];
+  getTimeStamp(stamp);
+
+  const bool intervalBased = hasIntervalBasedDerived();
+  if (getRefreshInterval() >= 1 && intervalBased && !derivedMetrics_.empty()) {
+    const char* requestId = nullptr;
+    if (agent != nullptr && agent->GetRequestDetail() != nullptr) {
+      requestId = agent->GetRequestDetail()->GetRequestId();
+    }
+    int interval = getRequestInterval(requestId);
+    if (interval > 0) {
+      XRV_TRACE_DETAIL("got a situation based interval - %d", interval);
+    } else {
+      interval = getDefaultRateDeltaInterval();
+      XRV_TRACE_DETAIL("got a default interval - %d", interval);
+    }
+    if (interval > 0) {
+      XRV_TRACE_DETAIL("recalculating derived values for the interval");
+      calculateDerivedOnActive(requestId, READ_INTERVAL_DATA);
+    } else {
+      XRV_TRACE_DETAIL(
+          "not recalculating derived. interval is still 0. if you want interval "
+          "based demand samples set CDP_DP_RATE_DELTA_INTERVAL or "
+          "CDP_<ATTRIBUTE_GROUP>_RATE_DELTA_INTERVAL.");
+    }
+  }
+
+  int sent = 0;
+  for (const ResultInstance* row = active_.head(); row != nullptr; row = ResultList::next(row)) {
+    if (!packRow(row, buffer.data(), originNode, stamp, isPureEventBased())) {
+      continue;
+    }
+    if (sendRowToAFW(agent, buffer.data(), rowSize) == 1) {
+      XRV_TRACE_ERROR(
+          "Send Row failed. Data rows lost - attribute group=%s, subnodeKey=%s, row "
+          "count=%d, numRowsSent=%d, rowSize=%d, refreshInterval=%d, "
+          "intervalBased=%s, derived count=%d",
+          getAttributeGroup(), getSubnodeKey() == nullptr ? "" : getSubnodeKey(), active_.count(),
+          sent, rowSize, getRefreshInterval(), intervalBased ? "true" : "false",
+          getDerivedMetricCount());
+      break;
+    }
+    ++sent;
+  }
+  XRV_TRACE_DETAIL("Sent %d of %d rows of %s", sent, active_.count(), getAttributeGroup());
+}
+
+bool ResultsManager::packEvent(const ResultInstance* row, std::vector<char>* buffer) {
+  XRV_TRACE_FN();
+  AttributeGroupMeta* meta = getAttributeGroupMeta();
+  if (meta == nullptr || meta->rowSize() <= 0) {
+    XRV_TRACE_ERROR("Attribute group %s has no metadata, event not sent", getAttributeGroup());
+    return false;
+  }
+  buffer->resize(static_cast<size_t>(meta->rowSize()));
+  char stamp[17];
+  formatTimeStampMillis(fwTimeMillis(), stamp, sizeof stamp);
+  char origin[64];
+  const char* node = originNode_.c_str();
+  if (originNode_.empty()) {
+    node = fwGetOriginNode(origin, sizeof origin) ? origin : "";
+  }
+  return packRow(row, buffer->data(), node, stamp, true);
+}
+
+int ResultsManager::deliverEvent(const std::vector<char>& buffer) {
+  XRV_TRACE_FN();
+  AttributeGroupMeta* meta = getAttributeGroupMeta();
+  if (meta == nullptr || meta->getTableManager() == nullptr) {
+    XRV_TRACE_ERROR("Attribute group %s has no table server yet, event not sent",
+                    getAttributeGroup());
+    return 1;
+  }
+  return meta->getTableManager()->EventArrived(buffer.data(), static_cast<int>(buffer.size()));
+}
+
+int ResultsManager::sendEventDataToAFW(ResultInstance* row) {
+  XRV_TRACE_FN();
+  std::vector<char> buffer;
+  if (!packEvent(row, &buffer)) {
+    return 0;
+  }
+  return deliverEvent(buffer);
+}

@@ -1,0 +1,80 @@
+#pragma once
+
+// A data source for tests and the pieces around it: an attribute group read from a
+// metadata snippet, metrics described in one line each, rows from texts, and a
+// request that decodes the rows a provider packs.
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "definition/Metric.h"
+#include "framework/api/FwRequest.h"
+#include "provider/ResultsManager.h"
+
+class AttributeGroupMeta;
+class ResultInstance;
+
+namespace XRV::testing {
+
+// A metric in one line: name, type, and flags.
+struct TestMetric {
+  const char* name;
+  RAW_METRIC_TYPE type = NUMERIC_DATA;
+  bool key = false;
+  bool counter = false;
+  bool hidden = false;
+  const char* arg1 = nullptr;  // two-operand derived value
+  const char* op = nullptr;
+  const char* arg2 = nullptr;
+  int scale = -1;  // -1: unset
+};
+
+// Fills the new list from `rows` on every collection (a row is one text per raw
+// metric; numeric metrics are parsed with parseNumericString).
+class TestQueryClass : public ResultsManager {
+ public:
+  TestQueryClass(const char* group, const std::vector<TestMetric>& metrics, int type = UA_SCRIPT);
+
+  void internalCollectData(const char* subnode) override;
+  const char* getPerfObjectName() override { return getAttributeGroup(); }
+  int getPerfObjectStatus() override { return PERF_OBJECT_ACTIVE; }
+  int getPerfErrorCode() override { return OBJECT_ACTIVE; }
+  void printResults() override {}
+
+  // A row of this provider's metrics from texts (one per raw metric).
+  ResultInstance* makeRow(const std::vector<std::string>& texts);
+
+  std::vector<std::vector<std::string>> rows;
+  int collections = 0;
+};
+
+// Reads `attributes` (the inside of an <ag>) as group `group`, table "T" + group.
+AttributeGroupMeta* defineGroup(const char* group, const std::string& attributes,
+                                const std::string& agAttributes = "");
+
+// A request whose rows are decoded column by column into texts: numbers in decimal,
+// texts without their padding.
+class DecodingRequest : public GenericAgentBase, public FwRowSink {
+ public:
+  explicit DecodingRequest(AttributeGroupMeta* meta);
+  void TakeSample() override {}
+  int NumColumns() const override;
+  bool GetColumnInfo(ColumnInfo* info, int index) const override;
+  int acceptRow(GenericAgentBase& request, const char* row, int length) override;
+
+  std::vector<std::vector<std::string>> rows;
+  std::vector<std::string> raw;  // the packed bytes
+  int refuseAfter = -1;          // refuse rows once this many were taken
+
+ private:
+  AttributeGroupMeta* meta_;
+  RequestDetail detail_;
+  ContextInfo context_;
+};
+
+// The columns of a packed row of `meta` as texts.
+std::vector<std::string> decodeRow(const AttributeGroupMeta* meta, const char* row);
+
+}  // namespace XRV::testing
