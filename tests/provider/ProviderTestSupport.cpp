@@ -10,6 +10,7 @@
 #include "provider/NumericParser.h"
 #include "provider/ResultInstance.h"
 #include "provider/ResultMetric.h"
+#include "provider/UAClientClassList.h"
 
 namespace XRV::testing {
 
@@ -32,6 +33,17 @@ TestQueryClass::TestQueryClass(const char* group, const std::vector<TestMetric>&
     }
     addMetricObject(metric);
   }
+}
+
+TestQueryClass::TestQueryClass(const TestQueryClass* source, const char* subnodeKey)
+    : ResultsManager(source, subnodeKey), rows(source->rows) {}
+
+UAClientClass* TestQueryClass::subnodeCopy(const char* subnodeKey, UAClientClassList* list) {
+  auto* copy = new TestQueryClass(this, subnodeKey);
+  if (list != nullptr) {
+    list->addClientClass(copy);
+  }
+  return copy;
 }
 
 ResultInstance* TestQueryClass::makeRow(const std::vector<std::string>& texts) {

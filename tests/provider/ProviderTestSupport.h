@@ -36,12 +36,15 @@ struct TestMetric {
 class TestQueryClass : public ResultsManager {
  public:
   TestQueryClass(const char* group, const std::vector<TestMetric>& metrics, int type = UA_SCRIPT);
+  // A copy for the subnode `subnodeKey`: the same metrics and rows.
+  TestQueryClass(const TestQueryClass* source, const char* subnodeKey);
 
   void internalCollectData(const char* subnode) override;
   const char* getPerfObjectName() override { return getAttributeGroup(); }
   int getPerfObjectStatus() override { return PERF_OBJECT_ACTIVE; }
   int getPerfErrorCode() override { return OBJECT_ACTIVE; }
   void printResults() override {}
+  UAClientClass* subnodeCopy(const char* subnodeKey, UAClientClassList* list) override;
 
   // A row of this provider's metrics from texts (one per raw metric).
   ResultInstance* makeRow(const std::vector<std::string>& texts);

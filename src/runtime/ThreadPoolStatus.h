@@ -1,0 +1,33 @@
+#pragma once
+
+// ThreadPoolStatus: the built-in data source of the "Thread_Pool_Status" attribute
+// group: one row with the pool's size, load and waits. The agent definition declares
+// the group's attributes; the values are matched to them by attribute name
+// ("Thread_Pool_Size", "Thread_Pool_Active_Threads", "Thread_Pool_Avg_Job_Wait", ...).
+// Averages are reported × 100; attributes of other names report 0.
+
+#include "provider/ResultsManager.h"
+
+class AttributeGroupMeta;
+class ThreadPool;
+
+// Gives `provider` one metric per attribute of `meta` (ORIGINNODE aside): text
+// attributes as STRING_DATA, the others as NUMERIC_DATA or NUMERIC_64BIT_DATA,
+// hidden ones hidden. For the built-in groups, which have no data-source element.
+void addMetricsFromGroup(ResultsManager* provider, const AttributeGroupMeta* meta);
+
+class ThreadPoolStatus : public ResultsManager {
+ public:
+  // `pool` may be null (no pool configured): the row then reports an empty pool.
+  ThreadPoolStatus(const char* applicationName, const char* attributeGroup,
+                   AttributeGroupMeta* meta, ThreadPool* pool);
+
+  void internalCollectData(const char* subnode) override;
+  const char* getPerfObjectName() override { return getAttributeGroup(); }
+  int getPerfObjectStatus() override { return PERF_OBJECT_ACTIVE; }
+  int getPerfErrorCode() override { return OBJECT_ACTIVE; }
+  void printResults() override;
+
+ private:
+  ThreadPool* pool_;
+};

@@ -1,0 +1,691 @@
+#include "subnode/SubnodeManager.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ProviderTestSupport.h"
+#include "definition/AgentSettings.h"
+#include "definition/AttributeGroupMeta.h"
+#include "framework/api/Configuration.h"
+#include "provider/UAClientClassList.h"
+#include "support/FrameworkDouble.h"
+#include "support/TestConfiguration.h"
+
+namespace {
+
+using XRV::testing::FrameworkDouble;
+using XRV::testing::TestMetric;
+using XRV::testing::TestQueryClass;
+using Rows = std::vector<std::vector<std::string>>;
+using Strings = std::vector<std::string>;
+
+constexpr const char kValueColumn[] = R"(<attr name="Value" type="2" size="16"/>)";
+constexpr const char kDiscoveryColumns[] =
+    R"(<attr name="Subnode_Key" type="2" size="32"/><attr name="Subnode_Type" type="2" size="4"/>)"
+    R"(<attr name="Subnode_Affinity" type="2" size="32"/>)"
+    R"(<attr name="Subnode_Version" type="2" size="8"/><attr name="Subnode_Status" type="2" size="8"/>)";
+const std::vector<TestMetric> kDiscoveryMetrics = {{"Subnode_Key", STRING_DATA, true},
+                                                   {"Subnode_Type", STRING_DATA},
+                                                   {"Subnode_Affinity", STRING_DATA},
+                                                   {"Subnode_Version", STRING_DATA},
+                                                   {"Subnode_Status", STRING_DATA}};
+
+// Names of the providers destroyed so far; the zombie killer thread writes it too.
+struct DeletionLog {
+  std::mutex mutex;
+  Strings names;
+  void add(const std::string& name) {
+    std::lock_guard<std::mutex> lock(mutex);
+    names.push_back(name);
+  }
+  Strings get() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return names;
+  }
+};
+
+// A provider whose error code and references a test sets, and that notes its death.
+class SubnodeProvider : public TestQueryClass {
+ public:
+  SubnodeProvider(const char* group, DeletionLog* log)
+      : TestQueryClass(group, {{"Value", STRING_DATA}}), log_(log) {}
+  SubnodeProvider(const SubnodeProvider* source, const char* key)
+      : TestQueryClass(source, key), log_(source->log_) {}
+  ~SubnodeProvider() override {
+    log_->add(std::string(getAttributeGroup()) + "/" +
+              (getSubnodeKey() == nullptr ? "" : getSubnodeKey()));
+  }
+  int getPerfErrorCode() override { return errorCode.load(); }
+  std::vector<UAClientClass*> getQueryReferences() override { return references; }
+
+  std::atomic<int> errorCode{OBJECT_ACTIVE};
+  std::vector<UAClientClass*> references;
+
+ private:
+  DeletionLog* log_;
+};
+
+std::string hexAddress(const void* pointer) {
+  char text[16];
+  snprintf(text, sizeof text, "%08x", static_cast<unsigned>(reinterpret_cast<uintptr_t>(pointer)));
+  return text;
+}
+
+class SubnodeManagerTest : public ::testing::Test {
+ protected:
+  void SetUp() override { applicationSettings().applicationName = "KXR"; }
+  void TearDown() override {
+    manager_.reset();
+    list_.deleteAll();
+    resetDefinitionState();
+    resetConfigurationForTesting();
+  }
+
+  SubnodeManager& manager(SubnodeManagerSettings settings = {}) {
+    manager_ = std::make_unique<SubnodeManager>(settings, &list_);
+    return *manager_;
+  }
+
+  // The provider of `group` (a new attribute group of subnode type `type`) that
+  // subnodes get copies of.
+  SubnodeProvider* base(const char* group, const char* type = "ABC") {
+    auto* provider = new SubnodeProvider(group, &deleted_);
+    provider->setAttributeGroupMeta(XRV::testing::defineGroup(
+        group, kValueColumn, type == nullptr ? "" : std::string("subnode_type=\"") + type + "\""));
+    list_.addClientClass(provider);
+    return provider;
+  }
+
+  SubnodeProvider* copy(SubnodeProvider* source, const char* key) {
+    auto* made = new SubnodeProvider(source, key);
+    list_.addClientClass(made);
+    return made;
+  }
+
+  TestQueryClass* discovery(const char* group, const std::string& agAttributes = "") {
+    auto* provider = new TestQueryClass(group, kDiscoveryMetrics);
+    provider->setAttributeGroupMeta(XRV::testing::defineGroup(
+        group, kDiscoveryColumns, "discovery_attribute_group=\"true\" " + agAttributes));
+    list_.addClientClass(provider);
+    return provider;
+  }
+
+  void discover(TestQueryClass* dag, const Rows& rows) {
+    dag->rows = rows;
+    dag->collectData(nullptr);
+    manager_->discoveryAttributeGroupWasUpdated(dag);
+  }
+
+  bool inList(const UAClientClass* wanted) const {
+    for (UAClientClass* p = list_.getFirst(); p != nullptr;
+         p = static_cast<UAClientClass*>(p->getNextElement())) {
+      if (p == wanted) {
+        return true;
+      }
+    }
+    return false;
+  }
+
+  static Strings msns(const std::vector<FrameworkDouble::Registration>& registrations) {
+    Strings names;
+    for (const auto& registration : registrations) {
+      names.push_back(registration.msn);
+    }
+    return names;
+  }
+
+  FrameworkDouble framework_{"detail:SubnodeManager.cpp"};
+  DeletionLog deleted_;
+  UAClientClassList list_;
+  std::unique_ptr<SubnodeManager> manager_;
+};
+
+TEST_F(SubnodeManagerTest, GeneratesManagedSystemNames) {
+  const std::string key30 = "abcdefghijklmnopqrstuvwxyz0123";
+  struct Case {
+    const char* name;
+    const char* application;
+    std::string key;
+    const char* type;
+    std::string hostName;
+    std::string excludedType;
+    std::string expected;
+    std::string trace;  // a line the generation writes
+  };
+  const Case cases[] = {
+      {"application, key and type", "XRV", "host1", "ABC", "", "", "RV:host1:ABC",
+       "Generated MSN \"RV:host1:ABC\""},
+      {"a 30-character key is cut to 25", "XRV", key30, "ABC", "", "",
+       "RV:" + key30.substr(0, 25) + ":ABC",
+       "key will be truncated to \"" + key30.substr(0, 25) + "\""},
+      {"the excluded type is left out and the key may have 29", "XRV", key30, "ABC", "", "ABC",
+       "RV:" + key30.substr(0, 29),
+       "Not including type in MSN for subnode type ABC due to "
+       "CDP_DP_EXCLUDE_SUBNODE_TYPE_FROM_MSN setting"},
+      {"the host name goes in front of the key", "XRV", "host1", "ABC", "box", "",
+       "RV:box_host1:ABC",
+       "CDP_DP_USE_HOSTNAME_IN_SUBNODE_MSN is set, incorporating CTAFW_HOSTNAME=box into MSN"},
+      {"the host name counts against the 25", "XRV", key30, "ABC", "box", "",
+       "RV:box_" + key30.substr(0, 21) + ":ABC",
+       "Generated MSN \"RV:box_abcdefghijklmnopqrstu:ABC\""},
+      {"a short application is used as it is", "x", "host1", "ABC", "", "", "X:host1:ABC",
+       "Generated MSN \"X:host1:ABC\""},
+      {"a long application gives its 2nd and 3rd characters", "kxrvagent", "Host1", "abc", "", "",
+       "XR:Host1:abc", "appl will be truncated to \"xr\""},
+      {"a long type is cut to 3", "XRV", "host1", "ABCDE", "", "", "RV:host1:ABC",
+       "type will be truncated to \"ABC\""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    framework_.trace().clear();
+    SubnodeManagerSettings settings;
+    settings.msnHostName = c.hostName;
+    settings.excludedType = c.excludedType;
+    SubnodeManager generator(settings, &list_);
+    char buffer[SUBNODE_MSN_BUFFER_SIZE];
+    EXPECT_EQ(
+        generator.generateSubnodeManagedSystemName(c.application, c.key.c_str(), c.type, buffer),
+        buffer);
+    EXPECT_EQ(std::string(buffer), c.expected);
+    EXPECT_LE(c.expected.size(), 32u);
+    EXPECT_TRUE(framework_.trace().hasText(c.trace));
+  }
+
+  SubnodeManager& generator = manager();
+  char* allocated = generator.generateSubnodeManagedSystemName("XRV", "host1", "ABC", nullptr);
+  ASSERT_NE(allocated, nullptr);
+  EXPECT_STREQ(allocated, "RV:host1:ABC");
+  free(allocated);
+  EXPECT_EQ(generator.generateSubnodeManagedSystemName("XRV", nullptr, "ABC", nullptr), nullptr);
+  EXPECT_EQ(generator.generateSubnodeManagedSystemName(nullptr, "host1", "ABC", nullptr), nullptr);
+  EXPECT_TRUE(framework_.trace().containsText("Failed due to NULL args: appl="));
+}
+
+TEST_F(SubnodeManagerTest, SplitsManagedSystemNames) {
+  struct Case {
+    const char* msn;
+    bool ok;
+    const char* application = nullptr;
+    const char* key = nullptr;
+    const char* type = nullptr;
+  };
+  const Case cases[] = {
+      {"RV:host1:ABC", true, "RV", "host1", "ABC"},
+      {"RV:abcdefghijklmnopqrstuvwxyz012", true, "RV", "abcdefghijklmnopqrstuvwxyz012", ""},
+      {"X:k:T", true, "X", "k", "T"},
+      {"nocolon", false},
+      {":key:ABC", false},
+      {"RV::ABC", false},
+      {"RV:key:", false},
+      {"RV:a:b:c", false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.msn);
+    std::string application = "?", key = "?", type = "?";
+    EXPECT_EQ(SubnodeManager::splitSubnodeManagedSystemName(c.msn, &application, &key, &type),
+              c.ok);
+    if (c.ok) {
+      EXPECT_EQ(application, c.application);
+      EXPECT_EQ(key, c.key);
+      EXPECT_EQ(type, c.type);
+    }
+  }
+  EXPECT_TRUE(framework_.trace().hasText(
+      "Failed due to malformed msn=\"nocolon\", keyEnd=-1, keyStart=-1"));
+  EXPECT_TRUE(
+      framework_.trace().hasText("Failed due to malformed msn=\"RV::ABC\", keyEnd=3, keyStart=3"));
+}
+
+TEST_F(SubnodeManagerTest, ReadsItsSettings) {
+  struct Case {
+    const char* nodeState;
+    const char* useHostName;
+    bool registerNewNodes;
+    const char* msnHostName;
+    const char* interval;
+    int expectedInterval;
+    const char* trace;
+  };
+  const Case cases[] = {
+      {"down", nullptr, false, "", nullptr, 600,
+       "CDP_DP_INITIAL_CONFIG_DISCOVERY_NODE_STATE set to DOWN, new nodes will be not be "
+       "registered until data is collected"},
+      {"Up", "Y", true, "box", "30", 30, nullptr},
+      {"sideways", "N", true, "", "0", 600,
+       "CDP_DP_INITIAL_CONFIG_DISCOVERY_NODE_STATE - invalid value sideways, new nodes will be "
+       "registered"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.nodeState);
+    framework_.trace().clear();
+    setConfigurationProperty("CDP_DP_INITIAL_CONFIG_DISCOVERY_NODE_STATE", c.nodeState);
+    setConfigurationProperty("CDP_DP_USE_HOSTNAME_IN_SUBNODE_MSN", c.useHostName);
+    setConfigurationProperty("CTAFW_HOSTNAME", "box");
+    setConfigurationProperty("CDP_DP_EXCLUDE_SUBNODE_TYPE_FROM_MSN", "LNX");
+    setConfigurationProperty("CDP_DP_GARBAGE_COLLECTION_INTERVAL", c.interval);
+    SubnodeManagerSettings settings = SubnodeManagerSettings::fromConfiguration();
+    EXPECT_EQ(settings.registerNewNodes, c.registerNewNodes);
+    EXPECT_EQ(settings.msnHostName, c.msnHostName);
+    EXPECT_EQ(settings.excludedType, "LNX");
+    EXPECT_EQ(settings.garbageCollectionInterval, c.expectedInterval);
+    if (c.trace != nullptr) {
+      EXPECT_TRUE(framework_.trace().hasText(c.trace));
+    }
+  }
+}
+
+TEST_F(SubnodeManagerTest, RegistersAndDeregistersWithTheFramework) {
+  struct Case {
+    const char* name;
+    int result;  // of registration and deregistration
+    int registrationsAfterSecondAdd;
+    int deregistrationsAfterRemove;
+    const char* trace;
+  };
+  const Case cases[] = {
+      {"accepted", FW_SUBNODE_OK, 1, 1,
+       "Not doing anything for msn=\"XR:web01:ABC\" because SubnodeManager manages it and it is "
+       "online"},
+      {"request pending counts as registered", FW_SUBNODE_SEND_FAILED, 1, 1,
+       "Deregistration SendRequest failed for msn=\"XR:web01:ABC\". The request will be sent when "
+       "communication with the Nexo is restored."},
+      {"refused: tried again on the next add", FW_SUBNODE_FAILED, 2, 0,
+       "Registration failed for msn=\"XR:web01:ABC\", affinity=\"%XR\", type=\"ABC\", "
+       "version=\"01.00\""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    FrameworkDouble& framework = framework_;
+    framework.trace().clear();
+    const size_t registered = framework.registrations().size();
+    const size_t deregistered = framework.deregistrations().size();
+    framework.setRegistrationResult(c.result);
+    framework.setDeregistrationResult(c.result);
+    SubnodeProvider* template1 = base("G1");
+    SubnodeProvider* served = copy(template1, "web01");
+    SubnodeManager& subnodes = manager();
+
+    ASSERT_TRUE(subnodes.addSubnode("XR:web01:ABC", "web01", "ABC", "%XR", "01.00", nullptr));
+    ASSERT_EQ(framework.registrations().size(), registered + 1);
+    FrameworkDouble::Registration registration = framework.registrations().back();
+    EXPECT_EQ(registration.msn + " " + registration.affinity + " " + registration.type + " " +
+                  registration.version,
+              "XR:web01:ABC %XR ABC 01.00");
+    EXPECT_EQ(registration.affinityFeatures, (Strings{"AFF_FEAT_DM_PARITY", "AFF_FEAT_AGENT_MGMT",
+                                                      "AFF_FEAT_INTERNATIONALIZATION"}));
+    EXPECT_FALSE(registration.hostLoc.empty());
+    EXPECT_EQ(subnodes.getSubnodeQueryClass("XR:web01:ABC", template1->getAttributeGroupMeta()),
+              served);
+
+    EXPECT_TRUE(subnodes.addSubnode("XR:web01:ABC", "web01", "ABC", "%XR", "01.00", nullptr));
+    EXPECT_EQ(framework.registrations().size() - registered,
+              static_cast<size_t>(c.registrationsAfterSecondAdd));
+
+    EXPECT_TRUE(subnodes.removeSubnode("XR:web01:ABC"));
+    EXPECT_EQ(framework.deregistrations().size() - deregistered,
+              static_cast<size_t>(c.deregistrationsAfterRemove));
+    EXPECT_FALSE(subnodes.isManagingSubnode("XR:web01:ABC"));
+    EXPECT_FALSE(inList(served));
+    EXPECT_TRUE(served->isZombie());
+    EXPECT_EQ(subnodes.getZombieCount(), 1);
+    EXPECT_TRUE(framework.trace().hasText(c.trace));
+
+    EXPECT_FALSE(subnodes.removeSubnode("XR:web01:ABC"));
+    EXPECT_TRUE(framework.trace().hasText(
+        "Failed for msn=\"XR:web01:ABC\", because SubnodeManager doesn't manage msn"));
+    const AttributeGroupMeta* meta = template1->getAttributeGroupMeta();
+    EXPECT_EQ(subnodes.getSubnodeQueryClass("XR:web01:ABC", meta), nullptr);
+    char expected[160];
+    snprintf(expected, sizeof expected,
+             "Failed for msn=\"XR:web01:ABC\", meta=%p, because msn is not in _msnToQueries",
+             static_cast<const void*>(meta));
+    EXPECT_TRUE(framework.trace().hasText(expected));
+    TearDown();
+    SetUp();
+  }
+}
+
+TEST_F(SubnodeManagerTest, ActiveWhenSomeProviderReportsData) {
+  struct Case {
+    const char* name;
+    std::vector<int> codes;  // one provider each
+    bool active;
+  };
+  const Case cases[] = {
+      {"one active", {OBJECT_ACTIVE}, true},
+      {"no rows counts as active", {CONNECTION_FAILURE, NO_INSTANCES_RETURNED}, true},
+      {"all failing", {CONNECTION_FAILURE, TIMEOUT}, false},
+      {"no providers", {}, false},
+  };
+  SubnodeManager& subnodes = manager();
+  int n = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::string key = "k" + std::to_string(n++);
+    for (size_t i = 0; i < c.codes.size(); ++i) {
+      std::string group = key + "G" + std::to_string(i);
+      copy(base(group.c_str()), key.c_str())->errorCode = c.codes[i];
+    }
+    std::string msn = "XR:" + key + ":ABC";
+    ASSERT_TRUE(subnodes.addSubnode(msn.c_str(), key.c_str(), "ABC", "", "", nullptr));
+    EXPECT_EQ(subnodes.subnodeIsActive(msn.c_str()), c.active);
+  }
+  EXPECT_FALSE(subnodes.subnodeIsActive("XR:unknown:ABC"));
+  EXPECT_TRUE(framework_.trace().hasText("checking subnode XR:k2:ABC"));
+  EXPECT_TRUE(framework_.trace().hasText("checking attr group k2G1, errcode 46"));
+}
+
+TEST_F(SubnodeManagerTest, DownNodeStateWaitsForCollectedActiveData) {
+  SubnodeManagerSettings settings;
+  settings.registerNewNodes = false;
+  SubnodeManager& subnodes = manager(settings);
+  SubnodeProvider* template1 = base("G1");
+  SubnodeProvider* first = copy(template1, "web01");
+  SubnodeProvider* second = copy(base("G2"), "web01");
+  first->errorCode = CONNECTION_FAILURE;
+  second->errorCode = CONNECTION_FAILURE;
+
+  ASSERT_TRUE(subnodes.addSubnode("XR:web01:ABC", "web01", "ABC", "%XR", "01.00", nullptr));
+  EXPECT_TRUE(framework_.registrations().empty());
+  EXPECT_TRUE(framework_.trace().hasText(
+      "Found a subnode, but not registering due to state/policy - subnode msn=\"XR:web01:ABC\", "
+      "affinity=\"%XR\", type=\"ABC\", version=\"01.00\""));
+
+  subnodes.collectionDone(template1);  // not a subnode copy
+  subnodes.collectionDone(first);      // nothing active yet
+  EXPECT_TRUE(framework_.registrations().empty());
+  second->errorCode = NO_INSTANCES_RETURNED;
+  subnodes.collectionDone(first);
+  EXPECT_EQ(msns(framework_.registrations()), Strings{"XR:web01:ABC"});
+  subnodes.collectionDone(second);
+  EXPECT_EQ(framework_.registrations().size(), 1u);
+}
+
+TEST_F(SubnodeManagerTest, DiscoveryAddsUpdatesAndRemovesSubnodes) {
+  SubnodeManager& subnodes = manager();
+  SubnodeProvider* template1 = base("G1");
+  SubnodeProvider* served[] = {copy(template1, "a"), copy(template1, "b"), copy(template1, "c")};
+  TestQueryClass* dag1 = discovery("Discovery1");
+  TestQueryClass* dag2 = discovery("Discovery2");
+  auto row = [](const char* key, const char* status) {
+    return std::vector<std::string>{key, "ABC", "%XR", "01.00", status};
+  };
+  // What each discovery update does: the keys managed afterwards, and the MSNs it
+  // registered and deregistered.
+  struct Step {
+    const char* name;
+    TestQueryClass* dag;
+    Rows rows;
+    const char* managed;
+    Strings registered;
+    Strings deregistered;
+  };
+  const Step steps[] = {
+      {"two come online",
+       dag1,
+       {row("a", "ONLINE"), row("b", "ONLINE")},
+       "ab",
+       {"XR:a:ABC", "XR:b:ABC"},
+       {}},
+      {"b goes offline: kept",
+       dag1,
+       {row("a", "ONLINE"), row("b", "OFFLINE")},
+       "ab",
+       {},
+       {"XR:b:ABC"}},
+      {"a goes, b is back, c comes",
+       dag1,
+       {row("b", "ONLINE"), row("c", "ONLINE")},
+       "bc",
+       {"XR:b:ABC", "XR:c:ABC"},
+       {"XR:a:ABC"}},
+      {"a second group finds c too", dag2, {row("c", "ONLINE")}, "bc", {}, {}},
+      {"the first reports nothing: c stays", dag1, {}, "c", {}, {"XR:b:ABC"}},
+      {"the second reports nothing", dag2, {}, "", {}, {"XR:c:ABC"}},
+  };
+  for (const Step& step : steps) {
+    SCOPED_TRACE(step.name);
+    const size_t registered = framework_.registrations().size();
+    const size_t deregistered = framework_.deregistrations().size();
+    discover(step.dag, step.rows);
+    for (const char* key : {"a", "b", "c"}) {
+      std::string msn = std::string("XR:") + key + ":ABC";
+      EXPECT_EQ(subnodes.isManagingSubnode(msn.c_str()), strstr(step.managed, key) != nullptr)
+          << msn;
+    }
+    Strings all = msns(framework_.registrations());
+    EXPECT_EQ(Strings(all.begin() + static_cast<long>(registered), all.end()), step.registered);
+    all = framework_.deregistrations();
+    EXPECT_EQ(Strings(all.begin() + static_cast<long>(deregistered), all.end()), step.deregistered);
+  }
+  EXPECT_EQ(subnodes.getZombieCount(), 3);
+  for (SubnodeProvider* provider : served) {
+    EXPECT_FALSE(inList(provider));
+    EXPECT_TRUE(provider->isZombie());
+  }
+  EXPECT_TRUE(framework_.trace().hasText("status of subnode is INACTIVE for msn = XR:b:ABC"));
+  EXPECT_TRUE(framework_.trace().hasText(
+      "Leaving subnode - allow it to continue to try to collect data for MSN \"XR:b:ABC\""));
+  EXPECT_TRUE(framework_.trace().hasText(
+      "MSN XR:c:ABC is already created, just add it to the list and return. Register=No"));
+
+  // A discovery group without a version column names no subnode.
+  auto* broken = new TestQueryClass("Broken", {{"Subnode_Key", STRING_DATA, true},
+                                               {"Subnode_Type", STRING_DATA},
+                                               {"Subnode_Affinity", STRING_DATA}});
+  list_.addClientClass(broken);
+  discover(broken, {{"a", "ABC", "%XR"}});
+  EXPECT_FALSE(subnodes.isManagingSubnode("XR:a:ABC"));
+  EXPECT_TRUE(framework_.trace().containsText("DAG row is missing a metric, skipping: key = "));
+  EXPECT_TRUE(framework_.trace().containsText(" ver = 00000000"));
+}
+
+TEST_F(SubnodeManagerTest, RemovingASubnodeThatDiscoversRemovesWhatItFound) {
+  SubnodeManager& subnodes = manager();
+  TestQueryClass* dagTemplate = discovery("Inner", "subnode_type=\"ABC\"");
+  auto* innerDag = static_cast<TestQueryClass*>(dagTemplate->subnodeCopy("web01", &list_));
+  copy(base("G9", "SUB"), "x");
+  ASSERT_TRUE(subnodes.addSubnode("XR:web01:ABC", "web01", "ABC", "", "", nullptr));
+  discover(innerDag, {{"x", "SUB", "", "", "ONLINE"}});
+  ASSERT_TRUE(subnodes.isManagingSubnode("XR:x:SUB"));
+
+  EXPECT_TRUE(subnodes.removeSubnode("XR:web01:ABC"));
+  EXPECT_FALSE(subnodes.isManagingSubnode("XR:x:SUB"));
+  EXPECT_EQ(framework_.deregistrations(), (Strings{"XR:web01:ABC", "XR:x:SUB"}));
+  discover(innerDag, {{"x", "SUB", "", "", "ONLINE"}});  // a late collection finds nothing
+  EXPECT_FALSE(subnodes.isManagingSubnode("XR:x:SUB"));
+  EXPECT_TRUE(framework_.trace().hasText(
+      "Processing attribute group \"Inner\", which is both a DAG and a SAG. This code path isn't "
+      "tested"));
+}
+
+TEST_F(SubnodeManagerTest, AppliesConfiguredSubnodesOnce) {
+  XRV::testing::ConfigurationFile file;
+  ASSERT_TRUE(
+      file.load("[agent]\nX = 1\n[subnode ABC web01]\nH = a\n[subnode ABC web02]\nH = b\n"
+                "[subnode XYZ web01]\nH = c\n[subnode NOPE web09]\nH = d\n"));
+  SubnodeManager& subnodes = manager();
+  auto provider = [this](const char* group, const char* type) {
+    auto* made = new TestQueryClass(group, {{"Value", STRING_DATA}});
+    made->setAttributeGroupMeta(XRV::testing::defineGroup(
+        group, kValueColumn, type == nullptr ? "" : std::string("subnode_type=\"") + type + "\""));
+    made->rows = {{group}};
+    list_.addClientClass(made);
+    return made;
+  };
+  TestQueryClass* g1 = provider("G1", "ABC");
+  TestQueryClass* g2 = provider("G2", "ABC");
+  provider("G3", "XYZ");
+  provider("G4", nullptr);
+  UAClientClass* existing = g1->subnodeCopy("web01", &list_);
+
+  EXPECT_EQ(subnodes.applyConfiguredSubnodes(list_), 4);
+  EXPECT_EQ(subnodes.applyConfiguredSubnodes(list_), 0);
+  Strings copies;
+  for (UAClientClass* p = list_.getFirst(); p != nullptr;
+       p = static_cast<UAClientClass*>(p->getNextElement())) {
+    if (p->getSubnodeKey() != nullptr) {
+      copies.push_back(std::string(p->getAttributeGroup()) + "/" + p->getSubnodeKey());
+      EXPECT_EQ(static_cast<TestQueryClass*>(p)->rows, Rows{{p->getAttributeGroup()}});
+    }
+  }
+  EXPECT_EQ(copies, (Strings{"G1/web01", "G2/web01", "G1/web02", "G2/web02", "G3/web01"}));
+  EXPECT_TRUE(framework_.trace().hasText(
+      "No attribute group has subnode type NOPE: section [subnode NOPE web09] serves nothing"));
+
+  // The subnode is served by its type's copies only.
+  ASSERT_TRUE(subnodes.addSubnode("XR:web01:ABC", "web01", "ABC", "", "", nullptr));
+  EXPECT_EQ(subnodes.getSubnodeQueryClass("XR:web01:ABC", g1->getAttributeGroupMeta()), existing);
+  EXPECT_NE(subnodes.getSubnodeQueryClass("XR:web01:ABC", g2->getAttributeGroupMeta()), nullptr);
+  EXPECT_EQ(subnodes.getSubnodeQueryClass("XR:web01:ABC", findAttributeGroupMeta("G3")), nullptr);
+}
+
+TEST_F(SubnodeManagerTest, ServesSubnodeCopiesInTheOrderAdded) {
+  SubnodeManager& subnodes = manager();
+  SubnodeProvider* template1 = base("G1");
+  SubnodeProvider* template2 = base("G2");
+  const char* keys[] = {"c", "a", "b"};
+  for (const char* key : keys) {
+    copy(template1, key);
+    copy(template2, key);
+  }
+  for (const char* key : keys) {
+    std::string msn = std::string("XR:") + key + ":ABC";
+    ASSERT_TRUE(subnodes.addSubnode(msn.c_str(), key, "ABC", "", "", nullptr));
+  }
+  auto order = [&subnodes](const char* group) {
+    Strings found;
+    subnodes.forEachSubnodeQueryClass(
+        group, [&found](UAClientClass* provider) { found.push_back(provider->getSubnodeKey()); });
+    return found;
+  };
+  EXPECT_EQ(order("G1"), (Strings{"c", "a", "b"}));
+  std::vector<UAClientClass*> all =
+      subnodes.getAllSubnodeQueryClasses(template2->getAttributeGroupMeta());
+  ASSERT_EQ(all.size(), 3u);
+  EXPECT_STREQ(all[1]->getSubnodeKey(), "a");
+  UAClientClass* byKey =
+      subnodes.getSubnodeQueryClassByKey("a", template2->getAttributeGroupMeta());
+  ASSERT_NE(byKey, nullptr);
+  EXPECT_STREQ(byKey->getAttributeGroup(), "G2");
+  EXPECT_STREQ(byKey->getSubnodeKey(), "a");
+
+  ASSERT_TRUE(subnodes.removeSubnode("XR:a:ABC"));
+  EXPECT_EQ(order("G1"), (Strings{"c", "b"}));
+  EXPECT_EQ(subnodes.getSubnodeQueryClassByKey("a", template2->getAttributeGroupMeta()), nullptr);
+  EXPECT_TRUE(order("Unknown").empty());
+}
+
+TEST_F(SubnodeManagerTest, ZombieKillerDeletesOnlyUnreferencedIdleProviders) {
+  // What holds the victim (the web01 copy): `other` is the web02 copy.
+  enum Hold { NOTHING, IN_USE, ON_QUEUE, READ_BY_LIVE, READ_BY_ZOMBIE };
+  struct Case {
+    const char* name;
+    Hold hold;
+    Strings deleted;  // by the second pass
+    const char* keptBecause;
+  };
+  const Case cases[] = {
+      {"idle and unreferenced", NOTHING, {"G1/web01"}, nullptr},
+      {"held by a framework request", IN_USE, {}, "in use by a framework request"},
+      {"queued for a collection", ON_QUEUE, {}, "queued for a collection"},
+      {"read by a live provider", READ_BY_LIVE, {}, nullptr},
+      {"read by a zombie: the reader goes first",
+       READ_BY_ZOMBIE,
+       {"G1/web02", "G1/web01"},
+       nullptr},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    SubnodeManager& subnodes = manager();
+    SubnodeProvider* template1 = base("G1");
+    SubnodeProvider* victim = copy(template1, "web01");
+    SubnodeProvider* other = copy(template1, "web02");
+    ASSERT_TRUE(subnodes.addSubnode("XR:web01:ABC", "web01", "ABC", "", "", nullptr));
+    ASSERT_TRUE(subnodes.addSubnode("XR:web02:ABC", "web02", "ABC", "", "", nullptr));
+    victim->setGenericAgentInUse(c.hold == IN_USE);
+    victim->setOnQueue(c.hold == ON_QUEUE);
+    if (c.hold == READ_BY_LIVE || c.hold == READ_BY_ZOMBIE) {
+      other->references = {victim};
+    }
+    ASSERT_TRUE(subnodes.removeSubnode("XR:web01:ABC"));
+    if (c.hold == READ_BY_ZOMBIE) {
+      ASSERT_TRUE(subnodes.removeSubnode("XR:web02:ABC"));
+    }
+    const std::string address = hexAddress(victim);
+    const int queued = subnodes.getZombieCount();
+
+    framework_.trace().clear();
+    EXPECT_EQ(subnodes.runGarbageCollection(), 0);  // too fresh
+    EXPECT_TRUE(framework_.trace().hasText("Beginning garbage collection interval, " +
+                                           std::to_string(queued) + " zombies on queue"));
+    EXPECT_EQ(subnodes.runGarbageCollection(), static_cast<int>(c.deleted.size()));
+    EXPECT_EQ(deleted_.get(), c.deleted);
+    EXPECT_EQ(subnodes.getZombieCount(), queued - static_cast<int>(c.deleted.size()));
+    if (c.deleted.empty()) {
+      EXPECT_TRUE(victim->isZombie());  // still there
+      if (c.keptBecause != nullptr) {
+        EXPECT_TRUE(framework_.trace().hasText("Query Object " + address + " is not quiescent (" +
+                                               c.keptBecause + ")-- keeping it"));
+      } else {
+        EXPECT_TRUE(framework_.trace().hasText("Query Object " + hexAddress(other) + " refers to " +
+                                               address));
+      }
+      // Released, it goes with the next pass.
+      victim->setGenericAgentInUse(false);
+      victim->setOnQueue(false);
+      other->references.clear();
+      EXPECT_EQ(subnodes.runGarbageCollection(), 1);
+    } else {
+      EXPECT_TRUE(framework_.trace().hasText("Query Object " + address +
+                                             " is a root-- no other objects refer to it"));
+      EXPECT_TRUE(
+          framework_.trace().hasText("Query Object " + address + " is quiescent-- deleting"));
+    }
+    if (c.hold == READ_BY_ZOMBIE) {
+      EXPECT_TRUE(framework_.trace().hasText(
+          "Starting garbage collection cycle, lastCount = 2, curCount = 1"));
+    }
+    TearDown();
+    deleted_.names.clear();
+    SetUp();
+  }
+}
+
+TEST_F(SubnodeManagerTest, ZombieKillerThreadCollectsAndStopsPromptly) {
+  SubnodeManagerSettings settings;
+  settings.garbageCollectionInterval = 1;
+  SubnodeManager& subnodes = manager(settings);
+  copy(base("G1"), "web01");
+  ASSERT_TRUE(subnodes.addSubnode("XR:web01:ABC", "web01", "ABC", "", "", nullptr));
+  ASSERT_TRUE(subnodes.startZombieKiller());
+  EXPECT_FALSE(subnodes.startZombieKiller());
+  ASSERT_TRUE(subnodes.removeSubnode("XR:web01:ABC"));
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (deleted_.get().empty() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  EXPECT_EQ(deleted_.get(), Strings{"G1/web01"});
+  subnodes.stopZombieKiller();
+  EXPECT_TRUE(
+      framework_.trace().hasText("Initiating garbage collection with interval of 1 seconds"));
+
+  SubnodeManager& patient = manager();  // 600 seconds
+  ASSERT_TRUE(patient.startZombieKiller());
+  auto started = std::chrono::steady_clock::now();
+  patient.stopZombieKiller();
+  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(2));
+  EXPECT_TRUE(patient.startZombieKiller());  // and again after a stop
+}
+
+}  // namespace
