@@ -15,7 +15,7 @@ namespace {
 std::vector<std::string> keys(size_t count) {
   static const std::vector<std::string> all = [] {
     std::vector<std::string> out;
-    const char* stems[] = {"CDP_", "Thread_Pool_", "KXR_ATTR_", "Disk_", "RV:web"};
+    const char* stems[] = {"CDP_", "Thread_Pool_", "XRV_ATTR_", "Disk_", "RV:web"};
     for (int i = 0; i < 100000; ++i) {
       char key[64];
       snprintf(key, sizeof key, "%s%d_%s", stems[i % 5], i, i % 3 == 0 ? "INTERVAL" : "Name");

@@ -61,7 +61,7 @@ constexpr int kRates = 5;
 // A data source that makes `rows` rows per collection, their counters growing.
 class BenchSource : public ResultsManager {
  public:
-  explicit BenchSource(int rows) : ResultsManager("KXR", "BENCH", UA_SCRIPT), rows_(rows) {
+  explicit BenchSource(int rows) : ResultsManager("XRV", "BENCH", UA_SCRIPT), rows_(rows) {
     auto add = [this](const std::string& name, RAW_METRIC_TYPE type, bool key, bool counter) {
       auto* metric = new Metric(name.c_str());
       metric->setRawMetricType(type);
@@ -116,7 +116,7 @@ class BenchSource : public ResultsManager {
 // A request that takes every row and does nothing with it.
 class CountingRequest : public GenericAgentBase, public FwRowSink {
  public:
-  CountingRequest() : GenericAgentBase(&detail_, &context_), detail_("KXR", "TBENCH") {
+  CountingRequest() : GenericAgentBase(&detail_, &context_), detail_("XRV", "TBENCH") {
     detail_.SetRowSink(this);
   }
   void TakeSample() override {}

@@ -48,7 +48,7 @@ std::vector<int64_t> latenessMillis;
 class TrivialSource : public ResultsManager {
  public:
   explicit TrivialSource(int index)
-      : ResultsManager("KXR", "TRIVIAL", UA_SCRIPT), name_("p" + std::to_string(index)) {
+      : ResultsManager("XRV", "TRIVIAL", UA_SCRIPT), name_("p" + std::to_string(index)) {
     metric_ = new Metric("Value");
     addMetricObject(metric_);
     setRefreshInterval(1);

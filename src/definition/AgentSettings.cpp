@@ -1,6 +1,7 @@
 #include "definition/AgentSettings.h"
 
 #include <cstdlib>
+#include <vector>
 
 #include "definition/AttributeGroupMeta.h"
 #include "framework/api/Trace.h"
@@ -24,8 +25,22 @@ List& repeatableSections() {
   return sections;
 }
 
+namespace {
+
+std::vector<DefinitionResetHook>& resetHooks() {
+  static std::vector<DefinitionResetHook> hooks;
+  return hooks;
+}
+
+}  // namespace
+
+void addDefinitionResetHook(DefinitionResetHook hook) { resetHooks().push_back(hook); }
+
 void resetDefinitionState() {
   XRV_TRACE_FN();
+  for (DefinitionResetHook hook : resetHooks()) {
+    hook();
+  }
   clearMetaMap();
   while (repeatableSections().getCount() > 0) {
     free(repeatableSections().pop());

@@ -47,7 +47,13 @@ extern XRV::String instanceName;
 // owned copies.
 List& repeatableSections();
 
-// Forgets everything a definition set: the attribute groups (metaMap), the
-// repeatable sections, the application settings, and whatever element a parser was
-// in the middle of. The instance name stays.
+// Forgets everything a definition set: what the reset hooks drop (the data
+// providers), the attribute groups (metaMap), the repeatable sections, the
+// application settings, and whatever element a parser was in the middle of. The
+// instance name stays.
 void resetDefinitionState();
+
+// Run first by resetDefinitionState, in the order added: layers above this one
+// forget what they built from a definition (the providers its elements made).
+using DefinitionResetHook = void (*)();
+void addDefinitionResetHook(DefinitionResetHook hook);

@@ -10,7 +10,9 @@
 // Copyable and movable. Not thread-safe: one object, one thread at a time.
 
 #include <cstddef>
+#include <new>
 
+#include "foundation/ObjectPool.h"
 #include "foundation/String.h"
 
 class UTF8String {
@@ -53,6 +55,16 @@ class UTF8String {
 
   // True when the bytes are well-formed UTF-8.
   bool isValid() const;
+
+  // Text values are made for every row of every collection: their objects are kept
+  // for reuse (their byte buffers are not).
+  static void* operator new(size_t size) { return ObjectPool<UTF8String>::allocate(size); }
+  static void* operator new(size_t size, const std::nothrow_t&) noexcept {
+    return ObjectPool<UTF8String>::allocateOrNull(size);
+  }
+  static void operator delete(void* block, size_t size) {
+    ObjectPool<UTF8String>::release(block, size);
+  }
 
  private:
   XRV::String text_;

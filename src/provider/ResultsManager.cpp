@@ -371,6 +371,17 @@ void ResultsManager::collectData(const char* subnode) {
                      getAttributeGroup());
   } else {
     internalCollectData(subnode);
+  }
+  if (keepActiveResults_) {
+    keepActiveResults_ = false;
+    XRV_TRACE_DETAIL("No new data for %s, keeping the current rows", getAttributeGroup());
+    clearNewResultSet();
+    pthread_mutex_unlock(collectingMutex_.native());
+    updateLastTime();
+    recordCollection(started, fwTimeMillis());
+    return;
+  }
+  if (!collectionDisabled_) {
     int type = getObjectType();
     if (type != UA_JOIN && type != UA_ROLLUP && type != UA_FILTER &&
         doesMetricListContainRatesOrDeltas()) {

@@ -96,8 +96,10 @@ class ResultsManager : public UAClientClass {
   virtual const char* getPerfObjectName() = 0;
   virtual int getPerfObjectStatus() = 0;
   virtual int getPerfErrorCode() = 0;
+  // The return code and standard error of the last command the data source ran (the
+  // status groups show them); a copy, safe beside a collection.
   virtual int getCollectionReturnCode() { return 0; }
-  virtual const char* getCollectionStdErr() { return ""; }
+  virtual std::string getCollectionStdErr() { return ""; }
   // The configuration properties the provider reads.
   virtual std::vector<std::string> getPropertyNames();
   UAClientClass* subnodeCopy(const char* subnodeKey, UAClientClassList* list) override;
@@ -209,6 +211,9 @@ class ResultsManager : public UAClientClass {
   void printResultInstances() XRV_EXCLUDES(resultsLock_);
 
  protected:
+  // From internalCollectData: this collection brought nothing new and the active rows
+  // stay as they are (no rates, derived values or merge this time).
+  void keepActiveResults() { keepActiveResults_ = true; }
   // Turns a byte-string value with a display hint into its displayed form; returns
   // `value` itself when there is nothing to do. Sources whose values carry hints
   // override it.
@@ -242,6 +247,7 @@ class ResultsManager : public UAClientClass {
 
   // Collection.
   PthreadMutex collectingMutex_;
+  bool keepActiveResults_ = false;  // collecting thread only
   std::atomic<int64_t> cacheHits_{0};
   std::atomic<int64_t> collections_{0};
 

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "definition/AgentSettings.h"
 #include "framework/api/Trace.h"
 #include "provider/UAClientClass.h"
 
@@ -90,3 +91,12 @@ UAClientClassList& queryClassList() {
   static UAClientClassList list;
   return list;
 }
+
+namespace {
+
+// The data-source elements of a definition made these providers: a definition that
+// is forgotten takes them along.
+[[maybe_unused]] const bool resetHookAdded =
+    (addDefinitionResetHook([] { queryClassList().deleteAll(); }), true);
+
+}  // namespace

@@ -271,7 +271,7 @@ char* SubnodeManager::generateSubnodeManagedSystemName(const char* application, 
     XRV_TRACE_DETAIL("key will be truncated to \"%25s\"", keyPart.c_str());
   }
 
-  // The application's first character is skipped: "KXR" contributes "XR".
+  // The application's first character is skipped: "XRV" contributes "XR".
   std::string applicationPart = application;
   if (applicationPart.size() > kApplicationLimit) {
     applicationPart = applicationPart.substr(1, kApplicationLimit);

@@ -71,8 +71,8 @@ TEST_F(ConfigXMLParserTest, ApplicationSettings) {
     const char* service;
   };
   const Case cases[] = {
-      {"KXR", "", "KXR", "XR", "xrvagent"},
-      {"KXRAGENT", "inst1", "KXR", "XR", "xrvagent_inst1"},
+      {"XRV", "", "XRV", "RV", "xrvagent"},
+      {"XRVAGENT", "inst1", "XRV", "RV", "xrvagent_inst1"},
       {"AB", "", "AB", "B", "xrvagent"},
       {"", "", "", "", "xrvagent"},
   };
@@ -81,13 +81,13 @@ TEST_F(ConfigXMLParserTest, ApplicationSettings) {
     instanceName.assign(c.instance);
     unsetenv("MVOLA_SUBSYSTEM_ID");
     read(std::string("<agent><appl name=\"") + c.name +
-         R"(" nodeType="XR" hostName="h" hostType="Linux" affinity="%IBM.XRV" agentVersion="1.2")"
+         R"(" nodeType="XR" hostName="h" hostType="Linux" affinity="%XRV.XRV" agentVersion="1.2")"
          R"( version="06.30.00" service="xrvagent" internalAgentVersion="7"/></agent>)");
     const ApplicationSettings& settings = applicationSettings();
     EXPECT_EQ(settings.longProductCode, c.longCode);
     EXPECT_EQ(settings.shortProductCode, c.shortCode);
     EXPECT_EQ(settings.serviceName, c.service);
-    EXPECT_EQ(settings.affinity, "%IBM.XRV");
+    EXPECT_EQ(settings.affinity, "%XRV.XRV");
     EXPECT_EQ(settings.internalAgentVersion, "7");
     const char* subsystem = getenv("MVOLA_SUBSYSTEM_ID");
     EXPECT_STREQ(subsystem == nullptr ? "" : subsystem, c.instance);
@@ -126,7 +126,7 @@ TEST_F(ConfigXMLParserTest, InitFromFile) {
   int fd = mkstemp(path);
   ASSERT_GE(fd, 0);
   close(fd);
-  std::ofstream(path) << R"(<agent><appl name="KXR"/><metadata><ag name="G" table="T">)"
+  std::ofstream(path) << R"(<agent><appl name="XRV"/><metadata><ag name="G" table="T">)"
                          R"(<attr name="a" type="1" size="8"/></ag></metadata></agent>)";
   EXPECT_TRUE(initFromFile(path));
   ASSERT_NE(findAttributeGroupMeta("G"), nullptr);
@@ -136,7 +136,8 @@ TEST_F(ConfigXMLParserTest, InitFromFile) {
 
 TEST_F(ConfigXMLParserTest, RegistryHoldsEveryElementOfThisBuild) {
   // What the agent binary's libraries register; grows with every data source.
-  const char* const expected[] = {"appl", "env_variable", "metadata", "repeatable_section"};
+  const char* const expected[] = {"appl", "env_variable", "metadata", "repeatable_section",
+                                  "script"};
   std::vector<std::string> names = registeredElementNames();
   for (const char* name : expected) {
     EXPECT_NE(std::find(names.begin(), names.end(), name), names.end()) << name;
@@ -162,7 +163,7 @@ TEST_F(ConfigXMLParserDeathTest, BrokenDefinitionEndsTheAgent) {
       {
         XRV::trace::configure("off");
         setenv("XRV_CONFIG_FILE", "/nonexistent/agent.ini", 1);
-        read("<agent><appl name=\"KXR\"/></agent>");
+        read("<agent><appl name=\"XRV\"/></agent>");
       },
       ::testing::KilledBySignal(SIGTERM), "Fatal Error \\(-1\\) Detected\\. Exiting\n$");
 }

@@ -25,7 +25,7 @@ TEST_F(DefinitionCheckTest, ErrorsCarryTheirLineAndColumn) {
   };
   const Case cases[] = {
       {"<agent>\n  <metadata>\n  </agent>", 3, 3, "Mismatched end tag found: agent != metadata"},
-      {"<agent>\n<appl name='KXR'/>\n</agent>", 2, 1, "Attribute value does not start with quote"},
+      {"<agent>\n<appl name='XRV'/>\n</agent>", 2, 1, "Attribute value does not start with quote"},
       {"<agent>\n  <x a=\"&bogus;\"/>", 2, 9, "Unrecognized entity: bogus"},
       {"<agent>\n<metadata>", 2, 1, "Missing end tag for element: metadata"},
   };
@@ -42,7 +42,7 @@ TEST_F(DefinitionCheckTest, ErrorsCarryTheirLineAndColumn) {
 
 TEST_F(DefinitionCheckTest, AnUnreadableConfigurationFileIsAnErrorTooNotAnExit) {
   setenv("XRV_CONFIG_FILE", "/nonexistent/agent.ini", 1);
-  EXPECT_FALSE(check_.check("<agent>\n <appl name=\"KXR\"/>\n <metadata/>\n</agent>"));
+  EXPECT_FALSE(check_.check("<agent>\n <appl name=\"XRV\"/>\n <metadata/>\n</agent>"));
   unsetenv("XRV_CONFIG_FILE");
   ASSERT_TRUE(check_.error().has_value());
   EXPECT_NE(check_.error()->message.find("/nonexistent/agent.ini"), std::string::npos);
@@ -69,7 +69,7 @@ TEST_F(DefinitionCheckTest, WarningsCarryTheirLine) {
   // A tag broken over two lines: the attribute after the line break is lost.
   resetDefinitionState();
   EXPECT_TRUE(check_.check(
-      "<agent>\n  <appl name=\"KXR\"\n        version=\"1\"\tservice=\"x\"/>\n</agent>"));
+      "<agent>\n  <appl name=\"XRV\"\n        version=\"1\"\tservice=\"x\"/>\n</agent>"));
   ASSERT_EQ(check_.warnings().size(), 2u);
   EXPECT_EQ(check_.warnings()[0].line, 2);
   EXPECT_NE(check_.warnings()[0].message.find("Attribute version of element appl follows a tab or "
@@ -88,13 +88,13 @@ TEST_F(DefinitionCheckTest, TheExampleDefinitionIsValid) {
         << warning.line << ": " << warning.message;
   }
   std::vector<AttributeGroupMeta*> groups = attributeGroupsInDefinitionOrder();
-  ASSERT_EQ(groups.size(), 6u);
+  ASSERT_EQ(groups.size(), 7u);
   EXPECT_STREQ(groups[0]->getGroupName(), "Disk_Usage");
   EXPECT_EQ(groups[0]->rowSize(), 32 + 256 + 64 + 8 + 8 + 8 + 4);
   EXPECT_STREQ(groups[0]->getAttribute(6)->getHint(), "used & reserved blocks, in %");
   EXPECT_EQ(groups[0]->noOfColumns(), 7) << "the raw line is hidden";
   EXPECT_STREQ(groups[1]->getAttribute(3)->getHint(), "load average * 100");
-  EXPECT_EQ(applicationSettings().shortProductCode, "XR");
+  EXPECT_EQ(applicationSettings().shortProductCode, "RV");
   EXPECT_EQ(applicationSettings().internalAgentVersion, "1") << "the last attribute of appl";
 
   EXPECT_FALSE(check_.checkFile("/nonexistent/definition.xml"));

@@ -22,7 +22,7 @@ class MetadataTest : public ::testing::Test {
   bool read(const std::string& metadata) {
     resetDefinitionState();
     bool ok =
-        check_.check("<agent><appl name=\"KXR\"/><metadata>" + metadata + "</metadata></agent>");
+        check_.check("<agent><appl name=\"XRV\"/><metadata>" + metadata + "</metadata></agent>");
     EXPECT_FALSE(check_.error().has_value()) << check_.error()->message;
     return ok;
   }
@@ -91,7 +91,7 @@ TEST_F(MetadataTest, RowLayoutAndAlignment) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.description);
-    ASSERT_TRUE(read(std::string(R"(<ag name="G" table="KXRG">)") + c.attributes + "</ag>"));
+    ASSERT_TRUE(read(std::string(R"(<ag name="G" table="XRVG">)") + c.attributes + "</ag>"));
     AttributeGroupMeta* group = findAttributeGroupMeta("G");
     ASSERT_NE(group, nullptr);
     EXPECT_EQ(group->rowSize(), c.rowSize);
@@ -113,14 +113,14 @@ TEST_F(MetadataTest, RowLayoutAndAlignment) {
 }
 
 TEST_F(MetadataTest, ColumnsSkipHiddenAttributes) {
-  ASSERT_TRUE(read(R"(<ag name="Disk" table="KXRDISK">)"
+  ASSERT_TRUE(read(R"(<ag name="Disk" table="XRVDISK">)"
                    R"(<attr name="Mount" hint="mount point" type="2" size="256"/>)"
                    R"(<attr name="-Device" type="1" size="64"/>)"
                    R"(<attr name="Used_Pct" type="4" size="4"/></ag>)"));
   AttributeGroupMeta* group = findAttributeGroupMeta("Disk");
   ASSERT_NE(group, nullptr);
-  EXPECT_STREQ(group->tableName(), "KXRDISK");
-  EXPECT_STREQ(group->applName(), "KXR");
+  EXPECT_STREQ(group->tableName(), "XRVDISK");
+  EXPECT_STREQ(group->applName(), "XRV");
   ASSERT_EQ(group->noOfColumns(), 3);
   EXPECT_STREQ(group->attrInfo(1)->name, "Mount");
   EXPECT_STREQ(group->attrInfo(2)->name, "Used_Pct");
@@ -140,11 +140,11 @@ TEST_F(MetadataTest, ColumnsSkipHiddenAttributes) {
 
 TEST_F(MetadataTest, GroupFlagsAndTexts) {
   ASSERT_TRUE(read(
-      R"(<ag name="Events" table="KXREVT" pure="true" discovery_attribute_group="yes")"
+      R"(<ag name="Events" table="XRVEVT" pure="true" discovery_attribute_group="yes")"
       R"( subnode_type="LNX" filter_expression="sev &gt; 3")"
       R"( event_flood_threshold="send_first" event_summary_interval="60">)"
-      R"(<receive_req name="KXR_REQ"/></ag>)"
-      R"(<ag name="Plain" table="KXRPLN" pure="TRUE" filter_expression_grammar="expression"/>)"));
+      R"(<receive_req name="XRV_REQ"/></ag>)"
+      R"(<ag name="Plain" table="XRVPLN" pure="TRUE" filter_expression_grammar="expression"/>)"));
   AttributeGroupMeta* events = findAttributeGroupMeta("Events");
   ASSERT_NE(events, nullptr);
   EXPECT_TRUE(events->pureEventBased());
@@ -155,7 +155,7 @@ TEST_F(MetadataTest, GroupFlagsAndTexts) {
   EXPECT_STREQ(events->evtFloodThreshold(), "send_first");
   EXPECT_STREQ(events->evtSummaryInterval(), "60");
   ASSERT_NE(events->getRequestInfoMap(), nullptr);
-  EXPECT_TRUE(events->getRequestInfoMap()->contains("KXR_REQ"));
+  EXPECT_TRUE(events->getRequestInfoMap()->contains("XRV_REQ"));
 
   AttributeGroupMeta* plain = findAttributeGroupMeta("Plain");
   ASSERT_NE(plain, nullptr);
@@ -224,11 +224,11 @@ void recordingHook(AttributeGroupMeta* group, const char* name) {
 TEST_F(MetadataTest, StatusGroupsCallTheHookOnceComplete) {
   hookCalls.clear();
   setPerfObjectStatusHook(recordingHook);
-  ASSERT_TRUE(read(R"(<ag name="KXR_Performance_Object_Status" table="KXRPOS">)"
+  ASSERT_TRUE(read(R"(<ag name="XRV_Performance_Object_Status" table="XRVPOS">)"
                    R"(<attr name="Query_Name" type="2" size="64"/></ag>)"
                    R"(<ag name="Performance_Object_Status" table="POS"/>)"
                    R"(<ag name="Disk" table="DSK"/>)"));
-  EXPECT_EQ(hookCalls, std::vector<std::string>{"KXR_Performance_Object_Status/KXRPOS/96"});
+  EXPECT_EQ(hookCalls, std::vector<std::string>{"XRV_Performance_Object_Status/XRVPOS/96"});
 }
 
 }  // namespace

@@ -25,7 +25,7 @@ using XRV::testing::TestQueryClass;
 
 class NoRequests : public TableManager {
  public:
-  NoRequests() : TableManager("KXR", "TBusy") {}
+  NoRequests() : TableManager("XRV", "TBusy") {}
   FwRequest* CreateRequest(RequestDetail*, ContextInfo*) override { return nullptr; }
 };
 

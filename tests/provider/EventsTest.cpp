@@ -23,7 +23,7 @@ using XRV::testing::TestQueryClass;
 
 class EventTable : public TableManager {
  public:
-  explicit EventTable(const char* table) : TableManager("KXR", table) {}
+  explicit EventTable(const char* table) : TableManager("XRV", table) {}
   FwRequest* CreateRequest(RequestDetail*, ContextInfo*) override { return nullptr; }
 };
 

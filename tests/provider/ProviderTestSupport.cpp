@@ -15,7 +15,7 @@
 namespace XRV::testing {
 
 TestQueryClass::TestQueryClass(const char* group, const std::vector<TestMetric>& metrics, int type)
-    : ResultsManager("KXR", group, type) {
+    : ResultsManager("XRV", group, type) {
   for (const TestMetric& described : metrics) {
     auto* metric = new Metric(described.name);
     metric->setSurfName(described.name);
@@ -119,7 +119,7 @@ std::vector<std::string> decodeRow(const AttributeGroupMeta* meta, const char* r
 DecodingRequest::DecodingRequest(AttributeGroupMeta* meta)
     : GenericAgentBase(&detail_, &context_),
       meta_(meta),
-      detail_("KXR", meta == nullptr ? "" : meta->tableName()) {
+      detail_("XRV", meta == nullptr ? "" : meta->tableName()) {
   detail_.SetRowSink(this);
 }
 

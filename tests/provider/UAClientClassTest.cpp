@@ -100,7 +100,7 @@ TEST(UAClientClassTest, GroupSettingsComeFromTheGroupThenTheAgent) {
     ConfigurationFile file;
     ASSERT_TRUE(file.load(std::string("[agent]\n") + c.config));
     TraceCapture trace;
-    TestProvider provider("KXR", "Disk_Usage", UA_SCRIPT);
+    TestProvider provider("XRV", "Disk_Usage", UA_SCRIPT);
     EXPECT_EQ(
         (std::vector<int>{provider.getRefreshInterval(), provider.getTimeFudge(),
                           provider.getTimeoutInterval(), provider.getDefaultRateDeltaInterval()}),
@@ -115,7 +115,7 @@ TEST(UAClientClassTest, ExpiryAndTimeStampsFollowTheClock) {
   setenv("TZ", "UTC", 1);
   tzset();
   FakeClock clock(1700000000000);  // 2023-11-14 22:13:20 UTC
-  TestProvider provider("KXR", "Disk", UA_SCRIPT);
+  TestProvider provider("XRV", "Disk", UA_SCRIPT);
   char stamp[17];
   provider.getTimeStamp(stamp);
   EXPECT_STREQ(stamp, "0000000000000001") << "never collected";
@@ -290,7 +290,7 @@ TEST(UAClientClassTest, TextsArePaddedAndNeverEndInACutCharacter) {
 
 TEST(UAClientClassTest, SubnodeCopiesShareTheMetricsOfTheirSource) {
   UAClientClassList list;
-  auto* base = new TestProvider("KXR", "Disk", UA_SCRIPT);
+  auto* base = new TestProvider("XRV", "Disk", UA_SCRIPT);
   list.addClientClass(base);
   auto* size = new Metric("Size");
   auto* rate = new Metric("Read_Rate");
@@ -329,7 +329,7 @@ TEST(UAClientClassTest, SubnodeCopiesShareTheMetricsOfTheirSource) {
   TraceCapture trace;
   copy->setZombie(true);
   UAClientClass* copyOfZombie = copy->subnodeCopy("web02", &list);
-  EXPECT_TRUE(trace.hasText("WARNING: Copying zombie object: KXR/Disk/web01"));
+  EXPECT_TRUE(trace.hasText("WARNING: Copying zombie object: XRV/Disk/web01"));
   EXPECT_FALSE(copyOfZombie->isZombie());
   EXPECT_EQ(list.getCount(), 3);
   // Copies first, then the source, which alone deletes the metrics (ASan catches a
@@ -342,7 +342,7 @@ TEST(UAClientClassTest, SubnodeCopiesShareTheMetricsOfTheirSource) {
 }
 
 TEST(UAClientClassTest, RequestFiltersAreFiledUnderTheirId) {
-  TestProvider provider("KXR", "Disk", UA_SCRIPT);
+  TestProvider provider("XRV", "Disk", UA_SCRIPT);
   TraceCapture trace;
   provider.setRequestInfo("r1", {{"Mount", "EQ", "/var"}});
   provider.setRequestInfo("r1", {{"Mount", "EQ", "/tmp"}, {"Used", "GT", "90"}});
@@ -381,7 +381,7 @@ TEST(UAClientClassTest, PerfObjectEnumerationsAreProcessWide) {
 }
 
 TEST(UAClientClassTest, CollectionStatistics) {
-  TestProvider provider("KXR", "Disk", UA_SCRIPT);
+  TestProvider provider("XRV", "Disk", UA_SCRIPT);
   EXPECT_EQ(provider.getPerfstats().lastDurationMillis, -1);
   provider.recordCollection(1000, 1500);
   provider.recordCollection(2000, 2100);
@@ -399,10 +399,10 @@ TEST(UAClientClassTest, CollectionStatistics) {
 
 TEST(UAClientClassListTest, ProvidersAreChainedInOrderAndFoundByGroup) {
   UAClientClassList list;
-  auto* first = new TestProvider("KXR", "Disk", UA_SCRIPT);
-  auto* middle = new TestProvider("KXR", "Net", UA_SCRIPT);
-  auto* second = new TestProvider("KXR", "Disk", UA_PING);
-  TestProvider outsider("KXR", "Other", UA_SCRIPT);
+  auto* first = new TestProvider("XRV", "Disk", UA_SCRIPT);
+  auto* middle = new TestProvider("XRV", "Net", UA_SCRIPT);
+  auto* second = new TestProvider("XRV", "Disk", UA_PING);
+  TestProvider outsider("XRV", "Other", UA_SCRIPT);
   for (UAClientClass* provider : {first, middle, second}) {
     list.addClientClass(provider);
   }

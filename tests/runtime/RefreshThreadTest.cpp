@@ -24,7 +24,7 @@ namespace {
 class TimedSource : public ResultsManager {
  public:
   TimedSource(const char* group, int interval, int collectMillis, int type = UA_SCRIPT)
-      : ResultsManager("KXR", group, type), collectMillis_(collectMillis) {
+      : ResultsManager("XRV", group, type), collectMillis_(collectMillis) {
     setRefreshInterval(interval);
   }
   void internalCollectData(const char*) override {

@@ -44,7 +44,7 @@ TEST(SchedulingStress, FiftyProvidersWhileSubnodesComeAndGo) {
 
   UAClientClassList list;
   SubnodeManagerSettings settings;
-  settings.applicationName = "KXR";
+  settings.applicationName = "XRV";
   SubnodeManager manager(settings, &list);
   stressManager = &manager;
   setCollectionDoneHook(onCollectionDone);
@@ -74,7 +74,7 @@ TEST(SchedulingStress, FiftyProvidersWhileSubnodesComeAndGo) {
   };
   auto msnOf = [&](const std::string& key) {
     char buffer[SUBNODE_MSN_BUFFER_SIZE];
-    manager.generateSubnodeManagedSystemName("KXR", key.c_str(), "LNX", buffer);
+    manager.generateSubnodeManagedSystemName("XRV", key.c_str(), "LNX", buffer);
     return std::string(buffer);
   };
   EXPECT_EQ(manager.applyConfiguredSubnodes(list), 40) << "10 groups x 4 subnodes";

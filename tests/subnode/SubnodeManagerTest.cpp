@@ -83,7 +83,7 @@ std::string hexAddress(const void* pointer) {
 
 class SubnodeManagerTest : public ::testing::Test {
  protected:
-  void SetUp() override { applicationSettings().applicationName = "KXR"; }
+  void SetUp() override { applicationSettings().applicationName = "AXR"; }
   void TearDown() override {
     manager_.reset();
     list_.deleteAll();

@@ -58,19 +58,19 @@ const std::string kExample = XRV_EXAMPLES_DIR "/definitions/linux-basics.xml";
 TEST(Xrvctl, ValidateListsGroupsAsTables) {
   Outcome run = xrvctl("validate " + kExample);
   EXPECT_EQ(run.status, 0) << run.err;
-  EXPECT_NE(run.out.find("Disk_Usage  table KXRDISK, row 380 bytes"), std::string::npos) << run.out;
+  EXPECT_NE(run.out.find("Disk_Usage  table XRVDISK, row 380 bytes"), std::string::npos) << run.out;
   EXPECT_NE(run.out.find("  Raw_Line         1   512  hidden"), std::string::npos) << run.out;
-  EXPECT_NE(run.out.find("6 attribute groups"), std::string::npos);
+  EXPECT_NE(run.out.find("7 attribute groups"), std::string::npos);
 }
 
 TEST(Xrvctl, ValidateAsJson) {
   Outcome run = xrvctl("validate --json " + kExample);
   ASSERT_EQ(run.status, 0) << run.err;
   nlohmann::json report = nlohmann::json::parse(run.out);
-  ASSERT_EQ(report["groups"].size(), 6u);
+  ASSERT_EQ(report["groups"].size(), 7u);
   const nlohmann::json& disk = report["groups"][0];
   EXPECT_EQ(disk["group"], "Disk_Usage");
-  EXPECT_EQ(disk["table"], "KXRDISK");
+  EXPECT_EQ(disk["table"], "XRVDISK");
   EXPECT_EQ(disk["row_size"], 380);
   EXPECT_EQ(disk["pure_event"], false);
   EXPECT_EQ(disk["discovery"], false);
@@ -92,7 +92,7 @@ TEST(Xrvctl, ValidateReportsTheFirstErrorWithItsPosition) {
   std::string broken = writeTemp("broken.xml",
                                  "<agent>\n"
                                  "  <metadata>\n"
-                                 "    <ag name='Disk' table=\"KXRDISK\"/>\n"
+                                 "    <ag name='Disk' table=\"XRVDISK\"/>\n"
                                  "  </metadata>\n"
                                  "</agent>\n");
   Outcome run = xrvctl("validate " + broken);
@@ -120,7 +120,44 @@ TEST(Xrvctl, ValidateWarnsAboutWhatItCannotUse) {
   EXPECT_EQ(run.status, 0);
   EXPECT_EQ(run.err,
             odd + ":2: warning: Element cimom is not handled by this build and is ignored\n" + odd +
-                ":4: warning: WARNING: Attribute weird has an unsupported length: 3\n");
+                ":4: warning: WARNING: Attribute weird has an unsupported length: 3\n" + odd +
+                ": warning: Attribute group G has no data source: its table stays empty\n");
+}
+
+TEST(Xrvctl, ValidateComparesDataSourcesWithTheirGroups) {
+  std::string mixed = writeTemp(
+      "mixed.xml",
+      "<agent>\n"
+      "  <metadata>\n"
+      "    <ag name=\"Disk\" table=\"T1\">\n"
+      "      <attr name=\"Mount\" type=\"1\" size=\"8\"/><attr name=\"Used\" type=\"0\" size=\"4\"/>\n"
+      "      <attr name=\"Free\" type=\"0\" size=\"4\"/><attr name=\"-Raw\" type=\"1\" size=\"8\"/>\n"
+      "    </ag>\n"
+      "    <ag name=\"Thread_Pool_Status\" table=\"T2\"><attr name=\"Thread_Pool_Size\" type=\"0\" size=\"4\"/></ag>\n"
+      "  </metadata>\n"
+      "  <script ag=\"Disk\" command=\"true\">\n"
+      "    <metric name=\"Mount\" visible=\"true\" type=\"STRING_DATA\"/>\n"
+      "    <metric name=\"Free\" visible=\"true\" type=\"NUMERIC_DATA\"/><metric name=\"Raw\" type=\"STRING_DATA\"/>\n"
+      "  </script>\n"
+      "  <script ag=\"Disk\" command=\"false\"/>\n"
+      "  <script ag=\"Undeclared\" command=\"true\"/>\n"
+      "</agent>\n");
+  Outcome run = xrvctl("validate " + mixed);
+  EXPECT_EQ(run.status, 0);
+  EXPECT_EQ(run.err,
+            mixed + ": warning: Attribute group Disk: column 2 is Used but the data source puts "
+                    "attribute Free there\n" +
+                mixed + ": warning: Attribute group Disk has 3 columns but its data source "
+                        "fills only 2\n" +
+                mixed + ": warning: Attribute group Disk has more than one data source: only "
+                        "the first one is used\n" +
+                mixed + ": warning: Attribute group Undeclared has a data source but is not "
+                        "declared in the metadata: it has no table\n");
+  EXPECT_NE(run.out.find("2 attribute groups, 4 warnings"), std::string::npos) << run.out;
+
+  nlohmann::json report = nlohmann::json::parse(xrvctl("validate --json " + mixed).out);
+  ASSERT_EQ(report["warnings"].size(), 4u);
+  EXPECT_TRUE(report["warnings"][0]["line"].is_null());
 }
 
 TEST(Xrvctl, UsageAndUnreadableFiles) {

@@ -1,5 +1,7 @@
 #include "ValidateCommand.h"
 
+#include "DataSourceCheck.h"
+
 #include <iomanip>
 #include <ostream>
 
@@ -80,10 +82,19 @@ void printGroup(const AttributeGroupMeta& group, std::ostream& out) {
 int runValidate(const ValidateOptions& options, std::ostream& out, std::ostream& err) {
   DefinitionCheck check;
   bool ok = check.checkFile(options.definition);
+  // Problems between data sources and groups have no line of their own.
+  std::vector<std::string> groupWarnings;
+  if (ok) {
+    groupWarnings = checkDataSourcesAgainstGroups();
+  }
+  const size_t warningCount = check.warnings().size() + groupWarnings.size();
   if (options.json) {
     json warnings = json::array();
     for (const DefinitionProblem& warning : check.warnings()) {
       warnings.push_back({{"line", warning.line}, {"message", warning.message}});
+    }
+    for (const std::string& warning : groupWarnings) {
+      warnings.push_back({{"line", nullptr}, {"message", warning}});
     }
     json report;
     if (ok) {
@@ -105,6 +116,9 @@ int runValidate(const ValidateOptions& options, std::ostream& out, std::ostream&
   for (const DefinitionProblem& warning : check.warnings()) {
     err << options.definition << ":" << warning.line << ": warning: " << warning.message << "\n";
   }
+  for (const std::string& warning : groupWarnings) {
+    err << options.definition << ": warning: " << warning << "\n";
+  }
   if (!ok) {
     const DefinitionProblem& error = *check.error();
     err << options.definition;
@@ -121,6 +135,6 @@ int runValidate(const ValidateOptions& options, std::ostream& out, std::ostream&
   }
   out << "\n"
       << groups.size() << " attribute group" << (groups.size() == 1 ? "" : "s") << ", "
-      << check.warnings().size() << " warning" << (check.warnings().size() == 1 ? "" : "s") << "\n";
+      << warningCount << " warning" << (warningCount == 1 ? "" : "s") << "\n";
   return 0;
 }

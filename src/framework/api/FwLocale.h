@@ -2,7 +2,7 @@
 
 // The framework's national-language service: the process locale and conversion of
 // text between code pages. Code pages are named as ICU names them ("UTF-8",
-// "ISO-8859-1", "ibm-943_P15A-2003") or numbered by their CCSID (1208 is UTF-8).
+// "ISO-8859-1", "Shift_JIS") or numbered by their CCSID (1208 is UTF-8).
 
 #include <cstddef>
 

@@ -45,7 +45,7 @@ TEST(Framework, OriginNodeAndSubnodes) {
   EXPECT_FALSE(fwGetOriginNode(msn, sizeof msn));
 
   const char* features[] = {"AFF_FEAT_DM_PARITY"};
-  FwSubnodeRegistration registration{"RV:web01:LNX", "%IBM.XRV", "LNX", "06.30", features, 1,
+  FwSubnodeRegistration registration{"RV:web01:LNX", "%XRV.XRV", "LNX", "06.30", features, 1,
                                      "Linux~6",      "10.0.0.1", "web"};
   EXPECT_EQ(fwSubnodeRegister(registration), FW_SUBNODE_OK);
   framework.setRegistrationResult(FW_SUBNODE_SEND_FAILED);

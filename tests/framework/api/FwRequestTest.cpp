@@ -58,12 +58,12 @@ class StartsWithX : public FwRowFilter {
 
 TEST(FwRequest, RowsReachTheSinkUnlessTheExceptionFilterRejectsThem) {
   FrameworkDouble framework;
-  RowTable table("KXRDISK", {"row-1", "xrow", "row-3"});
-  RequestDetail detail("XRV", "KXRDISK");
+  RowTable table("XRVDISK", {"row-1", "xrow", "row-3"});
+  RequestDetail detail("XRV", "XRVDISK");
   StartsWithX filter;
   detail.SetExceptionFilter(&filter);
   ContextInfo context;
-  std::vector<std::string> rows = framework.sample("KXRDISK", detail, context, 2);
+  std::vector<std::string> rows = framework.sample("XRVDISK", detail, context, 2);
   EXPECT_EQ(rows, (std::vector<std::string>{"row-1", "row-3", "row-1", "row-3"}));
 }
 
@@ -85,8 +85,8 @@ TEST(FwRequest, SendRowReportsFailure) {
 TEST(FwRequest, TableManagersAnnounceThemselvesAndSendEvents) {
   FrameworkDouble framework;
   {
-    RowTable table("KXREVENT", {});
-    ASSERT_EQ(framework.findTableManager("KXREVENT"), &table);
+    RowTable table("XRVEVENT", {});
+    ASSERT_EQ(framework.findTableManager("XRVEVENT"), &table);
     EXPECT_EQ(table.EventArrived("e1", 2), 0);
     EXPECT_EQ(table.AddDataToEvent("e2", 2), 0);
     framework.setEventResult(1);
@@ -95,14 +95,14 @@ TEST(FwRequest, TableManagersAnnounceThemselvesAndSendEvents) {
   EXPECT_TRUE(framework.tableManagers().empty());
   std::vector<FrameworkDouble::Event> events = framework.events();
   ASSERT_EQ(events.size(), 3u);
-  EXPECT_EQ(events[0].table, "KXREVENT");
+  EXPECT_EQ(events[0].table, "XRVEVENT");
   EXPECT_EQ(events[0].bytes, "e1");
   EXPECT_FALSE(events[0].continuation);
   EXPECT_TRUE(events[1].continuation);
 }
 
 TEST(FwRequest, EventsWithoutAHostAreLost) {
-  RowTable table("KXRLOST", {});
+  RowTable table("XRVLOST", {});
   EXPECT_EQ(table.EventArrived("e", 1), 1);
   EXPECT_EQ(table.AddDataToEvent("e", 1), 1);
 }
