@@ -8,7 +8,7 @@ export ASAN_OPTIONS ?= detect_leaks=1:abort_on_error=1:strict_string_checks=1
 export UBSAN_OPTIONS ?= print_stacktrace=1:halt_on_error=1
 export TSAN_OPTIONS ?= halt_on_error=1:second_deadlock_stack=1
 
-.PHONY: deps build check check-asan check-tsan bench fuzz-config fuzz-definition clean
+.PHONY: deps build check check-asan check-tsan bench fuzz-config fuzz-definition fuzz-expression clean
 
 deps:
 	@scripts/install-deps
@@ -33,7 +33,21 @@ check-tsan: deps
 	ctest --test-dir build-tsan $(CTEST_FLAGS)
 
 bench: build
+	@scripts/install-deps --bench
 	bench/run build
+
+.PHONY: demo soak
+
+# The demo agent in the foreground, its HTTP API on http://127.0.0.1:9310 (Ctrl-C
+# stops it).
+demo: build
+	scripts/demo build
+
+# The demo under load for SOAK_SECONDS (default 600): memory and descriptors must stay
+# flat and no request may fail. Not part of check.
+soak: build
+	@scripts/install-deps --bench
+	bench/soak build
 
 # libFuzzer targets, each for FUZZ_SECONDS (default 300 s; 600 s for definitions),
 # starting from the seeds under tests/fuzz/corpus/NAME. A crash leaves crash-* in
@@ -42,6 +56,8 @@ bench: build
 #                    build-fuzz/corpus-config
 #   fuzz-definition: the agent-definition reader; what it finds is merged into the
 #                    kept corpus tests/fuzz/corpus/definition
+#   fuzz-expression: the formula and filter parsers and the evaluator (600 s); what
+#                    it finds is merged into tests/fuzz/corpus/expression
 FUZZ_CONFIGURE = CC=clang CXX=clang++ $(CMAKE) -S . -B build-fuzz -G Ninja -DXRV_FUZZ=ON \
   -DXRV_SANITIZE=address -DXRV_BENCH=OFF
 
@@ -62,6 +78,17 @@ fuzz-definition: deps
 	  build-fuzz/corpus-definition tests/fuzz/corpus/definition
 	build-fuzz/tests/fuzz/fuzz_definition -merge=1 -max_len=16384 \
 	  tests/fuzz/corpus/definition build-fuzz/corpus-definition
+
+fuzz-expression: FUZZ_SECONDS = 600
+fuzz-expression: deps
+	$(FUZZ_CONFIGURE)
+	$(CMAKE) --build build-fuzz --target fuzz_expression
+	mkdir -p build-fuzz/corpus-expression
+	build-fuzz/tests/fuzz/fuzz_expression -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
+	  -max_len=512 -timeout=10 -dict=tests/fuzz/expression.dict \
+	  build-fuzz/corpus-expression tests/fuzz/corpus/expression
+	build-fuzz/tests/fuzz/fuzz_expression -merge=1 -max_len=512 \
+	  tests/fuzz/corpus/expression build-fuzz/corpus-expression
 
 clean:
 	rm -rf build build-asan build-tsan build-fuzz

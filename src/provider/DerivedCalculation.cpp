@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "foundation/Locks.h"
 #include "foundation/UTF8String.h"
@@ -20,6 +21,13 @@ namespace {
 PthreadMutex& derivedCalculateLock() {
   static PthreadMutex lock;
   return lock;
+}
+
+// The values of the row being calculated, then its derived values so far (reused
+// from row to row; only under the derived calculation lock).
+std::vector<const ResultMetric*>& derivedInputs() {
+  static std::vector<const ResultMetric*> inputs;
+  return inputs;
 }
 
 std::atomic<DerivedEvaluator> installedEvaluator{nullptr};
@@ -104,6 +112,12 @@ void ResultsManager::internalCalculateDerived(const char* requestId, ResultInsta
   PthreadMutexLock lock(derivedCalculateLock());
   row->clearDerivedMetrics();
   DerivedEvaluator evaluator = installedEvaluator.load(std::memory_order_acquire);
+  std::vector<const ResultMetric*>& inputs = derivedInputs();
+  inputs.clear();
+  for (const ResultMetric* value = row->getFirstMetric(); value != nullptr;
+       value = static_cast<const ResultMetric*>(value->getNextElement())) {
+    inputs.push_back(value);
+  }
   for (const Metric* metric : derivedMetrics_) {
     XRV_TRACE_DETAIL("Calculating derived attribute %s",
                      metric->getMetricName() == nullptr ? "" : metric->getMetricName());
@@ -117,7 +131,9 @@ void ResultsManager::internalCalculateDerived(const char* requestId, ResultInsta
       const char* formula = metric->getExpressionFormula();
       XRV_TRACE_DETAIL("Calculating expression formula: %s", formula == nullptr ? "" : formula);
       if (evaluator != nullptr && metric->getExpression() != nullptr) {
-        value = evaluator(this, metric, row, requestId, behavior);
+        value = evaluator(this, metric, row,
+                          DerivedInputs{inputs.data(), static_cast<int>(inputs.size())},
+                          requestId, behavior);
       } else {
         XRV_TRACE_DETAIL("Expressions are not available in this build, %s reports -1",
                          metric->getMetricName() == nullptr ? "" : metric->getMetricName());
@@ -127,6 +143,15 @@ void ResultsManager::internalCalculateDerived(const char* requestId, ResultInsta
       }
     }
     row->addDerivedMetric(value);
+    inputs.push_back(value);
+  }
+}
+
+void ResultsManager::purgeDerivedState() {
+  XRV_TRACE_FN();
+  PthreadMutexLock lock(derivedCalculateLock());
+  if (derivedState_ != nullptr) {
+    derivedState_->purge();
   }
 }
 

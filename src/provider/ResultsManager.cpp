@@ -512,6 +512,7 @@ void ResultsManager::updateResults() {
   XRV_TRACE_DETAIL("Aggregate/replace is on, updating result instance list.");
   if (aggregate_ && previousRequestHistorical_) {
     XRV_TRACE_DETAIL("Previous request was historical, purging dead results");
+    purgeDerivedState();
   }
   bool purging = replaceRowsByKey_ && purgeInterval_ >= 1;
   char current[17] = "";
@@ -579,15 +580,23 @@ bool ResultsManager::resultPassesFilter(ResultInstance* row) {
   if (filter_ == nullptr) {
     return true;
   }
-  std::string error;
-  bool passes = filter_->passes(*row, &error);
-  if (!error.empty()) {
+  FilterResult result;
+  filter_->evaluate(*row, &result);
+  if (!result.error.empty()) {
     XRV_TRACE_SITE();
     XRV_TRACE_ERROR("AG %s, error from filterExpression->evaluate: %s", getAttributeGroup(),
-                    error.c_str());
+                    result.error.c_str());
     return false;
   }
-  return passes;
+  if (result.returnedType != result.expectedType) {
+    XRV_TRACE_SITE();
+    XRV_TRACE_ERROR(
+        "Error:  filter should have returned a boolean (ExpressionType[%d]) but instead "
+        "returned ExpressionType[%d]",
+        result.expectedType, result.returnedType);
+    return false;
+  }
+  return result.passes;
 }
 
 void ResultsManager::checkFilter() {

@@ -51,21 +51,46 @@ enum FLOOD_THRESHOLD {
   EVENT_SEND_ALL = -3,
 };
 
+// The values a derived attribute can use while it is computed: the row's values in
+// attribute order, then the derived values computed before it.
+struct DerivedInputs {
+  const ResultMetric* const* values;
+  int count;
+};
+
+// What the expression language keeps per provider between calculations (the
+// samples of its interval functions). Owned by the provider; touched only under the
+// derived calculation lock.
+class DerivedState {
+ public:
+  virtual ~DerivedState() = default;
+  // Forgets everything kept (after a historical request).
+  virtual void purge() = 0;
+};
+
 // The expression language computes formula attributes through this hook: a new
 // ResultMetric for `metric` in `row` (null when it cannot). Installed by the library
-// that provides the language; without one a formula attribute reports -1.
+// that provides the language; without one a formula attribute reports -1. Called
+// with the derived calculation lock held.
 using DerivedEvaluator = ResultMetric* (*)(ResultsManager* provider, const Metric* metric,
-                                           ResultInstance* row, const char* requestId,
+                                           const ResultInstance* row,
+                                           const DerivedInputs& inputs, const char* requestId,
                                            StorageBehavior behavior);
 void registerDerivedEvaluator(DerivedEvaluator evaluator);
 
-// A row filter, parsed from a group's filter expression.
+// What a filter made of one row.
+struct FilterResult {
+  bool passes = false;
+  std::string error;     // set when the filter could not be evaluated on the row
+  int expectedType = 0;  // when the filter gave no boolean: the boolean's type and
+  int returnedType = 0;  // the type it gave (the expression language's numbers)
+};
+
+// A row filter, parsed from a group's filter expression. Thread-safe.
 class RowFilter {
  public:
   virtual ~RowFilter() = default;
-  // True when the row passes; false with *error set when the filter cannot be
-  // evaluated on it.
-  virtual bool passes(const ResultInstance& row, std::string* error) const = 0;
+  virtual void evaluate(const ResultInstance& row, FilterResult* result) const = 0;
 };
 // Parses a filter text of one grammar ("filter" or "expression"); null with *error
 // set when it does not parse.
@@ -147,6 +172,10 @@ class ResultsManager : public UAClientClass {
                                 StorageBehavior behavior);
   int getDerivedMetricCount() const { return static_cast<int>(derivedMetrics_.size()); }
   static void initGlobalDerivedLock();
+  // The expression language's data for this provider; null until it sets some. Only
+  // from inside a DerivedEvaluator call (the derived calculation lock held).
+  DerivedState* getDerivedState() { return derivedState_.get(); }
+  void setDerivedState(std::unique_ptr<DerivedState> state) { derivedState_ = std::move(state); }
   // The sampling interval of the request `requestId` (framework requests with an
   // interval file it here); 0 when unknown.
   void setRequestInterval(const char* requestId, int seconds);
@@ -196,6 +225,8 @@ class ResultsManager : public UAClientClass {
   // The managed system name event rows carry; the agent's own when not set (subnode
   // copies get their subnode's).
   void setOriginNode(const char* msn) { originNode_.assign(msn == nullptr ? "" : msn); }
+  // The managed system name set with setOriginNode; "" when none was.
+  const char* getOriginNode() const { return originNode_.c_str(); }
 
   // --- Settings and counters ---
   bool isAggregating() const { return aggregate_; }
@@ -236,6 +267,8 @@ class ResultsManager : public UAClientClass {
   void calculateDerivedOnActive(const char* requestId, StorageBehavior behavior)
       XRV_REQUIRES(resultsLock_);
   bool hasIntervalBasedDerived() const;
+  // Forgets the expression language's interval data (takes the derived lock).
+  void purgeDerivedState();
   PrevResultInstance* findOrAddPrevResultInstance(const char* name, size_t position);
   // Deletes the previous values of rows that were not seen in this collection.
   void dropStalePrevResults(int seen);
@@ -268,6 +301,7 @@ class ResultsManager : public UAClientClass {
   std::vector<PrevResultInstance*> previousOrder_;
   unsigned previousGeneration_ = 0;
   std::vector<const Metric*> derivedMetrics_;
+  std::unique_ptr<DerivedState> derivedState_;  // under the derived calculation lock
 
   // Intervals of requests: id (owned) -> seconds.
   PthreadMutex requestIntervalsLock_;

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <system_error>
+#include <vector>
 
 #include "definition/AttributeGroupMeta.h"
 #include "framework/api/Configuration.h"
@@ -56,9 +57,24 @@ RefreshThread::RefreshThread(int defaultInterval, UAClientClassList& providers, 
   if (delaySet) {
     XRV_TRACE_DETAIL("Using initial collection delay of %d", delay);
   }
+  // Subnode copies are appended to the list by the discovery thread, under the subnode
+  // manager's lock: take the providers as they are now.
+  std::vector<UAClientClass*> candidates;
+  auto collect = [&providers, &candidates] {
+    for (UAClientClass* provider = providers.getFirst(); provider != nullptr;
+         provider = static_cast<UAClientClass*>(provider->getNextElement())) {
+      candidates.push_back(provider);
+    }
+  };
+  if (subnodes_ != nullptr) {
+    subnodes_->acquireLock();
+    collect();
+    subnodes_->releaseLock();
+  } else {
+    collect();
+  }
   std::lock_guard<std::mutex> lock(mutex_);
-  for (UAClientClass* provider = providers.getFirst(); provider != nullptr;
-       provider = static_cast<UAClientClass*>(provider->getNextElement())) {
+  for (UAClientClass* provider : candidates) {
     const char* group = provider->getAttributeGroup();
     AttributeGroupMeta* meta = provider->getAttributeGroupMeta();
     if (meta == nullptr) {

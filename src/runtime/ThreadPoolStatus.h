@@ -6,15 +6,11 @@
 // ("Thread_Pool_Size", "Thread_Pool_Active_Threads", "Thread_Pool_Avg_Job_Wait", ...).
 // Averages are reported × 100; attributes of other names report 0.
 
+#include "provider/GroupMetrics.h"
 #include "provider/ResultsManager.h"
 
 class AttributeGroupMeta;
 class ThreadPool;
-
-// Gives `provider` one metric per attribute of `meta` (ORIGINNODE aside): text
-// attributes as STRING_DATA, the others as NUMERIC_DATA or NUMERIC_64BIT_DATA,
-// hidden ones hidden. For the built-in groups, which have no data-source element.
-void addMetricsFromGroup(ResultsManager* provider, const AttributeGroupMeta* meta);
 
 class ThreadPoolStatus : public ResultsManager {
  public:

@@ -167,6 +167,8 @@ std::vector<std::string> FrameworkDouble::sample(const char* table, RequestDetai
     return {};
   }
   detail.SetRowSink(this);
+  // A later request may reuse an earlier one's address: only rows from now on count.
+  const size_t rowsBefore = rows().size();
   std::unique_ptr<FwRequest> request(manager->CreateRequest(&detail, &context));
   if (request == nullptr) {
     return {};
@@ -177,9 +179,10 @@ std::vector<std::string> FrameworkDouble::sample(const char* table, RequestDetai
   }
   request->TakeSampleDestructor();
   std::vector<std::string> sent;
-  for (const Row& row : rows()) {
-    if (row.request == request.get()) {
-      sent.push_back(row.bytes);
+  const std::vector<Row> recorded = rows();
+  for (size_t i = rowsBefore; i < recorded.size(); ++i) {
+    if (recorded[i].request == request.get()) {
+      sent.push_back(recorded[i].bytes);
     }
   }
   return sent;

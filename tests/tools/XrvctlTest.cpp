@@ -4,10 +4,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -160,12 +162,130 @@ TEST(Xrvctl, ValidateComparesDataSourcesWithTheirGroups) {
   EXPECT_TRUE(report["warnings"][0]["line"].is_null());
 }
 
+TEST(Xrvctl, ValidateWarnsAboutADefinitionWithoutGroups) {
+  // Not XML at all reads as text outside any element: an empty definition.
+  std::string ini = writeTemp("agent.ini", "[agent]\nCDP_DP_CACHE_TTL = 60\n");
+  Outcome run = xrvctl("validate " + ini);
+  EXPECT_EQ(run.status, 0);
+  EXPECT_EQ(run.err, ini + ": warning: The definition declares no attribute group: the agent "
+                           "would serve no table (is this an agent definition?)\n");
+  EXPECT_NE(run.out.find("0 attribute groups, 1 warning"), std::string::npos) << run.out;
+}
+
 TEST(Xrvctl, UsageAndUnreadableFiles) {
   EXPECT_NE(xrvctl("").status, 0);
   EXPECT_NE(xrvctl("validate").status, 0);
   Outcome missing = xrvctl("validate /nonexistent/definition.xml");
   EXPECT_EQ(missing.status, 1);
   EXPECT_NE(missing.err.find("cannot read /nonexistent/definition.xml"), std::string::npos);
+}
+
+// The agent's main node as xrvctl sample names it (the host without its domain).
+std::string sampleOrigin() {
+  char host[256] = {};
+  gethostname(host, sizeof host - 1);
+  std::string name = host;
+  return name.substr(0, std::min<size_t>(name.find('.'), 29)) + ":XR";
+}
+
+const std::string kWords =
+    "<agent>\n"
+    "  <appl name=\"XRV\" nodeType=\"XR\"/>\n"
+    "  <metadata>\n"
+    "    <ag name=\"Words\" table=\"XRVWORD\"><attr name=\"Word\" type=\"2\" size=\"8\"/>"
+    "<attr name=\"Count\" type=\"0\" size=\"4\"/></ag>\n"
+    "    <ag name=\"Broken\" table=\"XRVBRK\"><attr name=\"Word\" type=\"2\" size=\"8\"/></ag>\n"
+    "    <ag name=\"Unserved\" table=\"XRVNONE\"><attr name=\"Word\" type=\"2\" size=\"8\"/></ag>\n"
+    "  </metadata>\n"
+    "  <script ag=\"Words\" separator=\" \" utf8_input=\"true\" "
+    "command=\"printf 'x,y 7\\nsay&quot;hi&quot; -3\\nna\xC3\xAFvet\xC3\xA9 12\\n'\">\n"
+    "    <metric name=\"Word\" type=\"STRING_DATA\" key=\"true\" visible=\"true\"/>\n"
+    "    <metric name=\"Count\" type=\"NUMERIC_DATA\" visible=\"true\"/>\n"
+    "  </script>\n"
+    "  <script ag=\"Broken\" command=\"echo oops &gt;&amp;2; exit 3\">\n"
+    "    <metric name=\"Word\" type=\"STRING_DATA\" visible=\"true\"/>\n"
+    "  </script>\n"
+    "</agent>\n";
+
+TEST(Xrvctl, SampleFormats) {
+  const std::string words = writeTemp("words.xml", kWords);
+  const std::string origin = sampleOrigin();
+  // "naïveté" is 9 bytes in an 8-byte column: the cut "é" goes, never half of it.
+  const std::string naive = "na\xC3\xAFvet";
+
+  Outcome csv = xrvctl("sample " + words + " Words --format csv");
+  EXPECT_EQ(csv.status, 0) << csv.err;
+  EXPECT_EQ(csv.out, "ORIGINNODE,Word,Count\n" + origin + ",\"x,y\",7\n" + origin +
+                         ",\"say\"\"hi\"\"\",-3\n" + origin + "," + naive + ",12\n");
+
+  Outcome json = xrvctl("sample " + words + " XRVWORD --format json");
+  EXPECT_EQ(json.status, 0) << json.err;
+  nlohmann::json sampled = nlohmann::json::parse(json.out);
+  ASSERT_EQ(sampled.size(), 1u);
+  EXPECT_EQ(sampled[0]["group"], "Words");
+  EXPECT_EQ(sampled[0]["table"], "XRVWORD");
+  EXPECT_EQ(sampled[0]["node"], origin);
+  ASSERT_EQ(sampled[0]["rows"].size(), 3u);
+  EXPECT_EQ(sampled[0]["rows"][1],
+            (nlohmann::json{{"ORIGINNODE", origin}, {"Word", "say\"hi\""}, {"Count", -3}}));
+  EXPECT_TRUE(sampled[0]["rows"][2]["Count"].is_number_integer());
+
+  // Every group by default: texts left, numbers right; problems on standard error.
+  Outcome table = xrvctl("sample " + words);
+  EXPECT_EQ(table.status, 1) << "Unserved has no data source";
+  const size_t width = std::max(origin.size(), std::string("ORIGINNODE").size());
+  const std::string header = "ORIGINNODE" + std::string(width - 10, ' ');
+  const std::string node = origin + std::string(width - origin.size(), ' ');
+  EXPECT_EQ(table.out, "Words (XRVWORD): 3 rows\n" +
+                       header + "  Word     Count\n" +
+                       node + "  x,y          7\n" +
+                       node + "  say\"hi\"     -3\n" +
+                       node + "  " + naive + "      12\n"
+                       "\n"
+                       "Broken (XRVBRK): 0 rows\n"
+                       "ORIGINNODE  Word\n");
+  EXPECT_EQ(table.err,
+            "xrvctl: Broken: the data source reports SCRIPT_NONZERO_RETURN (standard error: "
+            "oops)\n"
+            "xrvctl: attribute group Unserved has no data source in this definition, not "
+            "sampled\n");
+}
+
+TEST(Xrvctl, SampleTheExampleDefinition) {
+  Outcome run = xrvctl("sample " + kExample + " Load_Average Thread_Pool_Status --format json");
+  ASSERT_EQ(run.status, 0) << run.err;
+  // Kept in the order printed: the columns come in row order.
+  nlohmann::ordered_json sampled = nlohmann::ordered_json::parse(run.out);
+  ASSERT_EQ(sampled.size(), 2u);
+  ASSERT_EQ(sampled[0]["rows"].size(), 1u);
+  const nlohmann::ordered_json& load = sampled[0]["rows"][0];
+  std::vector<std::string> columns;
+  for (const auto& [name, value] : load.items()) {
+    columns.push_back(name);
+  }
+  EXPECT_EQ(columns, (std::vector<std::string>{"ORIGINNODE", "Host", "Runnable_Tasks",
+                                               "One_Minute", "Five_Minutes", "Fifteen_Minutes",
+                                               "Uptime_Seconds"}));
+  char host[256] = {};
+  gethostname(host, sizeof host - 1);
+  EXPECT_EQ(load["Host"], host);
+  EXPECT_GE(load["Runnable_Tasks"].get<int>(), 1);
+  EXPECT_GT(load["Uptime_Seconds"].get<long long>(), 0);
+  // Without a thread pool its status group reports none.
+  EXPECT_EQ(sampled[1]["rows"][0]["Thread_Pool_Size"], 0);
+}
+
+TEST(Xrvctl, SampleRefusesUnknownGroupsAndBrokenDefinitions) {
+  Outcome unknown = xrvctl("sample " + kExample + " Memory Nope");
+  EXPECT_EQ(unknown.status, 1);
+  EXPECT_TRUE(unknown.out.empty());
+  EXPECT_NE(unknown.err.find("no attribute group or table named Nope; it has: Disk_Usage"),
+            std::string::npos)
+      << unknown.err;
+  Outcome broken = xrvctl("sample " + writeTemp("broken.xml", "<agent><metadata>"));
+  EXPECT_EQ(broken.status, 1);
+  EXPECT_NE(broken.err.find(": error: "), std::string::npos) << broken.err;
+  EXPECT_NE(xrvctl("sample " + kExample + " --format xml").status, 0);
 }
 
 }  // namespace

@@ -73,7 +73,14 @@ std::vector<std::string> checkDataSourcesAgainstGroups() {
     }
     compareColumns(*provider, *group, &warnings);
   }
-  for (const AttributeGroupMeta* group : attributeGroupsInDefinitionOrder()) {
+  const auto groups = attributeGroupsInDefinitionOrder();
+  if (groups.empty()) {
+    // Text that holds no element at all reads as an empty definition.
+    warnings.push_back(
+        "The definition declares no attribute group: the agent would serve no table (is "
+        "this an agent definition?)");
+  }
+  for (const AttributeGroupMeta* group : groups) {
     if (served.count(group->getGroupName()) == 0 && !isBuiltInGroup(group->getGroupName())) {
       warnings.push_back(std::string("Attribute group ") + group->getGroupName() +
                          " has no data source: its table stays empty");

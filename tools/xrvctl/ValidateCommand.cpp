@@ -1,6 +1,7 @@
 #include "ValidateCommand.h"
 
 #include "DataSourceCheck.h"
+#include "FilterCheck.h"
 
 #include <iomanip>
 #include <ostream>
@@ -86,6 +87,9 @@ int runValidate(const ValidateOptions& options, std::ostream& out, std::ostream&
   std::vector<std::string> groupWarnings;
   if (ok) {
     groupWarnings = checkDataSourcesAgainstGroups();
+    for (std::string& warning : checkGroupFilters()) {
+      groupWarnings.push_back(std::move(warning));
+    }
   }
   const size_t warningCount = check.warnings().size() + groupWarnings.size();
   if (options.json) {

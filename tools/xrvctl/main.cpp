@@ -1,12 +1,19 @@
 // xrvctl: the agent's command-line companion.
 //
 //   xrvctl validate DEFINITION.xml [--json]   check an agent definition
+//   xrvctl sample DEFINITION.xml [GROUP...] [--format table|json|csv]
+//                                             one demand sample per group, in-process
+//   xrvctl query [--url URL] GROUP [--node MSN] one table of a running agent
+//   xrvctl stop [--url URL] [--token T]       shut a running agent down in order
 
 #include <cstdlib>
 #include <iostream>
 
 #include <CLI/CLI.hpp>
 
+#include "QueryCommand.h"
+#include "SampleCommand.h"
+#include "StopCommand.h"
 #include "ValidateCommand.h"
 #include "definition/AgentSettings.h"
 #include "framework/api/Trace.h"
@@ -27,11 +34,46 @@ int main(int argc, char** argv) {
       ->required();
   validateCommand->add_flag("--json", validate.json, "One JSON document instead of tables");
 
+  SampleOptions sample;
+  CLI::App* sampleCommand = app.add_subcommand(
+      "sample", "Build the definition's data providers here and print one sample of each group");
+  sampleCommand->add_option("definition", sample.definition, "The agent definition (XML)")
+      ->required();
+  sampleCommand->add_option("groups", sample.groups,
+                            "Attribute groups (or tables) to sample; all when none is named");
+  sampleCommand->add_option("--format", sample.format, "Output format")
+      ->check(CLI::IsMember({"table", "json", "csv"}));
+
+  QueryOptions query;
+  CLI::App* queryCommand =
+      app.add_subcommand("query", "Sample one table of a running agent through its HTTP API");
+  queryCommand->add_option("group", query.group, "The attribute group")->required();
+  queryCommand->add_option("--url", query.url, "The agent's HTTP API")->capture_default_str();
+  queryCommand->add_option("--node", query.node, "A subnode's managed system name");
+  queryCommand->add_option("--format", query.format, "Output format")
+      ->check(CLI::IsMember({"table", "json", "csv"}));
+
+  StopOptions stop;
+  CLI::App* stopCommand =
+      app.add_subcommand("stop", "Shut a running agent down in order (needs its admin token)");
+  stopCommand->add_option("--url", stop.url, "The agent's HTTP API")->capture_default_str();
+  stopCommand->add_option("--token", stop.token,
+                          "The agent's XRV_ADMIN_TOKEN (default: $XRV_ADMIN_TOKEN)");
+
   CLI11_PARSE(app, argc, argv);
 
   int status = 2;
   if (validateCommand->parsed()) {
     status = runValidate(validate, std::cout, std::cerr);
+  }
+  if (sampleCommand->parsed()) {
+    status = runSample(sample, std::cout, std::cerr);
+  }
+  if (queryCommand->parsed()) {
+    status = runQuery(query, std::cout, std::cerr);
+  }
+  if (stopCommand->parsed()) {
+    status = runStop(stop, std::cout, std::cerr);
   }
   resetDefinitionState();
   return status;

@@ -68,9 +68,9 @@ void closePipe(const int ends[2]) {
 // Starts "/bin/sh -c cmd" with the write ends of the two pipes as its standard output
 // and standard error, and none of the four pipe descriptors besides. The child shares
 // the caller's memory until it executes the shell (no copy of the page tables, unlike
-// fork), keeps standard input and the process group, and gets the process's
-// environment. 0, or an error number; a shell that cannot be executed is reported
-// here as well.
+// fork), keeps standard input and the process group, gets the process's environment,
+// and no descriptor above standard error. 0, or an error number; a shell that cannot
+// be executed is reported here as well.
 int spawnShell(const char* cmd, const int outPipe[2], const int errPipe[2], pid_t* pid) {
   XRV_TRACE_FN();
   posix_spawn_file_actions_t actions;
@@ -87,6 +87,11 @@ int spawnShell(const char* cmd, const int outPipe[2], const int errPipe[2], pid_
     if (error == 0) {
       error = posix_spawn_file_actions_addclose(&actions, fd);
     }
+  }
+  // Nothing else of the agent's reaches the script: not its HTTP clients' connections,
+  // not the files of other data sources, whether or not they were opened close-on-exec.
+  if (error == 0) {
+    error = posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
   }
   if (error == 0) {
     char* argv[] = {const_cast<char*>("sh"), const_cast<char*>("-c"), const_cast<char*>(cmd),

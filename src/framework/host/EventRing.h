@@ -1,0 +1,61 @@
+#pragma once
+
+// EventRing: the last N event rows the agent produced, for GET /api/v1/events.
+//
+// Every event gets the next sequence number (from 1). When the ring is full the
+// oldest event makes room; a reader that asks for events the ring no longer holds
+// gets the oldest kept ones and the number it missed. Rows are kept as ready JSON
+// objects, decoded when they arrive.
+//
+// Thread-safe: events are added from the providers' threads while HTTP threads read.
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "foundation/Locks.h"
+
+namespace XRV::host {
+
+struct StoredEvent {
+  uint64_t seq = 0;
+  int64_t timeMillis = 0;  // milliseconds since the epoch, when the row arrived
+  std::string group;
+  std::string node;
+  std::string rowJson;        // the row as a JSON object
+  bool continuation = false;  // a further row of the event before it
+};
+
+struct EventPage {
+  std::vector<StoredEvent> events;
+  uint64_t next = 1;     // what to ask for next time (`since`)
+  uint64_t dropped = 0;  // events from `since` on that the ring no longer holds
+};
+
+class EventRing {
+ public:
+  // `capacity` below 1 is taken as 1.
+  explicit EventRing(size_t capacity);
+
+  // Files the event under the next sequence number and returns that number.
+  uint64_t add(StoredEvent event) XRV_EXCLUDES(mutex_);
+
+  // Events with a sequence number of at least `since` (0 and 1 both mean from the
+  // first), oldest first, at most `limit` of them; only those of `group` unless it is
+  // empty. `next` continues after the last one returned, or after the newest event
+  // when the page holds all there is; a `since` beyond the newest event answers
+  // nothing and the `next` of the newest event (the agent may have restarted).
+  EventPage read(uint64_t since, const std::string& group, size_t limit) const XRV_EXCLUDES(mutex_);
+
+  size_t capacity() const { return capacity_; }
+
+ private:
+  const size_t capacity_;
+  mutable PthreadMutex mutex_;
+  std::vector<StoredEvent> slots_ XRV_GUARDED_BY(mutex_);
+  uint64_t nextSeq_ XRV_GUARDED_BY(mutex_) = 1;
+  size_t count_ XRV_GUARDED_BY(mutex_) = 0;
+};
+
+}  // namespace XRV::host

@@ -1,0 +1,391 @@
+#include "runtime/AgentStartup.h"
+
+#include <pthread.h>
+#include <unicode/uclean.h>
+#include <unicode/utypes.h>
+
+#include <cerrno>
+#include <clocale>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "definition/AttributeGroupMeta.h"
+#include "definition/ConfigXMLParser.h"
+#include "framework/api/Configuration.h"
+#include "framework/api/Framework.h"
+#include "framework/api/Trace.h"
+#include "provider/UAClientClass.h"
+#include "provider/UAClientClassList.h"
+#include "runtime/ActionCallback.h"
+#include "runtime/AgentAudit.h"
+#include "runtime/AgentGlobals.h"
+#include "runtime/AgentSignals.h"
+#include "runtime/CollectDataJob.h"
+#include "runtime/GenericAgent.h"
+#include "runtime/InstanceName.h"
+#include "runtime/PerfObjectStatus.h"
+#include "runtime/ReadSetting.h"
+#include "runtime/RefreshThread.h"
+#include "runtime/ThreadPool.h"
+#include "runtime/ThreadPoolStatus.h"
+#include "sources/command/CommandWithTimeout.h"
+#include "subnode/ConfigDiscovery.h"
+#include "subnode/SubnodeManager.h"
+
+const FwLocale* applicationLocale = nullptr;
+
+namespace {
+
+// The application the built-in status groups report under.
+constexpr const char* kStatusApplication = "ZQM";
+
+AgentInformation agentRecord;
+
+// The thread that keeps the discovery attribute groups up to date, once started.
+pthread_t discoveryThread;
+bool discoveryThreadStarted = false;
+
+UAClientClass* nextProvider(const UAClientClass* provider) {
+  return static_cast<UAClientClass*>(provider->getNextElement());
+}
+
+void setAffinity() {
+  XRV_TRACE_FN();
+  const ApplicationSettings& settings = applicationSettings();
+  const char* affinity = settings.affinity.c_str();
+  if (affinity[0] == '%' || affinity[0] == '&') {
+    int version = atoi(settings.internalAgentVersion.c_str());
+    if (version >= 1 && version <= 12) {
+      char versioned[16];
+      snprintf(versioned, sizeof versioned, "AFF_V%d", version);
+      fwSetAffinity(versioned);
+    } else {
+      XRV_TRACE_DETAIL("Using Dynamic Affinity version mechanism for > 12 - version used: %d",
+                       version);
+      fwSetAffinityVersion(version);
+    }
+  } else {
+    fwSetAffinity(settings.internalAgentVersion.c_str());
+  }
+}
+
+void storeOriginNode() {
+  XRV_TRACE_FN();
+  char originNode[256];
+  if (!fwGetOriginNode(originNode, sizeof originNode)) {
+    XRV_TRACE_ERROR("The framework does not know the agent's managed system name yet");
+    return;
+  }
+  setConfigurationProperty("XRV_AGENT_MSN", originNode);
+  // Commands the agent runs see it too.
+  setenv("XRV_AGENT_MSN", originNode, 1);
+  XRV_TRACE_DETAIL("Set XRV_AGENT_MSN in environment to %s", originNode);
+}
+
+void readCommandSettings(bool retryDelaySet, const std::string& retryDelay) {
+  XRV_TRACE_FN();
+  std::string value;
+  // Not set, or not above 0: standard error is kept whole.
+  stdErrSizeLimit = readSetting("CDP_DP_TRUNCATE_STDERR_DATA", &value) && atoi(value.c_str()) > 0
+                        ? atoi(value.c_str())
+                        : -1;
+  commandRetryDelay = retryDelaySet ? atoi(retryDelay.c_str()) : 1000;
+  traceCommandSettings();
+}
+
+// Sizes and creates the pool, and with it the impatient collector's time-out.
+void createThreadPool(bool sizeSet, int configuredSize, int eventGroups) {
+  XRV_TRACE_FN();
+  int size = 0;
+  if (sizeSet) {
+    size = configuredSize;
+    XRV_TRACE_DETAIL("Thread pool size is %d", size);
+  } else if (eventGroups >= 1) {
+    size = eventGroups;
+    XRV_TRACE_DETAIL(
+        "CDP_DP_THREAD_POOL_SIZE not set, creating a thread pool of size %d for pure event data "
+        "sources",
+        size);
+  } else {
+    XRV_TRACE_DETAIL(
+        "CDP_DP_THREAD_POOL_SIZE not set, defaulting to 0-- no thread pool will be used");
+  }
+  impatientCollectorTimeout = 0;
+  if (size < 1) {
+    return;
+  }
+  threadPool = new ThreadPool(size);
+  std::string timeout;
+  if (readSetting("CDP_DP_IMPATIENT_COLLECTOR_TIMEOUT", &timeout)) {
+    impatientCollectorTimeout = atoi(timeout.c_str());
+    XRV_TRACE_DETAIL("CDP_DP_IMPATIENT_COLLECTOR_TIMEOUT set to %d", impatientCollectorTimeout);
+  } else {
+    XRV_TRACE_DETAIL(
+        "CDP_DP_IMPATIENT_COLLECTOR_TIMEOUT not set, defaulting to 0-- impatient collection will "
+        "not be used");
+  }
+}
+
+void createBuiltInStatusProviders(int logMonitorCount) {
+  XRV_TRACE_FN();
+  if (AttributeGroupMeta* meta = findAttributeGroupMeta("Thread_Pool_Status")) {
+    queryClassList().addClientClass(
+        new ThreadPoolStatus(kStatusApplication, "Thread_Pool_Status", meta, threadPool));
+  }
+  // Status groups whose data sources this build does not have: the group stays
+  // without a provider and without a table.
+  const struct {
+    const char* group;
+    bool wanted;
+  } missing[] = {
+      {"Take_Action_Status", true},
+      {"Log_File_Status", logMonitorCount != 0},
+      {"Log_File_RegEx_Statistics", logMonitorCount != 0},
+  };
+  for (const auto& group : missing) {
+    if (group.wanted && findAttributeGroupMeta(group.group) != nullptr) {
+      XRV_TRACE_ERROR("ERROR: attribute group %s is not served by this build of the agent",
+                      group.group);
+    }
+  }
+}
+
+// Binds every provider to its group, gives each group its table server and starts
+// the providers. True when some group is a discovery attribute group.
+bool startProviders() {
+  XRV_TRACE_FN();
+  bool discovery = false;
+  for (UAClientClass* provider = queryClassList().getFirst(); provider != nullptr;
+       provider = nextProvider(provider)) {
+    const char* group = provider->getAttributeGroup();
+    AttributeGroupMeta* meta = findAttributeGroupMeta(group);
+    if (meta == nullptr) {
+      XRV_TRACE_ERROR("ERROR: no metadata for attribute group: %s\n", group);
+      continue;
+    }
+    if (meta->query() == nullptr) {
+      meta->setQuery(provider);
+      provider->setAttributeGroupMeta(meta);
+    }
+    if (meta->getRequestInfoMap() != nullptr) {
+      XRV_TRACE_DETAIL(
+          "Attribute group %s needs request info, making it ineligible for thread pool", group);
+      provider->setThreadPoolEligible(false);
+    }
+    discovery = discovery || meta->isDiscoveryAttributeGroup();
+    XRV_TRACE_DETAIL("Starting AFW agent for attribute group %s <%s>\n", group, meta->tableName());
+    // One table server per group: a later provider of the same group (a subnode's
+    // copy) is served by the first one's.
+    if (meta->getTableManager() == nullptr) {
+      meta->setTableManager(newGenericAgent(meta->applName(), meta->tableName(), meta));
+    }
+    provider->start();
+  }
+  return discovery;
+}
+
+void startDiscoveryUpdates() {
+  XRV_TRACE_FN();
+  getSubnodeManager().startZombieKiller();
+  int rc = pthread_create(&discoveryThread, nullptr, periodicallyUpdateDiscoveryAttributeGroups,
+                          nullptr);
+  if (rc != 0) {
+    XRV_TRACE_ERROR("Could not start the discovery update thread, rc = %d", rc);
+    return;
+  }
+  discoveryThreadStarted = true;
+}
+
+void startRefreshThread(bool intervalSet, int interval, int eventGroups) {
+  XRV_TRACE_FN();
+  if (!intervalSet && eventGroups <= 0) {
+    return;
+  }
+  refreshThread = new RefreshThread(intervalSet ? interval : 0, queryClassList(), threadPool,
+                                    &getSubnodeManager());
+  if (!refreshThread->start()) {
+    delete refreshThread;  // "Could not start RefreshThread" is traced by start()
+    refreshThread = nullptr;
+  }
+}
+
+// The threads that touch providers, stopped before the providers go.
+void stopCollectionThreads() {
+  XRV_TRACE_FN();
+  if (discoveryThreadStarted) {
+    stopDiscoveryAttributeGroupUpdates();
+    pthread_join(discoveryThread, nullptr);
+    discoveryThreadStarted = false;
+  }
+  getSubnodeManager().stopZombieKiller();
+  // Workers finish the collection they run; queued jobs are dropped with the pool.
+  if (threadPool != nullptr) {
+    threadPool->shutdown();
+  }
+}
+
+void destroyAttributeGroups() {
+  XRV_TRACE_FN();
+  for (AttributeGroupMeta* group : attributeGroupsInDefinitionOrder()) {
+    delete group->getTableManager();
+    group->setTableManager(nullptr);
+  }
+  clearMetaMap();
+}
+
+}  // namespace
+
+const AgentInformation* fwPreInit(int argc, char** argv) {
+  XRV_TRACE_FN();
+  // fdLock and processLock are ready from the start (static mutexes).
+  UErrorCode status = U_ZERO_ERROR;
+  u_init(&status);
+  if (U_FAILURE(status)) {
+    XRV_TRACE_ERROR("ICU initialization error, status returned = %d\n", static_cast<int>(status));
+  }
+  int localeError = 0;
+  applicationLocale = fwGetProcessLocale(&localeError);
+  if (localeError != 0) {
+    XRV_TRACE_ERROR("Could not get the process locale from the environment, error = %d",
+                    localeError);
+  }
+  fwInitBasicServices("windows_dp");
+  // queryClassList() starts empty. This build has no action library to create.
+
+  if (!findInstanceName(argc, argv, &instanceName)) {
+    return nullptr;
+  }
+
+  installPerfObjectStatusHook();
+  std::string path;
+  const bool pathSet = readSetting("AGENT_REF_FILE", &path);
+  XRV_TRACE_DETAIL("AGENT_REF_FILE = %s", pathSet ? path.c_str() : "(null)");
+  if (!initFromFile(pathSet ? path.c_str() : nullptr)) {
+    XRV_TRACE_ERROR("ERROR: agent ref loading error");
+    exit_with_notification(-1);
+  }
+
+  if (AttributeGroupMeta* meta = findAttributeGroupMeta("Performance_Object_Status")) {
+    queryClassList().addClientClass(new PerfObjectStatus(
+        kStatusApplication, "Performance_Object_Status", &queryClassList(), meta));
+  }
+  agentRecord = agentInformation();
+  return &agentRecord;
+}
+
+void fwInit() {
+  XRV_TRACE_FN();
+  const ApplicationSettings& settings = applicationSettings();
+  fwSetProductVersion(settings.nodeType.c_str());
+  fwSetNodeType(settings.nodeType.c_str());
+  fwSetAffinity(settings.affinity.c_str());
+  setAffinity();
+  fwRegisterAgentLoader(load_agents);
+
+  std::string registerCallback;
+  if (readSetting("CDP_DP_REGISTER_ACTION_CALLBACK", &registerCallback) &&
+      (registerCallback[0] == 'N' || registerCallback[0] == 'n')) {
+    XRV_TRACE_DETAIL(
+        "Not registering action callback. Common shared libraries will execute actions.");
+  } else {
+    fwRegisterCommandCallback("*", actionCallback);
+    XRV_TRACE_DETAIL("Registering action callback. Agent code will run actions.");
+  }
+  storeOriginNode();
+}
+
+int load_agents() {
+  XRV_TRACE_FN();
+  // The framework's audit records need no registration.
+  if (setlocale(LC_ALL, "") == nullptr) {
+    const int error = errno;
+    XRV_TRACE_ERROR(
+        "ERROR: setlocale() failed, some locale-dependent functions may not work correctly, "
+        "errno = %d",
+        error);
+  }
+  std::string poolSize;
+  std::string retryDelay;
+  std::string refreshInterval;
+  const bool poolSizeSet = readSetting("CDP_DP_THREAD_POOL_SIZE", &poolSize);
+  const bool retryDelaySet = readSetting("CDP_DP_COMMAND_RETRY_DELAY", &retryDelay);
+  const bool refreshIntervalSet = readSetting("CDP_DP_REFRESH_INTERVAL", &refreshInterval);
+
+  int logMonitorCount = 0;
+  const int eventGroups =
+      getEventGroupCount(queryClassList(), refreshIntervalSet, &logMonitorCount);
+
+  readCommandSettings(retryDelaySet, retryDelay);
+
+  createThreadPool(poolSizeSet, atoi(poolSize.c_str()), eventGroups);
+  createBuiltInStatusProviders(logMonitorCount);
+
+  for (const char* feature :
+       {"AFF_FEAT_DM_PARITY", "AFF_FEAT_AGENT_MGMT", "AFF_FEAT_INTERNATIONALIZATION"}) {
+    fwSetAffinityFeature(feature);
+  }
+  // Subnodes held back until their first data are registered once they have some.
+  setCollectionDoneHook(
+      [](UAClientClass* provider) { getSubnodeManager().collectionDone(provider); });
+
+  if (startProviders()) {
+    startDiscoveryUpdates();
+  }
+  startRefreshThread(refreshIntervalSet, atoi(refreshInterval.c_str()), eventGroups);
+
+  writeAgentAuditRecord("The agent has successfully completed startup processing.", "Start-up",
+                        "Start", "XRV9000I");
+  return 0;
+}
+
+void fwTerminate() {
+  XRV_TRACE_FN();
+  writeAgentAuditRecord("The agent is shutting down.", "Shutdown", "Stop", "XRV9001I");
+  fwShutdown(1);
+  if (refreshThread != nullptr) {
+    refreshThread->refreshShutdown();
+    delete refreshThread;
+    refreshThread = nullptr;
+  }
+  stopCollectionThreads();
+  // This build has no asynchronous SNMP layer to clean up.
+  setCollectionDoneHook(nullptr);
+  queryClassList().deleteAll();
+  destroyAttributeGroups();
+  delete threadPool;
+  threadPool = nullptr;
+  impatientCollectorTimeout = 0;
+  // No action library to send its down heartbeat or to destroy.
+  u_cleanup();
+  // queryClassList() and the configuration lookup live as long as the process: the
+  // framework host may still read settings while it winds down.
+}
+
+void shutdownExternalProcesses() {
+  XRV_TRACE_FN();
+  // Subnodes may come and go meanwhile: take the list apart under the manager's
+  // lock, then act outside it (a removed subnode's providers outlive the walk).
+  SubnodeManager& subnodes = getSubnodeManager();
+  std::vector<UAClientClass*> providers;
+  std::vector<std::string> subnodeGroups;
+  subnodes.acquireLock();
+  for (UAClientClass* provider = queryClassList().getFirst(); provider != nullptr;
+       provider = nextProvider(provider)) {
+    AttributeGroupMeta* meta = provider->getAttributeGroupMeta();
+    if (meta != nullptr && meta->subnodeType() != nullptr && provider->getSubnodeKey() == nullptr) {
+      subnodeGroups.emplace_back(provider->getAttributeGroup());
+    } else {
+      providers.push_back(provider);
+    }
+  }
+  subnodes.releaseLock();
+  for (const std::string& group : subnodeGroups) {
+    subnodes.forEachSubnodeQueryClass(
+        group.c_str(), [](UAClientClass* copy) { copy->shutdownExternalProcesses(); });
+  }
+  for (UAClientClass* provider : providers) {
+    provider->shutdownExternalProcesses();
+  }
+}

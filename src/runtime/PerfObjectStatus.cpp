@@ -1,0 +1,181 @@
+#include "runtime/PerfObjectStatus.h"
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "definition/AttributeGroupMeta.h"
+#include "definition/Metric.h"
+#include "framework/api/Trace.h"
+#include "provider/GroupMetrics.h"
+#include "provider/PerfObject.h"
+#include "provider/ResultInstance.h"
+#include "provider/ResultMetric.h"
+#include "provider/UAClientClassList.h"
+#include "subnode/SubnodeManager.h"
+
+namespace {
+
+// What one provider reports, copied while the subnode manager's lock is held.
+struct ProviderStatus {
+  std::string group;
+  std::string objectName;
+  std::string subnodeKey;
+  std::string standardError;
+  int objectType = 0;
+  int status = PERF_OBJECT_ACTIVE;
+  int errorCode = OBJECT_ACTIVE;
+  int refreshInterval = 0;
+  int returnCode = 0;
+  int64_t skippedIntervals = 0;
+  PerfStats stats;
+};
+
+ProviderStatus statusOf(UAClientClass* provider) {
+  ProviderStatus s;
+  s.group = provider->getAttributeGroup();
+  s.subnodeKey = provider->getSubnodeKey() == nullptr ? "" : provider->getSubnodeKey();
+  s.objectType = provider->getObjectType();
+  s.refreshInterval = provider->getRefreshInterval();
+  s.skippedIntervals = provider->getSkippedIntervals();
+  s.stats = provider->getPerfstats();
+  // Every provider of the agent is a ResultsManager; the check keeps a stranger out.
+  if (auto* results = dynamic_cast<ResultsManager*>(provider)) {
+    const char* name = results->getPerfObjectName();
+    s.objectName = name == nullptr ? s.group : name;
+    s.status = results->getPerfObjectStatus();
+    s.errorCode = results->getPerfErrorCode();
+    s.returnCode = results->getCollectionReturnCode();
+    s.standardError = results->getCollectionStdErr();
+  } else {
+    s.objectName = s.group;
+  }
+  return s;
+}
+
+std::string collectionStart(const ProviderStatus& s) {
+  if (s.stats.collections == 0) {
+    return "";
+  }
+  char stamp[17];
+  UAClientClass::formatTimeStampMillis(s.stats.lastStartMillis, stamp, sizeof stamp);
+  return stamp;
+}
+
+// One attribute of the group: its value as a number, and as a text when a text
+// attribute shows it otherwise than as the number's digits.
+struct Field {
+  const char* name;
+  long long (*number)(const ProviderStatus&);
+  std::string (*text)(const ProviderStatus&);
+};
+
+long long none(const ProviderStatus&) { return 0; }
+long long statusNumber(const ProviderStatus& s) { return s.status; }
+std::string statusName(const ProviderStatus& s) { return perfObjectStatusName(s.status); }
+long long errorNumber(const ProviderStatus& s) { return s.errorCode; }
+std::string errorName(const ProviderStatus& s) { return perfObjectErrorCodeName(s.errorCode); }
+
+const Field kFields[] = {
+    {"Query_Name", none, [](const ProviderStatus& s) { return s.group; }},
+    {"Object_Name", none, [](const ProviderStatus& s) { return s.objectName; }},
+    {"Subnode_Key", none, [](const ProviderStatus& s) { return s.subnodeKey; }},
+    {"Object_Type", [](const ProviderStatus& s) -> long long { return s.objectType; }, nullptr},
+    {"Object_Status", statusNumber, statusName},
+    {"Object_Status_Name", statusNumber, statusName},
+    {"Error_Code", errorNumber, errorName},
+    {"Error_Code_Name", errorNumber, errorName},
+    {"Refresh_Interval", [](const ProviderStatus& s) -> long long { return s.refreshInterval; },
+     nullptr},
+    {"Number_of_Collections",
+     [](const ProviderStatus& s) -> long long { return s.stats.collections; }, nullptr},
+    {"Cache_Hits", [](const ProviderStatus& s) -> long long { return s.stats.cacheHits; }, nullptr},
+    {"Skipped_Intervals", [](const ProviderStatus& s) -> long long { return s.skippedIntervals; },
+     nullptr},
+    {"Last_Collection_Start",
+     [](const ProviderStatus& s) -> long long {
+       return s.stats.collections == 0 ? 0 : s.stats.lastStartMillis;
+     },
+     collectionStart},
+    {"Last_Collection_Duration",
+     [](const ProviderStatus& s) -> long long { return s.stats.lastDurationMillis; }, nullptr},
+    // × 100, as the other status groups report averages: -100 before the first one.
+    {"Average_Collection_Duration",
+     [](const ProviderStatus& s) -> long long {
+       return static_cast<long long>(s.stats.averageDurationMillis * 100);
+     },
+     nullptr},
+    {"Maximum_Collection_Duration",
+     [](const ProviderStatus& s) -> long long { return s.stats.maxDurationMillis; }, nullptr},
+    {"Last_Return_Code", [](const ProviderStatus& s) -> long long { return s.returnCode; },
+     nullptr},
+    {"Last_Standard_Error", none, [](const ProviderStatus& s) { return s.standardError; }},
+};
+
+const Field* findField(const char* name) {
+  for (const Field& field : kFields) {
+    if (strcmp(field.name, name) == 0) {
+      return &field;
+    }
+  }
+  return nullptr;
+}
+
+ResultMetric* valueFor(const Metric* metric, const ProviderStatus& s) {
+  const Field* field = findField(metric->getMetricName());
+  if (metric->isStringType()) {
+    if (field == nullptr) {
+      return new ResultMetric(metric, "");
+    }
+    std::string text = field->text != nullptr ? field->text(s) : std::to_string(field->number(s));
+    return new ResultMetric(metric, text.c_str());
+  }
+  return new ResultMetric(metric, field == nullptr ? 0LL : field->number(s));
+}
+
+void createForGroup(AttributeGroupMeta* group, const char* groupName) {
+  XRV_TRACE_FN();
+  auto* provider = new PerfObjectStatus("ZQM", groupName, &queryClassList(), group);
+  group->setQuery(provider);
+  queryClassList().addClientClass(provider);
+}
+
+}  // namespace
+
+PerfObjectStatus::PerfObjectStatus(const char* applicationName, const char* attributeGroup,
+                                   UAClientClassList* providers, AttributeGroupMeta* meta)
+    : ResultsManager(applicationName, attributeGroup, UA_STATUS), providers_(providers) {
+  XRV_TRACE_FN();
+  setAttributeGroupMeta(meta);
+  addMetricsFromGroup(this, meta);
+}
+
+void PerfObjectStatus::internalCollectData(const char* /*subnode*/) {
+  XRV_TRACE_FN();
+  std::vector<ProviderStatus> statuses;
+  SubnodeManager& subnodes = getSubnodeManager();
+  subnodes.acquireLock();
+  for (UAClientClass* provider = providers_->getFirst(); provider != nullptr;
+       provider = static_cast<UAClientClass*>(provider->getNextElement())) {
+    statuses.push_back(statusOf(provider));
+  }
+  subnodes.releaseLock();
+  for (const ProviderStatus& s : statuses) {
+    XRV_TRACE_DETAIL("Status of %s%s%s: %s, %s", s.group.c_str(), s.subnodeKey.empty() ? "" : "/",
+                     s.subnodeKey.c_str(), perfObjectStatusName(s.status),
+                     perfObjectErrorCodeName(s.errorCode));
+    auto* row = new ResultInstance(nullptr, getMetricCount());
+    for (int i = 0; i < getMetricCount(); ++i) {
+      row->addMetric(valueFor(getMetric(i), s));
+    }
+    addResultInstance(row);
+  }
+}
+
+void PerfObjectStatus::printResults() {
+  XRV_TRACE_FN();
+  XRV_TRACE_DETAIL("Instances and Values for %s class", getAttributeGroup());
+  printResultInstances();
+}
+
+void installPerfObjectStatusHook() { setPerfObjectStatusHook(createForGroup); }

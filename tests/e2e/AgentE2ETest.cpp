@@ -1,0 +1,337 @@
+// The agent as an operator runs it: the real xrv-agent process, its tables read over
+// HTTP, its signals and its two ways out.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <chrono>
+#include <cstdio>
+#include <future>
+#include <string>
+#include <thread>
+
+#include <httplib.h>
+#include <nlohmann/json.hpp>
+
+#include "AgentProcess.h"
+
+namespace XRV::e2e {
+namespace {
+
+using nlohmann::json;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+const std::string kDefinition = E2E_DIR "/e2e-agent.xml";
+const std::string kConfiguration = E2E_DIR "/e2e-agent.ini";
+
+AgentOptions e2eAgent(std::vector<std::pair<std::string, std::string>> environment = {}) {
+  return AgentOptions{kDefinition, kConfiguration, std::move(environment)};
+}
+
+// GET `path`: the status and the parsed body (discarded when it is not JSON).
+std::pair<int, json> get(const AgentProcess& agent, const std::string& path) {
+  httplib::Client client("127.0.0.1", agent.port());
+  client.set_read_timeout(30, 0);
+  httplib::Result result = client.Get(path);
+  if (!result) {
+    return {0, json()};
+  }
+  return {result->status, json::parse(result->body, nullptr, false)};
+}
+
+int post(const AgentProcess& agent, const std::string& path, const std::string& authorization) {
+  httplib::Client client("127.0.0.1", agent.port());
+  httplib::Headers headers;
+  if (!authorization.empty()) {
+    headers.emplace("Authorization", authorization);
+  }
+  httplib::Result result = client.Post(path, headers, "", "text/plain");
+  return result ? result->status : 0;
+}
+
+// Polls `path` until `ready` accepts its answer or the time is up; the last answer.
+template <typename Ready>
+json getWhen(const AgentProcess& agent, const std::string& path, Ready ready,
+             milliseconds timeout = seconds(15)) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  json answer;
+  do {
+    answer = get(agent, path).second;
+    if (ready(answer)) {
+      break;
+    }
+    std::this_thread::sleep_for(milliseconds(100));
+  } while (std::chrono::steady_clock::now() < deadline);
+  return answer;
+}
+
+std::string describe(int status) {
+  if (WIFEXITED(status)) {
+    return "exit status " + std::to_string(WEXITSTATUS(status));
+  }
+  if (WIFSIGNALED(status)) {
+    return "signal " + std::to_string(WTERMSIG(status));
+  }
+  return "wait status " + std::to_string(status);
+}
+
+std::string run(const std::string& command, int* status) {
+  std::string output;
+  FILE* pipe = popen(command.c_str(), "r");
+  char buffer[4096];
+  size_t got;
+  while (pipe != nullptr && (got = fread(buffer, 1, sizeof buffer, pipe)) > 0) {
+    output.append(buffer, got);
+  }
+  *status = pipe == nullptr ? -1 : pclose(pipe);
+  return output;
+}
+
+TEST(AgentE2E, ServesScriptGroupsAsTables) {
+  AgentProcess agent(e2eAgent());
+  ASSERT_TRUE(agent.waitUntilServing()) << agent.standardError();
+
+  auto [status, tables] = get(agent, "/api/v1/tables");
+  ASSERT_EQ(status, 200);
+  ASSERT_EQ(tables.size(), 8u) << tables;
+  EXPECT_EQ(tables[0]["group"], "Static_Rows");
+  EXPECT_EQ(tables[0]["table"], "XRVSTAT");
+  EXPECT_EQ(tables[0]["columns"], json::parse(R"([{"name":"ORIGINNODE","type":1,"size":32},
+      {"name":"Name","type":2,"size":16},{"name":"Small","type":4,"size":4},
+      {"name":"Big","type":9,"size":8}])"));
+  EXPECT_EQ(tables[5]["subnode_type"], "E2E");
+
+  auto [nodesStatus, nodes] = get(agent, "/api/v1/nodes");
+  ASSERT_EQ(nodesStatus, 200);
+  const std::string origin = nodes[0]["msn"];
+  EXPECT_EQ(nodes[0]["main"], true);
+  EXPECT_TRUE(origin.ends_with(":XR")) << origin;
+
+  auto [rowsStatus, rows] = get(agent, "/api/v1/tables/Static_Rows");
+  ASSERT_EQ(rowsStatus, 200) << rows;
+  EXPECT_EQ(rows["group"], "Static_Rows");
+  EXPECT_EQ(rows["node"], origin);
+  json expected = json::parse(R"([{"Name":"alpha","Small":-1,"Big":10},
+                                  {"Name":"beta","Small":2,"Big":8589934592}])");
+  expected[0]["ORIGINNODE"] = origin;
+  expected[1]["ORIGINNODE"] = origin;
+  EXPECT_EQ(rows["rows"], expected);
+
+  // The built-in status groups report on the providers and the pool.
+  const json pool = get(agent, "/api/v1/tables/Thread_Pool_Status").second;
+  ASSERT_EQ(pool["rows"].size(), 1u) << pool;
+  EXPECT_EQ(pool["rows"][0]["Thread_Pool_Size"], 2);
+  const json statuses = get(agent, "/api/v1/tables/Performance_Object_Status").second;
+  bool staticReported = false;
+  for (const json& row : statuses["rows"]) {
+    if (row["Query_Name"] == "Static_Rows") {
+      staticReported = true;
+      EXPECT_EQ(row["Error_Code_Name"], "OBJECT_ACTIVE");
+    }
+  }
+  EXPECT_TRUE(staticReported) << statuses;
+
+  auto [missingStatus, missing] = get(agent, "/api/v1/tables/No_Such_Group");
+  EXPECT_EQ(missingStatus, 404);
+  EXPECT_EQ(missing["error"], "unknown attribute group: No_Such_Group");
+}
+
+TEST(AgentE2E, EachSubnodeSeesItsOwnSection) {
+  AgentProcess agent(e2eAgent());
+  ASSERT_TRUE(agent.waitUntilServing()) << agent.standardError();
+  const json nodes = getWhen(agent, "/api/v1/nodes", [](const json& n) { return n.size() == 3; });
+  ASSERT_EQ(nodes.size(), 3u) << nodes;
+  EXPECT_EQ(nodes[1]["msn"], "RV:one:E2E");
+  EXPECT_EQ(nodes[1]["type"], "E2E");
+  EXPECT_EQ(nodes[1]["online"], true);
+  EXPECT_EQ(nodes[2]["msn"], "RV:two:E2E");
+
+  struct Case {
+    const char* msn;
+    const char* site;
+    int port;
+  } cases[] = {{"RV:one:E2E", "first", 8001}, {"RV:two:E2E", "second", 8002}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.msn);
+    auto [status, answer] = get(agent, std::string("/api/v1/tables/Site_Info?node=") + c.msn);
+    ASSERT_EQ(status, 200) << answer;
+    EXPECT_EQ(answer["node"], c.msn);
+    ASSERT_EQ(answer["rows"].size(), 1u) << answer;
+    EXPECT_EQ(answer["rows"][0]["ORIGINNODE"], c.msn);
+    EXPECT_EQ(answer["rows"][0]["Site"], c.site);
+    EXPECT_EQ(answer["rows"][0]["Port"], c.port);
+  }
+  // A history request covers every subnode.
+  const json history = get(agent, "/api/v1/tables/Site_Info?type=HISTORICAL_SITUATION").second;
+  ASSERT_EQ(history["rows"].size(), 2u) << history;
+  EXPECT_EQ(get(agent, "/api/v1/tables/Site_Info?node=RV:three:E2E").first, 404);
+}
+
+TEST(AgentE2E, TheRefreshThreadMovesACachedGroup) {
+  AgentProcess agent(e2eAgent());
+  ASSERT_TRUE(agent.waitUntilServing()) << agent.standardError();
+  auto count = [&] {
+    const json answer = get(agent, "/api/v1/tables/Counter").second;
+    return answer["rows"].size() == 1 ? answer["rows"][0]["Count"].get<int64_t>() : -1;
+  };
+  // Requests are served from the cache: five of them move the counter by at most the
+  // one background collection that may fall between them.
+  const int64_t first = count();
+  ASSERT_GE(first, 1);
+  int64_t last = first;
+  for (int i = 0; i < 4; ++i) {
+    last = count();
+  }
+  EXPECT_LE(last - first, 1);
+  // The refresh thread collects every second.
+  std::this_thread::sleep_for(milliseconds(2500));
+  EXPECT_GE(count() - last, 1);
+}
+
+TEST(AgentE2E, RequestParameterReplacesPARMA) {
+  AgentProcess agent(e2eAgent({{"XRV_TRACE", "detail:GenericAgent::*"}}));
+  ASSERT_TRUE(agent.waitUntilServing()) << agent.standardError();
+  auto [status, answer] = get(
+      agent,
+      "/api/v1/tables/Request_Info?parm=disk42&filter=Device%3DPARMA&request=e2e-1&interval=60");
+  ASSERT_EQ(status, 200) << answer;
+  ASSERT_EQ(answer["rows"].size(), 1u);
+  EXPECT_EQ(answer["rows"][0]["Text"], "answered");
+  const std::string trace = agent.trace();
+  EXPECT_NE(trace.find("Replacing PARMA with disk42"), std::string::npos) << trace;
+  EXPECT_NE(trace.find("interval=60 for reqID=e2e-1"), std::string::npos);
+}
+
+TEST(AgentE2E, BrokenDefinitionIsFatal) {
+  AgentProcess agent(AgentOptions{E2E_DIR "/broken-agent.xml", "", {}});
+  int status = 0;
+  ASSERT_TRUE(agent.waitForExit(seconds(15), &status));
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) << describe(status);
+  EXPECT_EQ(agent.standardError(), "Fatal Error (-1) Detected. Exiting\n");
+  EXPECT_EQ(agent.standardOutput(), "");  // it never served
+}
+
+TEST(AgentE2E, SigtermWhileScriptsRunEndsTheWholeGroup) {
+  AgentProcess agent(e2eAgent());
+  ASSERT_TRUE(agent.waitUntilServing()) << agent.standardError();
+  // The request waits for a script that runs 30 seconds, with a child of its own.
+  auto request = std::async(std::launch::async, [&] { return get(agent, "/api/v1/tables/Slow"); });
+  const auto deadline = std::chrono::steady_clock::now() + seconds(10);
+  auto sleeping = [&] {
+    int count = 0;
+    for (const std::string& member : processGroupMembers(agent.pid())) {
+      count += member.ends_with(" sleep");
+    }
+    return count;
+  };
+  while (sleeping() < 2 && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(milliseconds(20));
+  }
+  ASSERT_EQ(sleeping(), 2) << "the script did not start";
+
+  ASSERT_EQ(kill(agent.pid(), SIGTERM), 0);
+  int status = 0;
+  ASSERT_TRUE(agent.waitForExit(seconds(5), &status));
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << describe(status);
+  std::this_thread::sleep_for(seconds(1));
+  const std::vector<std::string> left = processGroupMembers(agent.pid());
+  EXPECT_TRUE(left.empty()) << "left: " << ::testing::PrintToString(left);
+  // The request ended with the agent: cut off, or (when the answer got out first) with
+  // no rows, the script having been killed.
+  const auto [requestStatus, answer] = request.get();
+  if (requestStatus != 0) {
+    EXPECT_EQ(requestStatus, 200);
+    EXPECT_EQ(answer["rows"].size(), 0u) << answer;
+  }
+}
+
+TEST(AgentE2E, SighupAndSigpipeAreIgnored) {
+  AgentProcess agent(e2eAgent({{"XRV_TRACE", "detail:CleanUp"}}));
+  ASSERT_TRUE(agent.waitUntilServing()) << agent.standardError();
+  for (int signal : {SIGHUP, SIGPIPE, SIGHUP}) {
+    ASSERT_EQ(kill(agent.pid(), signal), 0);
+  }
+  std::this_thread::sleep_for(milliseconds(300));
+  EXPECT_TRUE(agent.running());
+  EXPECT_EQ(get(agent, "/api/v1/tables/Static_Rows").first, 200);
+  const std::string trace = agent.trace();
+  EXPECT_NE(trace.find("Ignoring received signal: 1"), std::string::npos) << trace;
+  EXPECT_NE(trace.find("Ignoring received signal: 13"), std::string::npos) << trace;
+}
+
+TEST(AgentE2E, OrderlyShutdownNeedsTheToken) {
+  AgentProcess agent(e2eAgent({{"XRV_ADMIN_TOKEN", "e2e-token"}}));
+  ASSERT_TRUE(agent.waitUntilServing()) << agent.standardError();
+  EXPECT_EQ(post(agent, "/api/v1/shutdown", ""), 401);
+  EXPECT_EQ(post(agent, "/api/v1/shutdown", "Bearer wrong"), 401);
+  EXPECT_TRUE(agent.running());
+  EXPECT_EQ(post(agent, "/api/v1/shutdown", "Bearer e2e-token"), 202);
+  int status = 0;
+  ASSERT_TRUE(agent.waitForExit(seconds(10), &status));
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << describe(status);
+  // The orderly road, not the signal one.
+  EXPECT_EQ(agent.trace().find("Termination signal received"), std::string::npos);
+}
+
+TEST(AgentE2E, ShutdownIsRefusedWithoutAToken) {
+  AgentProcess agent(e2eAgent());
+  ASSERT_TRUE(agent.waitUntilServing()) << agent.standardError();
+  EXPECT_EQ(post(agent, "/api/v1/shutdown", "Bearer anything"), 403);
+  EXPECT_TRUE(agent.running());
+}
+
+TEST(AgentE2E, XrvctlQueriesAndStopsTheAgent) {
+  AgentProcess agent(e2eAgent({{"XRV_ADMIN_TOKEN", "ctl-token"}}));
+  ASSERT_TRUE(agent.waitUntilServing()) << agent.standardError();
+  const std::string xrvctl = std::string(XRVCTL) + " ";
+  int status = 0;
+  const std::string table = run(xrvctl + "query --url " + agent.url() + " Static_Rows", &status);
+  EXPECT_EQ(status, 0);
+  EXPECT_NE(table.find("Static_Rows (XRVSTAT): 2 rows"), std::string::npos) << table;
+  EXPECT_NE(table.find("beta"), std::string::npos) << table;
+
+  ASSERT_EQ(getWhen(agent, "/api/v1/nodes", [](const json& n) { return n.size() == 3; }).size(),
+            3u);
+  const json sites = json::parse(
+      run(xrvctl + "query --url " + agent.url() + " Site_Info --node RV:two:E2E --format json",
+          &status),
+      nullptr, false);
+  EXPECT_EQ(status, 0);
+  ASSERT_TRUE(sites.is_array()) << sites;
+  EXPECT_EQ(sites[0]["rows"][0]["Site"], "second") << sites;
+
+  run(xrvctl + "query --url " + agent.url() + " Nothing 2>&1", &status);
+  EXPECT_EQ(WEXITSTATUS(status), 1);
+  const std::string refused =
+      run(xrvctl + "stop --url " + agent.url() + " --token bad 2>&1", &status);
+  EXPECT_EQ(WEXITSTATUS(status), 1);
+  EXPECT_NE(refused.find("HTTP 401"), std::string::npos) << refused;
+
+  run(xrvctl + "stop --url " + agent.url() + " --token ctl-token", &status);
+  EXPECT_EQ(status, 0);
+  ASSERT_TRUE(agent.waitForExit(seconds(10), &status));
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << describe(status);
+}
+
+TEST(AgentE2E, TheDemoRuns) {
+  AgentProcess agent(
+      AgentOptions{EXAMPLES_DIR "/demo/demo.xml", EXAMPLES_DIR "/demo/demo.ini", {}});
+  ASSERT_TRUE(agent.waitUntilServing()) << agent.standardError();
+  EXPECT_EQ(get(agent, "/api/v1/tables").second.size(), 11u);
+  const json nodes = getWhen(agent, "/api/v1/nodes", [](const json& n) { return n.size() == 3; });
+  ASSERT_EQ(nodes.size(), 3u) << nodes;
+  const json temp = get(agent, "/api/v1/tables/Directory_Usage?node=RV:temp:DIR").second;
+  ASSERT_EQ(temp["rows"].size(), 1u) << temp;
+  EXPECT_EQ(temp["rows"][0]["Path"], "/tmp");
+  EXPECT_EQ(get(agent, "/api/v1/tables/Demo_Items").second["rows"].size(), 100u);
+  const json counter = get(agent, "/api/v1/tables/Demo_Counter").second;
+  ASSERT_EQ(counter["rows"].size(), 1u) << counter;
+  EXPECT_GE(counter["rows"][0]["Count"], 1);
+  EXPECT_EQ(get(agent, "/healthz").first, 200);
+}
+
+}  // namespace
+}  // namespace XRV::e2e
