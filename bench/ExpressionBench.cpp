@@ -78,9 +78,9 @@ std::unique_ptr<Program> parsed(const char* text, bool filter) {
 }
 
 void reportPerEvaluation(benchmark::State& state) {
-  state.counters["ns_per_eval"] = benchmark::Counter(
-      static_cast<double>(state.iterations() * kEvaluations),
-      benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+  state.counters["ns_per_eval"] =
+      benchmark::Counter(static_cast<double>(state.iterations() * kEvaluations),
+                         benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 
 // A million evaluations of `text` on `row` per iteration, counting allocations.
@@ -190,9 +190,9 @@ void BM_CalculateDerivedPerRow(benchmark::State& state) {
     allocations += newCalls.load(std::memory_order_relaxed) - before;
   }
   // One formula per row: the same counters as the evaluations above, per row.
-  state.counters["ns_per_eval"] = benchmark::Counter(
-      static_cast<double>(state.iterations() * kRows),
-      benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+  state.counters["ns_per_eval"] =
+      benchmark::Counter(static_cast<double>(state.iterations() * kRows),
+                         benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
   state.counters["allocs_per_eval"] =
       static_cast<double>(allocations) / static_cast<double>(state.iterations() * kRows);
 }

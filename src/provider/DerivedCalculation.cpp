@@ -132,8 +132,8 @@ void ResultsManager::internalCalculateDerived(const char* requestId, ResultInsta
       XRV_TRACE_DETAIL("Calculating expression formula: %s", formula == nullptr ? "" : formula);
       if (evaluator != nullptr && metric->getExpression() != nullptr) {
         value = evaluator(this, metric, row,
-                          DerivedInputs{inputs.data(), static_cast<int>(inputs.size())},
-                          requestId, behavior);
+                          DerivedInputs{inputs.data(), static_cast<int>(inputs.size())}, requestId,
+                          behavior);
       } else {
         XRV_TRACE_DETAIL("Expressions are not available in this build, %s reports -1",
                          metric->getMetricName() == nullptr ? "" : metric->getMetricName());

@@ -78,7 +78,6 @@ ResultsManager::~ResultsManager() {
   clearPrevResultList();
   clearPureCache();
   requestIntervals_.foreach (freeKey, nullptr);
-  delete filter_;
 }
 
 void ResultsManager::constructorHelper() {
@@ -243,8 +242,10 @@ void ResultsManager::readFloodControlSettings() {
 
 void ResultsManager::readFilterSettings() {
   XRV_TRACE_FN();
-  delete filter_;
-  filter_ = nullptr;
+  {
+    PthreadMutexLock lock(filterLock_);
+    filter_.reset();
+  }
   AttributeGroupMeta* meta = getAttributeGroupMeta();
   const char* text = meta == nullptr ? nullptr : meta->getFilterExpression();
   if (text == nullptr || *text == '\0') {
@@ -270,8 +271,11 @@ void ResultsManager::readFilterSettings() {
         getAttributeGroup());
   } else {
     std::string error;
-    filter_ = parser(expanded != nullptr ? expanded : text, &error);
-    if (filter_ == nullptr) {
+    std::shared_ptr<const RowFilter> filter(parser(expanded != nullptr ? expanded : text, &error));
+    if (filter != nullptr) {
+      PthreadMutexLock lock(filterLock_);
+      filter_ = std::move(filter);
+    } else {
       XRV_TRACE_ERROR("AG %s, error parsing filters", getAttributeGroup());
       XRV_TRACE_DETAIL("%s", error.c_str());
     }
@@ -394,6 +398,9 @@ void ResultsManager::collectData(const char* subnode) {
   pthread_mutex_unlock(collectingMutex_.native());
   updateLastTime();
   recordCollection(started, fwTimeMillis());
+  // New rows are judged before they become visible: a sample taken between the merge
+  // and checkFilter would otherwise get rows the filter drops.
+  filterNewResults();
   updateResults();
   checkFilter();
 }
@@ -576,12 +583,19 @@ void ResultsManager::updateResults() {
 
 // --- Filter ---
 
+std::shared_ptr<const RowFilter> ResultsManager::currentFilter() const {
+  PthreadMutexLock lock(filterLock_);
+  return filter_;
+}
+
 bool ResultsManager::resultPassesFilter(ResultInstance* row) {
-  if (filter_ == nullptr) {
-    return true;
-  }
+  const std::shared_ptr<const RowFilter> filter = currentFilter();
+  return filter == nullptr || passesFilter(*filter, row);
+}
+
+bool ResultsManager::passesFilter(const RowFilter& filter, ResultInstance* row) {
   FilterResult result;
-  filter_->evaluate(*row, &result);
+  filter.evaluate(*row, &result);
   if (!result.error.empty()) {
     XRV_TRACE_SITE();
     XRV_TRACE_ERROR("AG %s, error from filterExpression->evaluate: %s", getAttributeGroup(),
@@ -599,14 +613,27 @@ bool ResultsManager::resultPassesFilter(ResultInstance* row) {
   return result.passes;
 }
 
+void ResultsManager::filterNewResults() {
+  XRV_TRACE_FN();
+  const std::shared_ptr<const RowFilter> filter = currentFilter();
+  if (filter == nullptr) {
+    return;
+  }
+  PthreadMutexLock lock(newResultsLock_);
+  for (ResultInstance* row = newResults_.head(); row != nullptr; row = ResultList::next(row)) {
+    row->setPassesFilter(passesFilter(*filter, row));
+  }
+}
+
 void ResultsManager::checkFilter() {
   XRV_TRACE_FN();
-  if (filter_ == nullptr) {
+  const std::shared_ptr<const RowFilter> filter = currentFilter();
+  if (filter == nullptr) {
     return;
   }
   PthreadMutexLock lock(resultsLock_);
   for (ResultInstance* row = active_.head(); row != nullptr; row = ResultList::next(row)) {
-    row->setPassesFilter(resultPassesFilter(row));
+    row->setPassesFilter(passesFilter(*filter, row));
   }
 }
 

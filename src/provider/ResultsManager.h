@@ -329,6 +329,11 @@ class ResultsManager : public UAClientClass {
   std::atomic<time_t> nextSummary_{0};
   std::atomic<bool> summaryQueued_{false};
 
-  // Filter.
-  RowFilter* filter_ = nullptr;
+  // Filter. A reset replaces it while an event may be checked against it on another
+  // thread: whoever evaluates holds a reference.
+  std::shared_ptr<const RowFilter> currentFilter() const XRV_EXCLUDES(filterLock_);
+  void filterNewResults() XRV_EXCLUDES(newResultsLock_);
+  bool passesFilter(const RowFilter& filter, ResultInstance* row);
+  mutable PthreadMutex filterLock_;
+  std::shared_ptr<const RowFilter> filter_ XRV_GUARDED_BY(filterLock_);
 };

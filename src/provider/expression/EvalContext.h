@@ -27,10 +27,10 @@ struct IntervalFrame {
 };
 
 struct EvalContext {
-  const RowValues* row = nullptr;          // null: no attribute can be referred to
+  const RowValues* row = nullptr;           // null: no attribute can be referred to
   const IntervalFrame* interval = nullptr;  // null: interval functions fail
-  Scratch* scratch = nullptr;              // must be set
-  std::string error;                       // the first failure's description
+  Scratch* scratch = nullptr;               // must be set
+  std::string error;                        // the first failure's description
 
   // Records `message` (the first failure wins) and returns the failed value.
   Value fail(std::string_view message) {

@@ -23,8 +23,7 @@ bool is64BitType(RAW_METRIC_TYPE type) {
 
 Expression* parseFormulaExpression(const char* formula, std::string* error, int* column) {
   XRV_TRACE_FN();
-  std::unique_ptr<Program> program =
-      parseFormula(formula == nullptr ? "" : formula, error, column);
+  std::unique_ptr<Program> program = parseFormula(formula == nullptr ? "" : formula, error, column);
   if (program == nullptr) {
     return nullptr;
   }
@@ -80,7 +79,8 @@ std::unique_ptr<Program> parseForGrammar(const char* grammar, const char* text, 
   }
   std::unique_ptr<Program> program = parseFormula(text, error, column);
   if (program != nullptr && program->hasIntervalFunctions()) {
-    *error = "interval functions (average, minimum, maximum, delta, rate) cannot be used in filters";
+    *error =
+        "interval functions (average, minimum, maximum, delta, rate) cannot be used in filters";
     *column = static_cast<int>(strlen(text)) + 1;
     return nullptr;
   }
@@ -141,9 +141,8 @@ ResultMetric* evaluateDerived(ResultsManager* provider, const Metric* metric,
     frame.row = name == nullptr ? "" : name;
     frame.now = fwTime();
     frame.store = behavior == STORE_INTERVAL_DATA;
-    int interval = requestId != nullptr && *requestId != '\0'
-                       ? provider->getRequestInterval(requestId)
-                       : 0;
+    int interval =
+        requestId != nullptr && *requestId != '\0' ? provider->getRequestInterval(requestId) : 0;
     frame.interval = interval > 0 ? interval : provider->getDefaultRateDeltaInterval();
     frame.data->noteInterval(frame.interval);
     context.interval = &frame;
@@ -171,9 +170,9 @@ ResultMetric* evaluateDerived(ResultsManager* provider, const Metric* metric,
 ResultMetric* makeDerivedValue(const Metric* metric, const Value& value, std::string* error) {
   if (metric->isStringType()) {
     char buffer[32];
-    std::string_view text = value.isText()
-                                ? value.view()
-                                : std::string_view(buffer, formatScalar(value, buffer, sizeof buffer));
+    std::string_view text =
+        value.isText() ? value.view()
+                       : std::string_view(buffer, formatScalar(value, buffer, sizeof buffer));
     return new ResultMetric(metric, new UTF8String(text.data(), text.size()));
   }
   switch (value.type) {
@@ -192,8 +191,8 @@ ResultMetric* makeDerivedValue(const Metric* metric, const Value& value, std::st
       if (parseNumber(value.view(), &number)) {
         return makeDerivedValue(metric, number, error);
       }
-      *error = "the formula gave text \"" + std::string(value.view()) +
-               "\" for a numeric attribute";
+      *error =
+          "the formula gave text \"" + std::string(value.view()) + "\" for a numeric attribute";
       return nullptr;
     }
     case EXPRESSION_NONE:

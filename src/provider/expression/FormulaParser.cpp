@@ -42,8 +42,8 @@ class FormulaParser : public ParserBase {
   }
 
   int32_t parseEquality() {
-    static constexpr std::pair<TokenKind, NodeOp> kEquality[] = {
-        {TOKEN_EQUAL, NODE_EQUAL}, {TOKEN_NOT_EQUAL, NODE_NOT_EQUAL}};
+    static constexpr std::pair<TokenKind, NodeOp> kEquality[] = {{TOKEN_EQUAL, NODE_EQUAL},
+                                                                 {TOKEN_NOT_EQUAL, NODE_NOT_EQUAL}};
     return binaryLevel([this](NodeOp* op) { return operatorOf(kEquality, op); },
                        [this] { return parseRelational(); });
   }
@@ -66,9 +66,8 @@ class FormulaParser : public ParserBase {
   }
 
   int32_t parseTerm() {
-    static constexpr std::pair<TokenKind, NodeOp> kTerm[] = {{TOKEN_STAR, NODE_MULTIPLY},
-                                                             {TOKEN_SLASH, NODE_DIVIDE},
-                                                             {TOKEN_PERCENT, NODE_REMAINDER}};
+    static constexpr std::pair<TokenKind, NodeOp> kTerm[] = {
+        {TOKEN_STAR, NODE_MULTIPLY}, {TOKEN_SLASH, NODE_DIVIDE}, {TOKEN_PERCENT, NODE_REMAINDER}};
     return binaryLevel([this](NodeOp* op) { return operatorOf(kTerm, op); },
                        [this] { return parseUnary(); });
   }

@@ -42,8 +42,8 @@ bool integerArgument(const Value& value, int64_t* out) {
     return true;
   }
   if (value.type == EXPRESSION_DOUBLE && std::isfinite(value.d)) {
-    *out = value.d >= 9.2e18 ? INT64_MAX : (value.d <= -9.2e18 ? INT64_MIN
-                                                                : static_cast<int64_t>(value.d));
+    *out = value.d >= 9.2e18 ? INT64_MAX
+                             : (value.d <= -9.2e18 ? INT64_MIN : static_cast<int64_t>(value.d));
     return true;
   }
   return false;
@@ -128,7 +128,8 @@ Value substring(const Value* arguments, int count, EvalContext& context) {
   int64_t start = 0;
   int64_t length = INT64_MAX;
   if (!integerArgument(arguments[1], &start)) {
-    return context.fail("substr needs a whole number as its start, not " + describeValue(arguments[1]));
+    return context.fail("substr needs a whole number as its start, not " +
+                        describeValue(arguments[1]));
   }
   if (count == 3 && !integerArgument(arguments[2], &length)) {
     return context.fail("substr needs a whole number as its length, not " +

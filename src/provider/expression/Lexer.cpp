@@ -88,8 +88,8 @@ Token Lexer::next() {
       length = following == '=' ? 2 : 1;
       break;
     case '<':
-      token.kind = following == '=' ? TOKEN_LESS_EQUAL
-                                     : (following == '>' ? TOKEN_NOT_EQUAL : TOKEN_LESS);
+      token.kind =
+          following == '=' ? TOKEN_LESS_EQUAL : (following == '>' ? TOKEN_NOT_EQUAL : TOKEN_LESS);
       length = following == '=' || following == '>' ? 2 : 1;
       break;
     case '>':
@@ -106,8 +106,7 @@ Token Lexer::next() {
       length = 2;
       break;
     default:
-      return error(position_, position_ + 1,
-                   std::string("unexpected character '") + c + "'");
+      return error(position_, position_ + 1, std::string("unexpected character '") + c + "'");
   }
   token.end = position_ = position_ + length;
   return token;
@@ -212,8 +211,8 @@ std::string Lexer::describe(const Token& token) {
     default:
       break;
   }
-  static const char* const kSymbols[] = {"(", ")",  ",",  "+", "-",  "*", "/", "%",
-                                         "!", "==", "!=", "<", "<=", ">", ">=", "&&", "||"};
+  static const char* const kSymbols[] = {"(",  ")",  ",", "+",  "-", "*",  "/",  "%", "!",
+                                         "==", "!=", "<", "<=", ">", ">=", "&&", "||"};
   return std::string("'") + kSymbols[token.kind - TOKEN_OPEN] + "'";
 }
 

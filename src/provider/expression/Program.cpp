@@ -157,8 +157,8 @@ Value compare(NodeOp op, const Value& left, const Value& right, EvalContext& con
     }
     return left.isText() ? compare(op, number, right, context) : compare(op, left, number, context);
   }
-  return context.fail(std::string("cannot compare ") + describeValue(left) + " and " + describeValue(right) +
-                      " with " + operatorText(op));
+  return context.fail(std::string("cannot compare ") + describeValue(left) + " and " +
+                      describeValue(right) + " with " + operatorText(op));
 }
 
 LikePattern::LikePattern(std::string_view text) : pattern(text), kind(GENERAL) {
@@ -262,9 +262,9 @@ int32_t Program::addBinary(NodeOp op, int32_t left, int32_t right) {
 int32_t Program::addCall(const FunctionInfo& function, const std::vector<int32_t>& arguments,
                          std::string* error) {
   Node node{};
-  node.function = static_cast<uint8_t>(function.id == FUNCTION_INTERVAL
-                                            ? static_cast<int>(function.interval)
-                                            : static_cast<int>(function.id));
+  node.function =
+      static_cast<uint8_t>(function.id == FUNCTION_INTERVAL ? static_cast<int>(function.interval)
+                                                            : static_cast<int>(function.id));
   int deepest = 0;
   for (int32_t argument : arguments) {
     deepest = std::max(deepest, depth(argument));
@@ -375,7 +375,8 @@ void Program::recordSamples(EvalContext& context) const {
                    " needs a number, not " + describeValue(value));
       return;
     }
-    frame.data->obtain(this, node.right, frame.row).add(frame.now, value, frame.data->keepSeconds());
+    frame.data->obtain(this, node.right, frame.row)
+        .add(frame.now, value, frame.data->keepSeconds());
   }
   frame.data->sweep(frame.now);
 }
@@ -398,8 +399,38 @@ namespace {
 
 [[gnu::cold, gnu::noinline]] Value wrongOperands(NodeOp op, const Value& left, const Value& right,
                                                  EvalContext& context) {
-  return context.fail(std::string("cannot apply ") + operatorText(op) + " to " + describeValue(left) +
-                      " and " + describeValue(right));
+  return context.fail(std::string("cannot apply ") + operatorText(op) + " to " +
+                      describeValue(left) + " and " + describeValue(right));
+}
+
+// Integers a and b combined by `op` without a call: comparisons always, arithmetic
+// when both are 32-bit (which cannot overflow 64 bits); EXPRESSION_NONE otherwise.
+[[gnu::always_inline]] inline Value integerOperation(NodeOp op, int64_t a, int64_t b,
+                                                     bool both32Bit) {
+  switch (op) {
+    case NODE_EQUAL:
+      return Value::boolean(a == b);
+    case NODE_NOT_EQUAL:
+      return Value::boolean(a != b);
+    case NODE_LESS:
+      return Value::boolean(a < b);
+    case NODE_LESS_EQUAL:
+      return Value::boolean(a <= b);
+    case NODE_GREATER:
+      return Value::boolean(a > b);
+    case NODE_GREATER_EQUAL:
+      return Value::boolean(a >= b);
+    case NODE_ADD:
+      return both32Bit ? Value::integer(a + b) : Value::none();
+    case NODE_SUBTRACT:
+      return both32Bit ? Value::integer(a - b) : Value::none();
+    case NODE_MULTIPLY:
+      return both32Bit ? Value::integer(a * b) : Value::none();
+    case NODE_DIVIDE:
+      return both32Bit ? Value::integer(b == 0 ? 0 : a / b) : Value::none();
+    default:
+      return Value::none();
+  }
 }
 
 }  // namespace
@@ -426,9 +457,8 @@ inline Value Program::operand(int32_t index, EvalContext& context) const {
 }
 
 [[gnu::always_inline]] inline Value Program::evalAttributeAndInteger(const Node& node,
-                                                                    EvalContext& context) const {
-  const ResultMetric* found =
-      context.row == nullptr ? nullptr : context.row->find(*node.reference);
+                                                                     EvalContext& context) const {
+  const ResultMetric* found = context.row == nullptr ? nullptr : context.row->find(*node.reference);
   if (found == nullptr) {
     return Value::none();
   }
@@ -440,38 +470,9 @@ inline Value Program::operand(int32_t index, EvalContext& context) const {
   } else {
     return Value::none();
   }
-  const int64_t b = node.literal.i;
-  switch (node.op) {
-    case NODE_EQUAL:
-      return Value::boolean(a == b);
-    case NODE_NOT_EQUAL:
-      return Value::boolean(a != b);
-    case NODE_LESS:
-      return Value::boolean(a < b);
-    case NODE_LESS_EQUAL:
-      return Value::boolean(a <= b);
-    case NODE_GREATER:
-      return Value::boolean(a > b);
-    case NODE_GREATER_EQUAL:
-      return Value::boolean(a >= b);
-    default:
-      break;
-  }
-  if (found->getKind() != RESULT_INT32 || node.literal.type != EXPRESSION_INT32) {
-    return Value::none();  // 64-bit arithmetic clamps: the general path
-  }
-  switch (node.op) {
-    case NODE_ADD:
-      return Value::integer(a + b);
-    case NODE_SUBTRACT:
-      return Value::integer(a - b);
-    case NODE_MULTIPLY:
-      return Value::integer(a * b);
-    case NODE_DIVIDE:
-      return Value::integer(b == 0 ? 0 : a / b);
-    default:
-      return Value::none();
-  }
+  return integerOperation(
+      node.op, a, node.literal.i,
+      found->getKind() == RESULT_INT32 && node.literal.type == EXPRESSION_INT32);
 }
 
 // Dispatches: every case but the attribute-and-integer one is a jump, not a call.
@@ -511,7 +512,7 @@ Value Program::evalReference(const Node& node, EvalContext& context) const {
 }
 
 [[gnu::always_inline]] inline Value Program::evalLike(const Node& node,
-                                                     EvalContext& context) const {
+                                                      EvalContext& context) const {
   const LikePattern& pattern = likePatterns_[static_cast<size_t>(node.right)];
   if (node.reference != nullptr && context.row != nullptr) {
     // A byte-string attribute is matched in place, without measuring it.
@@ -579,38 +580,10 @@ Value Program::evalBinary(const Node& node, EvalContext& context) const {
   }
   // The common case first: integers, computed here without a call.
   if (left.isInteger() && right.isInteger()) {
-    const int64_t a = left.i;
-    const int64_t b = right.i;
-    switch (node.op) {
-      case NODE_EQUAL:
-        return Value::boolean(a == b);
-      case NODE_NOT_EQUAL:
-        return Value::boolean(a != b);
-      case NODE_LESS:
-        return Value::boolean(a < b);
-      case NODE_LESS_EQUAL:
-        return Value::boolean(a <= b);
-      case NODE_GREATER:
-        return Value::boolean(a > b);
-      case NODE_GREATER_EQUAL:
-        return Value::boolean(a >= b);
-      default:
-        break;
-    }
-    if (left.type == EXPRESSION_INT32 && right.type == EXPRESSION_INT32) {
-      // 32-bit operands cannot overflow 64 bits here.
-      switch (node.op) {
-        case NODE_ADD:
-          return Value::integer(a + b);
-        case NODE_SUBTRACT:
-          return Value::integer(a - b);
-        case NODE_MULTIPLY:
-          return Value::integer(a * b);
-        case NODE_DIVIDE:
-          return Value::integer(b == 0 ? 0 : a / b);
-        default:
-          break;
-      }
+    Value result = integerOperation(
+        node.op, left.i, right.i, left.type == EXPRESSION_INT32 && right.type == EXPRESSION_INT32);
+    if (!result.failed()) {
+      return result;
     }
   }
   if (node.op >= NODE_EQUAL) {
@@ -619,8 +592,8 @@ Value Program::evalBinary(const Node& node, EvalContext& context) const {
   if (left.isNumber() && right.isNumber()) {
     return arithmetic(static_cast<ArithmeticOp>(node.op - NODE_ADD), left, right);
   }
-  if (node.op == NODE_ADD && (left.isText() || right.isText()) &&
-      left.type != EXPRESSION_BOOLEAN && right.type != EXPRESSION_BOOLEAN) {
+  if (node.op == NODE_ADD && (left.isText() || right.isText()) && left.type != EXPRESSION_BOOLEAN &&
+      right.type != EXPRESSION_BOOLEAN) {
     return concatenate(left, right, context);
   }
   return wrongOperands(static_cast<NodeOp>(node.op), left, right, context);
@@ -664,14 +637,14 @@ Value Program::evalInterval(const Node& node, EvalContext& context) const {
   const char* name = intervalName(static_cast<IntervalKind>(node.function));
   const IntervalFrame* frame = context.interval;
   if (frame == nullptr || frame->data == nullptr) {
-    return context.fail(std::string(name) + " has no samples here (interval functions work in "
-                                            "formulas of attributes only)");
+    return context.fail(std::string(name) +
+                        " has no samples here (interval functions work in "
+                        "formulas of attributes only)");
   }
   const SampleSeries* series = frame->data->find(this, node.right, frame->row);
   Value result;
-  if (series == nullptr ||
-      !series->compute(static_cast<IntervalKind>(node.function), frame->now, frame->interval,
-                       &result)) {
+  if (series == nullptr || !series->compute(static_cast<IntervalKind>(node.function), frame->now,
+                                            frame->interval, &result)) {
     return context.fail(std::string(name) + " has no samples yet for this row");
   }
   return result;

@@ -44,7 +44,8 @@ TEST(ConcurrentDerived, SeveralProvidersCalculateAtOnce) {
       R"(filter_expression="Name LIKE &quot;r*&quot; AND Scaled &gt;= 0")");
   TestQueryClass first("CONC", {{"Name", STRING_DATA, true}, {"V"}});
   first.addMetricObject(formulaMetric("Scaled", "(V * 100) / (V + 1)", false));
-  first.addMetricObject(formulaMetric("Label", "Name + '-' + tostring(Scaled)", false, STRING_DATA));
+  first.addMetricObject(
+      formulaMetric("Label", "Name + '-' + tostring(Scaled)", false, STRING_DATA));
   first.addMetricObject(formulaMetric("Delta", "delta(V)", true));
   first.setAttributeGroupMeta(meta);
   first.setRefreshInterval(1);
@@ -73,10 +74,10 @@ TEST(ConcurrentDerived, SeveralProvidersCalculateAtOnce) {
         request.GetRequestDetail()->SetRequestId(i % 2 == 0 ? "situation" : "demand");
         provider->sendDataToAFW(&request, "n");
         for (const auto& row : request.rows) {
-          bool consistent = row.size() == 6 && row[1][0] == 'r' &&
-                            row[3] == std::to_string(std::stoi(row[2]) * 100 /
-                                                     (std::stoi(row[2]) + 1)) &&
-                            row[4] == row[1] + "-" + row[3];
+          bool consistent =
+              row.size() == 6 && row[1][0] == 'r' &&
+              row[3] == std::to_string(std::stoi(row[2]) * 100 / (std::stoi(row[2]) + 1)) &&
+              row[4] == row[1] + "-" + row[3];
           wrong += consistent ? 0 : 1;
         }
       }

@@ -36,7 +36,9 @@ void runTable(const Case* cases, size_t count) {
 TEST(Filter, Wildcards) {
   const Case cases[] = {
       {"name LIKE \"web*\"", "boolean true"},
-      {"name LIKE 'web?" "?'", "boolean true"},
+      {"name LIKE 'web?"
+       "?'",
+       "boolean true"},
       {"name LIKE 'web?'", "boolean false"},
       {"name LIKE '*01'", "boolean true"},
       {"name LIKE '*'", "boolean true"},
@@ -46,7 +48,9 @@ TEST(Filter, Wildcards) {
       {"name LIKE 'WEB*'", "boolean false"},
       {"name NOT LIKE 'web*'", "boolean false"},
       {"city LIKE 'Z?rich'", "boolean true"},
-      {"city LIKE 'Z?" "?rich'", "boolean false"},
+      {"city LIKE 'Z?"
+       "?rich'",
+       "boolean false"},
       {"pct LIKE '100\\*'", "boolean true"},
       {"pct LIKE '10\\*'", "boolean false"},
       {"cpu LIKE '9*'", "boolean true"},

@@ -31,7 +31,7 @@ ValueRow standardRow() {
       .add("num_text", "42")
       .add("name", "web01")
       .add("Display Name", 11, "srcName")
-      .add("x", 1, "y")  // display name x ...
+      .add("x", 1, "y")   // display name x ...
       .add("z", 2, "x");  // ... but metric name x wins
   return row;
 }
@@ -98,19 +98,16 @@ TEST(Formula, OverflowWidensThenClamps) {
       {"abs(-big - 1)", "int64 2147483648"},
       {"u", "double 1.84467440737096e+19"},
       {"9223372036854775807", "int64 9223372036854775807"},
-      {"9223372036854775808", "parse error at 20: malformed or too large number 9223372036854775808"},
+      {"9223372036854775808",
+       "parse error at 20: malformed or too large number 9223372036854775808"},
   };
   runTable(cases, std::size(cases));
 }
 
 TEST(Formula, DivisionByZeroGivesZero) {
   const Case cases[] = {
-      {"a / 0", "int32 0"},
-      {"a % 0", "int32 0"},
-      {"w / (b - 2)", "int64 0"},
-      {"d / 0", "double 0"},
-      {"d % 0.0", "double 0"},
-      {"1 / 0 + 5", "int32 5"},
+      {"a / 0", "int32 0"},  {"a % 0", "int32 0"},    {"w / (b - 2)", "int64 0"},
+      {"d / 0", "double 0"}, {"d % 0.0", "double 0"}, {"1 / 0 + 5", "int32 5"},
   };
   runTable(cases, std::size(cases));
 }
@@ -218,7 +215,8 @@ TEST(Formula, ParseErrorsSayWhatAndWhere) {
       {"foo(1)", "parse error at 4: unknown function foo"},
       {"substr('a')", "parse error at 12: substr takes 2 to 3 arguments, not 1"},
       {"abs(1, 2)", "parse error at 10: abs takes 1 argument, not 2"},
-      {"max(1 2)", "parse error at 8: expected ',' or ')' in the arguments of max but found number"},
+      {"max(1 2)",
+       "parse error at 8: expected ',' or ')' in the arguments of max but found number"},
       {"1 2", "parse error at 4: unexpected number after a complete formula"},
       {"a & b", "parse error at 4: unexpected '&' (did you mean '&&'?)"},
       {"a | b", "parse error at 4: unexpected '|' (did you mean '||'?)"},

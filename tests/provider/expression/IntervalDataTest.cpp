@@ -47,7 +47,7 @@ TEST(IntervalData, WindowsOverTheSamples) {
       {XRV::expression::INTERVAL_MAXIMUM, 30, 1000, "160"},
       {XRV::expression::INTERVAL_DELTA, 30, 1000, "60"},  // from the oldest sample
       {XRV::expression::INTERVAL_RATE, 30, 1000, "2"},
-      {XRV::expression::INTERVAL_DELTA, 100, 5, "0"},     // nothing that new: the newest only
+      {XRV::expression::INTERVAL_DELTA, 100, 5, "0"},  // nothing that new: the newest only
       {XRV::expression::INTERVAL_AVERAGE, 100, 5, "160"},
   };
   for (const Case& c : cases) {

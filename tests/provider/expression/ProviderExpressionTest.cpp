@@ -94,17 +94,17 @@ class ProviderExpressionTest : public ::testing::Test {
 };
 
 TEST_F(ProviderExpressionTest, FormulasAreComputedInListOrderOnEveryCollection) {
-  auto source = provider(
-      "CALC",
-      R"(<attr name="Name" type="2" size="16"/><attr name="A" type="0" size="4"/>)"
-      R"(<attr name="B" type="0" size="4"/><attr name="Ratio" type="0" size="4"/>)"
-      R"(<attr name="Label" type="2" size="32"/><attr name="Later" type="0" size="4"/>)"
-      R"(<attr name="Next" type="0" size="4"/>)",
-      {{"Name", STRING_DATA, true}, {"A"}, {"B"}},
-      {{"Ratio", "(A * 100) / (B + 1)"},
-       {"Label", "Name + ':' + tostring(Ratio)", STRING_DATA},  // an earlier derived value
-       {"Later", "Next + 1"},                                   // a later one is not there yet
-       {"Next", "1"}});
+  auto source =
+      provider("CALC",
+               R"(<attr name="Name" type="2" size="16"/><attr name="A" type="0" size="4"/>)"
+               R"(<attr name="B" type="0" size="4"/><attr name="Ratio" type="0" size="4"/>)"
+               R"(<attr name="Label" type="2" size="32"/><attr name="Later" type="0" size="4"/>)"
+               R"(<attr name="Next" type="0" size="4"/>)",
+               {{"Name", STRING_DATA, true}, {"A"}, {"B"}},
+               {{"Ratio", "(A * 100) / (B + 1)"},
+                {"Label", "Name + ':' + tostring(Ratio)", STRING_DATA},  // an earlier derived value
+                {"Later", "Next + 1"},  // a later one is not there yet
+                {"Next", "1"}});
   TraceCapture capture("error");
   EXPECT_EQ(sample(*source, {{"web", "7", "2"}, {"db", "5", "0"}}),
             (Rows{{"n", "web", "7", "2", "233", "web:233", "-1", "1"},
@@ -118,21 +118,22 @@ TEST_F(ProviderExpressionTest, FormulasAreComputedInListOrderOnEveryCollection) 
 }
 
 TEST_F(ProviderExpressionTest, FailedFormulasReportMinusOneOrEmptyText) {
-  auto source = provider(
-      "FAIL",
-      R"(<attr name="Name" type="2" size="16"/><attr name="Number" type="0" size="4"/>)"
-      R"(<attr name="Text" type="2" size="16"/><attr name="Wide" type="9" size="8"/>)",
-      {{"Name", STRING_DATA, true}},
-      {{"Number", "Name * 2"}, {"Text", "substr(Name, Missing)", STRING_DATA},
-       {"Wide", "tostring(2147483647 + 1)", NUMERIC_64BIT_DATA}});
+  auto source =
+      provider("FAIL",
+               R"(<attr name="Name" type="2" size="16"/><attr name="Number" type="0" size="4"/>)"
+               R"(<attr name="Text" type="2" size="16"/><attr name="Wide" type="9" size="8"/>)",
+               {{"Name", STRING_DATA, true}},
+               {{"Number", "Name * 2"},
+                {"Text", "substr(Name, Missing)", STRING_DATA},
+                {"Wide", "tostring(2147483647 + 1)", NUMERIC_64BIT_DATA}});
   EXPECT_EQ(sample(*source, {{"x"}}), (Rows{{"n", "x", "-1", "", "2147483648"}}));
 }
 
 TEST_F(ProviderExpressionTest, AFormulaThatDoesNotParseIsTracedWithItsMarkerAndIsMinusOne) {
   TraceCapture capture("error");
-  auto source = provider("BAD",
-                         R"(<attr name="K" type="2" size="4"/><attr name="Broken" type="0" size="4"/>)",
-                         {{"K", STRING_DATA, true}}, {{"Broken", "K + * 3"}});
+  auto source = provider(
+      "BAD", R"(<attr name="K" type="2" size="4"/><attr name="Broken" type="0" size="4"/>)",
+      {{"K", STRING_DATA, true}}, {{"Broken", "K + * 3"}});
   EXPECT_TRUE(capture.hasText("Error parsing expression:\nK + * 3\n    ^"));
   EXPECT_TRUE(capture.hasText(
       "Due to the expression parsing error, the value of metric Broken will be set to -1."));
@@ -160,22 +161,29 @@ TEST_F(ProviderExpressionTest, FilterErrorsAreTracedAndTheRowIsDropped) {
     Rows rows;
   };
   const Case cases[] = {
-      {"filter", "missing = 1",
-       "AG F, error from filterExpression->evaluate: attribute missing is not in the row", {}},
-      {"filter", "name = 'a' OR missing = 1",
+      {"filter",
+       "missing = 1",
+       "AG F, error from filterExpression->evaluate: attribute missing is not in the row",
+       {}},
+      {"filter",
+       "name = 'a' OR missing = 1",
        "AG F, error from filterExpression->evaluate: attribute missing is not in the row",
        {{"n", "a", "1"}}},
-      {"expression", "cpu + 1",
+      {"expression",
+       "cpu + 1",
        "Error:  filter should have returned a boolean (ExpressionType[1]) but instead returned "
        "ExpressionType[2]",
        {}},
-      {"expression", "name + 'x'",
+      {"expression",
+       "name + 'x'",
        "Error:  filter should have returned a boolean (ExpressionType[1]) but instead returned "
        "ExpressionType[5]",
        {}},
       {"expression", "cpu > 1 && like(name, 'b*')", "", {{"n", "b", "2"}}},
       {"filter", "cpu >", "AG F, error parsing filters", {{"n", "a", "1"}, {"n", "b", "2"}}},
-      {"expression", "delta(cpu) > 0", "AG F, error parsing filters",
+      {"expression",
+       "delta(cpu) > 0",
+       "AG F, error parsing filters",
        {{"n", "a", "1"}, {"n", "b", "2"}}},
   };
   for (const Case& c : cases) {
@@ -189,8 +197,9 @@ TEST_F(ProviderExpressionTest, FilterErrorsAreTracedAndTheRowIsDropped) {
         agAttributes.replace(at, 1, to);
       }
     }
-    auto source = provider("F", R"(<attr name="name" type="2" size="8"/><attr name="cpu" type="0" size="4"/>)",
-                           {{"name", STRING_DATA, true}, {"cpu"}}, {}, agAttributes);
+    auto source = provider(
+        "F", R"(<attr name="name" type="2" size="8"/><attr name="cpu" type="0" size="4"/>)",
+        {{"name", STRING_DATA, true}, {"cpu"}}, {}, agAttributes);
     EXPECT_EQ(sample(*source, {{"a", "1"}, {"b", "2"}}), c.rows);
     if (*c.trace != '\0') {
       EXPECT_TRUE(capture.hasText(c.trace));
@@ -202,18 +211,18 @@ TEST_F(ProviderExpressionTest, FilterErrorsAreTracedAndTheRowIsDropped) {
 // Interval functions without an interval: each collection adds a sample, and the
 // functions look at the last two.
 TEST_F(ProviderExpressionTest, IntervalFunctionsAcrossSamples) {
-  auto source = provider(
-      "IVL",
-      R"(<attr name="K" type="2" size="4"/><attr name="V" type="0" size="4"/>)"
-      R"(<attr name="Delta" type="9" size="8"/><attr name="Rate" type="0" size="4"/>)"
-      R"(<attr name="Avg" type="0" size="4"/><attr name="Min" type="0" size="4"/>)"
-      R"(<attr name="Max" type="0" size="4"/>)",
-      {{"K", STRING_DATA, true}, {"V"}},
-      {{"Delta", "delta(V)", NUMERIC_64BIT_DATA},
-       {"Rate", "round(rate(V) * 10)"},
-       {"Avg", "round(average(V) * 10)"},
-       {"Min", "minimum(V)"},
-       {"Max", "maximum(V)"}});
+  auto source =
+      provider("IVL",
+               R"(<attr name="K" type="2" size="4"/><attr name="V" type="0" size="4"/>)"
+               R"(<attr name="Delta" type="9" size="8"/><attr name="Rate" type="0" size="4"/>)"
+               R"(<attr name="Avg" type="0" size="4"/><attr name="Min" type="0" size="4"/>)"
+               R"(<attr name="Max" type="0" size="4"/>)",
+               {{"K", STRING_DATA, true}, {"V"}},
+               {{"Delta", "delta(V)", NUMERIC_64BIT_DATA},
+                {"Rate", "round(rate(V) * 10)"},
+                {"Avg", "round(average(V) * 10)"},
+                {"Min", "minimum(V)"},
+                {"Max", "maximum(V)"}});
   struct Step {
     int advance;
     const char* value;
@@ -237,15 +246,15 @@ TEST_F(ProviderExpressionTest, IntervalFunctionsAcrossSamples) {
 // Requests with intervals of their own read the same samples over their own
 // windows; reading changes nothing.
 TEST_F(ProviderExpressionTest, IntervalFunctionsForTwoConcurrentRequests) {
-  auto source = provider(
-      "REQ",
-      R"(<attr name="K" type="2" size="4"/><attr name="V" type="0" size="4"/>)"
-      R"(<attr name="Delta" type="0" size="4"/><attr name="Avg" type="0" size="4"/>)"
-      R"(<attr name="Max" type="0" size="4"/>)",
-      {{"K", STRING_DATA, true}, {"V"}},
-      {{"Delta", "delta(V)", NUMERIC_DATA, true},
-       {"Avg", "round(average(V))", NUMERIC_DATA, true},
-       {"Max", "maximum(V)", NUMERIC_DATA, true}});
+  auto source =
+      provider("REQ",
+               R"(<attr name="K" type="2" size="4"/><attr name="V" type="0" size="4"/>)"
+               R"(<attr name="Delta" type="0" size="4"/><attr name="Avg" type="0" size="4"/>)"
+               R"(<attr name="Max" type="0" size="4"/>)",
+               {{"K", STRING_DATA, true}, {"V"}},
+               {{"Delta", "delta(V)", NUMERIC_DATA, true},
+                {"Avg", "round(average(V))", NUMERIC_DATA, true},
+                {"Max", "maximum(V)", NUMERIC_DATA, true}});
   source->setRefreshInterval(10);
   source->setRequestInterval("every-minute", 60);
   source->setRequestInterval("every-30s", 30);
@@ -277,13 +286,13 @@ TEST_F(ProviderExpressionTest, IntervalFunctionsForTwoConcurrentRequests) {
 
 TEST_F(ProviderExpressionTest, EventsGetTheirFormulasToo) {
   XRV::testing::FrameworkDouble framework;
-  auto source = provider(
-      "EVT",
-      R"(<attr name="Msg" type="2" size="16"/><attr name="Sev" type="0" size="4"/>)"
-      R"(<attr name="Loud" type="0" size="4"/><attr name="Seen" type="0" size="4"/>)",
-      {{"Msg", STRING_DATA, true}, {"Sev"}},
-      {{"Loud", "if(Sev >= 3 && contains(Msg, 'disk'), 1, 0)"}, {"Seen", "delta(Sev)"}},
-      R"(pure="true" filter_expression="Loud = 1")");
+  auto source =
+      provider("EVT",
+               R"(<attr name="Msg" type="2" size="16"/><attr name="Sev" type="0" size="4"/>)"
+               R"(<attr name="Loud" type="0" size="4"/><attr name="Seen" type="0" size="4"/>)",
+               {{"Msg", STRING_DATA, true}, {"Sev"}},
+               {{"Loud", "if(Sev >= 3 && contains(Msg, 'disk'), 1, 0)"}, {"Seen", "delta(Sev)"}},
+               R"(pure="true" filter_expression="Loud = 1")");
   ResultInstance* quiet = source->makeRow({"cpu hot", "5"});
   EXPECT_FALSE(source->sendEventData(quiet, STORE_INTERVAL_DATA)) << "filtered out";
   delete quiet;

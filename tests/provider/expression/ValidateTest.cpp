@@ -66,9 +66,9 @@ TEST(Validate, ReportsFormulasAndFiltersThatDoNotParse) {
       (std::string(XRVCTL) + " validate " + definition + " >" + out + " 2>" + err).c_str());
   const std::string errors = slurp(err);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << errors;
-  EXPECT_NE(errors.find(definition +
-                        ":20: warning: Error parsing expression:\nLoad * * 2\n       ^\n"),
-            std::string::npos)
+  EXPECT_NE(
+      errors.find(definition + ":20: warning: Error parsing expression:\nLoad * * 2\n       ^\n"),
+      std::string::npos)
       << errors;
   EXPECT_NE(errors.find(definition +
                         ": warning: Attribute group Hosts: its filter does not parse (expected an "
