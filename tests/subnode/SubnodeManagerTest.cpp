@@ -180,7 +180,7 @@ TEST_F(SubnodeManagerTest, GeneratesManagedSystemNames) {
        "Generated MSN \"RV:box_abcdefghijklmnopqrstu:ABC\""},
       {"a short application is used as it is", "x", "host1", "ABC", "", "", "X:host1:ABC",
        "Generated MSN \"X:host1:ABC\""},
-      {"a long application gives its 2nd and 3rd characters", "kxrvagent", "Host1", "abc", "", "",
+      {"a long application gives its 2nd and 3rd characters", "axrvagent", "Host1", "abc", "", "",
        "XR:Host1:abc", "appl will be truncated to \"xr\""},
       {"a long type is cut to 3", "XRV", "host1", "ABCDE", "", "", "RV:host1:ABC",
        "type will be truncated to \"ABC\""},
