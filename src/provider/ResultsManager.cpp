@@ -653,6 +653,17 @@ void ResultsManager::setRequestInterval(const char* requestId, int seconds) {
   }
 }
 
+void ResultsManager::removeRequestInterval(const char* requestId) {
+  XRV_TRACE_FN();
+  if (requestId == nullptr) {
+    return;
+  }
+  const char* storedKey = nullptr;
+  PthreadMutexLock lock(requestIntervalsLock_);
+  requestIntervals_.remove(requestId, &storedKey);
+  free(const_cast<char*>(storedKey));
+}
+
 int ResultsManager::getRequestInterval(const char* requestId) {
   if (requestId == nullptr) {
     return 0;

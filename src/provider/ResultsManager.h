@@ -179,6 +179,8 @@ class ResultsManager : public UAClientClass {
   // The sampling interval of the request `requestId` (framework requests with an
   // interval file it here); 0 when unknown.
   void setRequestInterval(const char* requestId, int seconds);
+  // The request has ended: forgets its interval (nothing when it had none).
+  void removeRequestInterval(const char* requestId);
   int getRequestInterval(const char* requestId);
 
   // --- Filter ---

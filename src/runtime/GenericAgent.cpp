@@ -264,12 +264,22 @@ void GenericAgent::TakeSampleDestructor() {
     return;
   }
   active_ = false;
-  if (!receivesRequestInfo_) {
+  // Every request may bring an id of its own (each HTTP request does): what was filed
+  // under it goes with it, or the providers' maps would grow for ever.
+  const char* requestId = GetRequestDetail()->GetRequestId();
+  const bool intervalFiled = sampleInterval_ > 0 && *requestId != '\0';
+  if (!receivesRequestInfo_ && !intervalFiled) {
     return;
   }
   std::vector<Target> targets = tsGetQueryList();
   for (Target& target : targets) {
-    target.provider->removeRequestInfo(requestInfoId());
+    if (receivesRequestInfo_) {
+      target.provider->removeRequestInfo(requestInfoId());
+    }
+    auto* results = dynamic_cast<ResultsManager*>(target.provider);
+    if (intervalFiled && results != nullptr) {
+      results->removeRequestInterval(requestId);
+    }
   }
   tsFreeQueryList(targets);
 }

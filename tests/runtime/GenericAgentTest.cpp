@@ -354,11 +354,19 @@ TEST_F(GenericAgentTest, TheIntervalIsTracedAndFiledForTheRequest) {
   detail.SetRequestId("sit7");
   detail.SetSampleInterval(300);
   ContextInfo context;
-  sample("TRates", detail, context);
+  auto* provider = static_cast<ResultsManager*>(list_.getFirst());
+  TableManager* manager = framework_.findTableManager("TRates");
+  ASSERT_NE(manager, nullptr);
+  detail.SetRowSink(&framework_);
+  std::unique_ptr<FwRequest> request(manager->CreateRequest(&detail, &context));
+  ASSERT_NE(request, nullptr);
+  request->TakeSampleConstructor();
+  EXPECT_EQ(provider->getRequestInterval("sit7"), 300);
+  request->TakeSample();
   EXPECT_TRUE(framework_.trace().hasText("interval=300 for reqID=sit7"));
   EXPECT_TRUE(traced("Collecting data for situation  - sit7 with interval 300 on table TRates"));
-  auto* provider = static_cast<ResultsManager*>(list_.getFirst());
-  EXPECT_EQ(provider->getRequestInterval("sit7"), 300);
+  request->TakeSampleDestructor();
+  EXPECT_EQ(provider->getRequestInterval("sit7"), 0) << "forgotten with its request";
 }
 
 TEST_F(GenericAgentTest, CollectsOnThePoolOnlyWithTheImpatientTimeoutAndAnEligibleProvider) {
