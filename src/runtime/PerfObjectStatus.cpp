@@ -144,7 +144,7 @@ void createForGroup(AttributeGroupMeta* group, const char* groupName) {
 
 PerfObjectStatus::PerfObjectStatus(const char* applicationName, const char* attributeGroup,
                                    UAClientClassList* providers, AttributeGroupMeta* meta)
-    : ResultsManager(applicationName, attributeGroup, UA_STATUS), providers_(providers) {
+    : BuiltInStatusProvider(applicationName, attributeGroup), providers_(providers) {
   XRV_TRACE_FN();
   setAttributeGroupMeta(meta);
   addMetricsFromGroup(this, meta);

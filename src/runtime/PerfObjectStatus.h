@@ -15,21 +15,18 @@
 // come and go while the agent runs) and asks each provider only for its status,
 // error code and statistics while the lock is held.
 
-#include "provider/ResultsManager.h"
+#include "runtime/BuiltInStatusProvider.h"
 
 class AttributeGroupMeta;
 class UAClientClassList;
 
-class PerfObjectStatus : public ResultsManager {
+class PerfObjectStatus : public BuiltInStatusProvider {
  public:
   // Reports on every provider of `providers` (which must outlive it).
   PerfObjectStatus(const char* applicationName, const char* attributeGroup,
                    UAClientClassList* providers, AttributeGroupMeta* meta);
 
   void internalCollectData(const char* subnode) override;
-  const char* getPerfObjectName() override { return getAttributeGroup(); }
-  int getPerfObjectStatus() override { return PERF_OBJECT_ACTIVE; }
-  int getPerfErrorCode() override { return OBJECT_ACTIVE; }
   void printResults() override;
 
  private:

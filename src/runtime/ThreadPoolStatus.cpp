@@ -7,13 +7,14 @@
 #include "definition/AttributeMeta.h"
 #include "definition/Metric.h"
 #include "framework/api/Trace.h"
+#include "provider/GroupMetrics.h"
 #include "provider/ResultInstance.h"
 #include "provider/ResultMetric.h"
 #include "runtime/ThreadPool.h"
 
 ThreadPoolStatus::ThreadPoolStatus(const char* applicationName, const char* attributeGroup,
                                    AttributeGroupMeta* meta, ThreadPool* pool)
-    : ResultsManager(applicationName, attributeGroup, UA_STATUS), pool_(pool) {
+    : BuiltInStatusProvider(applicationName, attributeGroup), pool_(pool) {
   XRV_TRACE_FN();
   setAttributeGroupMeta(meta);
   addMetricsFromGroup(this, meta);

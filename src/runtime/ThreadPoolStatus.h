@@ -6,22 +6,18 @@
 // ("Thread_Pool_Size", "Thread_Pool_Active_Threads", "Thread_Pool_Avg_Job_Wait", ...).
 // Averages are reported × 100; attributes of other names report 0.
 
-#include "provider/GroupMetrics.h"
-#include "provider/ResultsManager.h"
+#include "runtime/BuiltInStatusProvider.h"
 
 class AttributeGroupMeta;
 class ThreadPool;
 
-class ThreadPoolStatus : public ResultsManager {
+class ThreadPoolStatus : public BuiltInStatusProvider {
  public:
   // `pool` may be null (no pool configured): the row then reports an empty pool.
   ThreadPoolStatus(const char* applicationName, const char* attributeGroup,
                    AttributeGroupMeta* meta, ThreadPool* pool);
 
   void internalCollectData(const char* subnode) override;
-  const char* getPerfObjectName() override { return getAttributeGroup(); }
-  int getPerfObjectStatus() override { return PERF_OBJECT_ACTIVE; }
-  int getPerfErrorCode() override { return OBJECT_ACTIVE; }
   void printResults() override;
 
  private:
