@@ -184,6 +184,11 @@ void BM_ProviderCycle(benchmark::State& state) {
       static_cast<double>(packingAllocations) / static_cast<double>(sends == 0 ? 1 : sends);
 }
 
-BENCHMARK(BM_ProviderCycle)->Arg(10000)->Arg(20000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ProviderCycle)
+    ->Arg(5000)
+    ->Arg(10000)
+    ->Arg(20000)
+    ->Arg(40000)
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace

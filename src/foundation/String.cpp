@@ -17,8 +17,6 @@ constexpr size_t kMinimumCapacity = 15;
 
 }  // namespace
 
-char String::emptyText_[1] = {'\0'};
-
 String::String(const char* text) {
   if (text != nullptr) {
     assign(text, strlen(text));
@@ -33,11 +31,19 @@ String::String(const char* text, size_t length) {
 
 String::String(const String& other) { assign(other.buffer_, other.length_); }
 
-String::String(String&& other) noexcept
-    : buffer_(other.buffer_), length_(other.length_), capacity_(other.capacity_) {
-  other.buffer_ = emptyText_;
-  other.length_ = 0;
-  other.capacity_ = 0;
+String::String(String&& other) noexcept { takeFrom(other); }
+
+void String::takeFrom(String& other) noexcept {
+  if (other.ownsBuffer()) {
+    buffer_ = other.buffer_;
+    capacity_ = other.capacity_;
+  } else {
+    buffer_ = inline_;
+    capacity_ = kInlineCapacity;
+    memcpy(inline_, other.inline_, other.length_ + 1);
+  }
+  length_ = other.length_;
+  other.resetInline();
 }
 
 String& String::operator=(const String& other) {
@@ -52,12 +58,7 @@ String& String::operator=(String&& other) noexcept {
     if (ownsBuffer()) {
       free(buffer_);
     }
-    buffer_ = other.buffer_;
-    length_ = other.length_;
-    capacity_ = other.capacity_;
-    other.buffer_ = emptyText_;
-    other.length_ = 0;
-    other.capacity_ = 0;
+    takeFrom(other);
   }
   return *this;
 }
@@ -88,7 +89,7 @@ bool String::grow(size_t needed) {
     return false;
   }
   if (!ownsBuffer()) {
-    buffer[0] = '\0';
+    memcpy(buffer, inline_, length_ + 1);
   }
   buffer_ = buffer;
   capacity_ = capacity;
@@ -98,9 +99,6 @@ bool String::grow(size_t needed) {
 bool String::reserve(size_t capacity) { return capacity <= capacity_ || grow(capacity); }
 
 void String::setLength(size_t length) {
-  if (!ownsBuffer()) {
-    return;
-  }
   length_ = length > capacity_ ? capacity_ : length;
   buffer_[length_] = '\0';
 }
@@ -116,7 +114,7 @@ bool String::append(const char* text, size_t length) {
       return false;
     }
     // The text may be a part of this very object, which growing moves.
-    bool inside = ownsBuffer() && text >= buffer_ && text <= buffer_ + capacity_;
+    bool inside = text >= buffer_ && text <= buffer_ + capacity_;
     size_t offset = inside ? static_cast<size_t>(text - buffer_) : 0;
     if (!grow(length_ + length)) {
       return false;
@@ -145,18 +143,16 @@ bool String::appendFormat(const char* format, ...) {
   if (format == nullptr) {
     return true;
   }
-  size_t room = ownsBuffer() ? capacity_ - length_ + 1 : 0;
+  size_t room = capacity_ - length_ + 1;
   va_list args;
   va_start(args, format);
   va_list again;
   va_copy(again, args);
-  int printed = vsnprintf(room == 0 ? nullptr : buffer_ + length_, room, format, args);
+  int printed = vsnprintf(buffer_ + length_, room, format, args);
   va_end(args);
   if (printed < 0) {
     va_end(again);
-    if (ownsBuffer()) {
-      buffer_[length_] = '\0';
-    }
+    buffer_[length_] = '\0';
     XRV_TRACE_ERROR("Unprintable format %s", format);
     return false;
   }
@@ -168,9 +164,7 @@ bool String::appendFormat(const char* format, ...) {
   }
   if (!grow(length_ + added)) {
     va_end(again);
-    if (ownsBuffer()) {
-      buffer_[length_] = '\0';
-    }
+    buffer_[length_] = '\0';
     return false;
   }
   vsnprintf(buffer_ + length_, capacity_ - length_ + 1, format, again);
@@ -204,25 +198,21 @@ bool String::assign(const char* text, size_t length) {
 
 void String::clear() {
   length_ = 0;
-  if (ownsBuffer()) {
-    buffer_[0] = '\0';
-  }
+  buffer_[0] = '\0';
 }
 
 char* String::release() {
   XRV_TRACE_FN();
   char* result = buffer_;
   if (!ownsBuffer()) {
-    result = static_cast<char*>(malloc(1));
+    result = static_cast<char*>(malloc(length_ + 1));
     if (result == nullptr) {
-      XRV_TRACE_ERROR("Unable to allocate an empty text");
+      XRV_TRACE_ERROR("Unable to allocate %zu bytes for a text", length_ + 1);
       return nullptr;
     }
-    result[0] = '\0';
+    memcpy(result, inline_, length_ + 1);
   }
-  buffer_ = emptyText_;
-  length_ = 0;
-  capacity_ = 0;
+  resetInline();
   return result;
 }
 

@@ -2,10 +2,11 @@
 
 // XRV::String: the agent's growable text.
 //
-// The object owns one malloc'd buffer that grows geometrically and always ends in a
-// NUL, so c_str() can be handed to C interfaces as it is. An empty object that has
-// never grown holds no buffer: c_str() and data() then point at a shared, read-only
-// empty text (capacity() is 0, so there is nothing to write into).
+// A text of up to kInlineCapacity bytes lives inside the object; a longer one in a
+// malloc'd buffer that grows geometrically. Rows hold many short texts (keys, states,
+// names), so most values never allocate. Either way the text ends in a NUL, so c_str()
+// can be handed to C interfaces as it is. Moving an object moves an inline text with
+// it: pointers from c_str() and data() do not survive a move.
 //
 // Bytes are copied verbatim; a text given with an explicit length may hold NULs, and
 // length() counts them, but c_str() readers stop at the first.
@@ -34,7 +35,10 @@ class String {
   String& operator=(String&& other) noexcept;
   ~String();
 
-  // Never null; valid until the next change of this object.
+  // Bytes a text can have without a buffer of its own.
+  static constexpr size_t kInlineCapacity = 15;
+
+  // Never null; valid until the next change (or move) of this object.
   const char* c_str() const { return buffer_; }
   // The buffer, for writing up to capacity() bytes followed by setLength(). Never null.
   char* data() { return buffer_; }
@@ -65,9 +69,10 @@ class String {
 
   // Length 0; the buffer and its capacity stay for reuse.
   void clear();
-  // Hands the buffer (NUL-terminated, length() bytes of text) to the caller, who frees
-  // it with free(); the object is left empty, without a buffer. An object that never
-  // grew returns a fresh malloc'd "". Null only when that allocation fails.
+  // Hands the text (NUL-terminated, length() bytes) to the caller in a malloc'd block,
+  // which the caller frees with free(); the object is left empty. An inline text is
+  // copied into a fresh block. Null only when that allocation fails (the object then
+  // keeps its text).
   char* release();
 
   bool operator==(const String& other) const;
@@ -76,13 +81,21 @@ class String {
 
  private:
   bool grow(size_t needed);
-  bool ownsBuffer() const { return capacity_ != 0; }
+  bool ownsBuffer() const { return buffer_ != inline_; }
+  // Back to the empty inline text, forgetting (not freeing) any buffer.
+  void resetInline() {
+    buffer_ = inline_;
+    length_ = 0;
+    capacity_ = kInlineCapacity;
+    inline_[0] = '\0';
+  }
+  // Takes `other`'s text, leaving it empty; this object holds no buffer of its own.
+  void takeFrom(String& other) noexcept;
 
-  static char emptyText_[1];
-
-  char* buffer_ = emptyText_;
+  char* buffer_ = inline_;
   size_t length_ = 0;
-  size_t capacity_ = 0;  // 0: buffer_ is emptyText_
+  size_t capacity_ = kInlineCapacity;
+  char inline_[kInlineCapacity + 1] = {};
 };
 
 }  // namespace XRV

@@ -56,8 +56,8 @@ class UTF8String {
   // True when the bytes are well-formed UTF-8.
   bool isValid() const;
 
-  // Text values are made for every row of every collection: their objects are kept
-  // for reuse (their byte buffers are not).
+  // Text values are made for every row of every collection: their objects come from
+  // a pool, and short texts need no buffer of their own (see XRV::String).
   static void* operator new(size_t size) { return ObjectPool<UTF8String>::allocate(size); }
   static void* operator new(size_t size, const std::nothrow_t&) noexcept {
     return ObjectPool<UTF8String>::allocateOrNull(size);

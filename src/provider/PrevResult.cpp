@@ -11,35 +11,37 @@ PrevResult::PrevResult(const ResultMetric& current, time_t now) : time_(now) {
   if (current.getMetric() != nullptr) {
     name_ = current.getMetricName();
   } else {
-    ownedName_ = current.getMetricName() == nullptr ? nullptr : strdup(current.getMetricName());
-    name_ = ownedName_;
+    name_ = current.getMetricName() == nullptr ? nullptr : strdup(current.getMetricName());
+    ownsName_ = name_ != nullptr;
   }
   setValue(current);
 }
 
-PrevResult::~PrevResult() { free(ownedName_); }
+PrevResult::~PrevResult() {
+  if (ownsName_) {
+    free(const_cast<char*>(name_));
+  }
+}
 
 PrevResult::PrevResult(PrevResult&& other) noexcept
     : name_(other.name_),
-      ownedName_(std::exchange(other.ownedName_, nullptr)),
-      kind_(other.kind_),
-      i64_(other.i64_),
-      u64_(other.u64_),
-      d_(other.d_),
+      number_(other.number_),
+      time_(other.time_),
       text_(std::move(other.text_)),
-      time_(other.time_) {}
+      kind_(other.kind_),
+      ownsName_(std::exchange(other.ownsName_, false)) {}
 
 PrevResult& PrevResult::operator=(PrevResult&& other) noexcept {
   if (this != &other) {
-    free(ownedName_);
+    if (ownsName_) {
+      free(const_cast<char*>(name_));
+    }
     name_ = other.name_;
-    ownedName_ = std::exchange(other.ownedName_, nullptr);
-    kind_ = other.kind_;
-    i64_ = other.i64_;
-    u64_ = other.u64_;
-    d_ = other.d_;
-    text_ = std::move(other.text_);
+    ownsName_ = std::exchange(other.ownsName_, false);
+    number_ = other.number_;
     time_ = other.time_;
+    text_ = std::move(other.text_);
+    kind_ = other.kind_;
   }
   return *this;
 }
@@ -49,18 +51,22 @@ void PrevResult::setValue(const ResultMetric& current) {
   switch (kind_) {
     case RESULT_INT32:
     case RESULT_INT64:
-      i64_ = current.getIntValue64();
+      number_.i64 = current.getIntValue64();
       break;
     case RESULT_UINT64:
-      u64_ = current.getUInt64();
+      number_.u64 = current.getUInt64();
       break;
     case RESULT_DOUBLE:
-      d_ = current.getDouble();
+      number_.d = current.getDouble();
       break;
     case RESULT_STRING:
     case RESULT_UTF8: {
+      number_.i64 = 0;
       const char* bytes = current.getTextBytes();
-      if (!text_.assign(bytes == nullptr ? "" : bytes)) {
+      if (text_ == nullptr) {
+        text_.reset(new (std::nothrow) XRV::String());
+      }
+      if (text_ == nullptr || !text_->assign(bytes == nullptr ? "" : bytes)) {
         XRV_TRACE_SITE();
         XRV_TRACE_ERROR("Unable to keep the previous value of metric %s",
                         name_ == nullptr ? "" : name_);

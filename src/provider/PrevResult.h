@@ -10,6 +10,7 @@
 // every collection.
 
 #include <ctime>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -30,25 +31,28 @@ class PrevResult {
   void setValue(const ResultMetric& current);
   RESULT_VALUE_KIND getKind() const { return kind_; }
   bool isText() const { return kind_ == RESULT_STRING || kind_ == RESULT_UTF8; }
-  // The stored number (RESULT_INT32 and RESULT_INT64 as 64-bit).
-  long long getInt64() const { return i64_; }
-  unsigned long long getUInt64() const { return u64_; }
-  double getDouble() const { return d_; }
+  // The stored number (RESULT_INT32 and RESULT_INT64 as 64-bit), read as the kind says.
+  long long getInt64() const { return number_.i64; }
+  unsigned long long getUInt64() const { return number_.u64; }
+  double getDouble() const { return number_.d; }
   // The stored text's bytes ("" for numbers).
-  const char* getText() const { return isText() ? text_.c_str() : ""; }
+  const char* getText() const { return isText() && text_ != nullptr ? text_->c_str() : ""; }
   time_t getTime() const { return time_; }
   void setTime(time_t time) { time_ = time; }
   const char* getMetricName() const { return name_; }
 
  private:
-  const char* name_;           // the Metric's name, or ownedName_
-  char* ownedName_ = nullptr;  // for values that no Metric describes
-  RESULT_VALUE_KIND kind_ = RESULT_INT64;
-  long long i64_ = 0;
-  unsigned long long u64_ = 0;
-  double d_ = 0.0;
-  XRV::String text_;
+  // Kept small: a provider holds one of these per rate or delta attribute of every row.
+  const char* name_;  // the Metric's name, or a copy of a name no Metric has
+  union {
+    long long i64;
+    unsigned long long u64;
+    double d;
+  } number_ = {0};
   time_t time_;
+  std::unique_ptr<XRV::String> text_;  // made for the first text value only
+  RESULT_VALUE_KIND kind_ = RESULT_INT64;
+  bool ownsName_ = false;  // name_ is a copy, freed with this value
 };
 
 class PrevResultInstance {
@@ -64,6 +68,8 @@ class PrevResultInstance {
   // Stores `current` taken at `now` as a new previous value and returns it.
   PrevResult* add(const ResultMetric& current, time_t now);
   int getCount() const { return static_cast<int>(results_.size()); }
+  // Makes room for `count` previous values (more may still be added).
+  void reserve(size_t count) { results_.reserve(count); }
 
   // The collection that last saw this row (the provider's bookkeeping).
   unsigned getGeneration() const { return generation_; }

@@ -123,6 +123,12 @@ PrevResultInstance* ResultsManager::findOrAddPrevResultInstance(const char* name
     XRV_TRACE_SITE();
     XRV_TRACE_DETAIL("This instance of %s is new.", name);
     instance = new PrevResultInstance(name);
+    // Room for exactly the values a row of this group keeps, in one block.
+    int rated = 0;
+    for (int i = 0; i < getMetricCount(); ++i) {
+      rated += isRateOrDeltaType(getMetric(i)->getRawMetricType()) ? 1 : 0;
+    }
+    instance->reserve(static_cast<size_t>(rated));
     previous_.put(instance->getName(), instance);
   }
   return instance;
@@ -131,6 +137,7 @@ PrevResultInstance* ResultsManager::findOrAddPrevResultInstance(const char* name
 void ResultsManager::processRatesDeltas() {
   XRV_TRACE_FN();
   const unsigned generation = ++previousGeneration_;
+  const time_t now = fwTime();
   std::vector<PrevResultInstance*> order;
   int seen = 0;
   {
@@ -151,7 +158,7 @@ void ResultsManager::processRatesDeltas() {
       for (ResultMetric* value = row->getFirstMetric(); value != nullptr;
            value = static_cast<ResultMetric*>(value->getNextElement())) {
         if (isRateOrDeltaType(value->getRawMetricType())) {
-          computeRateDelta(getPrevResult(value, instance), value);
+          computeRateDelta(getPrevResult(value, instance), value, now);
         }
       }
     }
@@ -196,10 +203,13 @@ void ResultsManager::dropStalePrevResults(int seen) {
 }
 
 void ResultsManager::computeRateDelta(PrevResult* previous, ResultMetric* current) {
+  computeRateDelta(previous, current, fwTime());
+}
+
+void ResultsManager::computeRateDelta(PrevResult* previous, ResultMetric* current, time_t now) {
   XRV_TRACE_SITE();
   const RAW_METRIC_TYPE type = current->getRawMetricType();
   const char* name = current->getMetricName() == nullptr ? "" : current->getMetricName();
-  time_t now = fwTime();
 
   if (current->isString() || current->isUTF8String()) {
     std::string before = previous->getText();

@@ -9,10 +9,6 @@
 
 namespace {
 
-// The name buffer grows by at least this much, so that a row of a few short keys
-// costs one allocation.
-constexpr size_t kNameGrowth = 64;
-
 constexpr size_t kTimestampLength = 16;
 
 void linkAtTail(ResultMetric*& first, ResultMetric*& last, ResultMetric* metric) {
@@ -68,38 +64,26 @@ ResultInstance::~ResultInstance() {
   XRV_TRACE_FN();
   deleteChain(firstMetric_);
   deleteChain(firstDerived_);
-  free(name_);
 }
 
 bool ResultInstance::appendToName(const char* text, size_t length) {
   bool separator = keyCount_ > 0;
-  size_t needed = nameLength_ + (separator ? 1 : 0) + length + 1;
-  if (needed > nameCapacity_) {
-    // Growing by the value's length + 2 always covers the "|" and the NUL: a buffer
-    // that exists already holds the NUL of the current name.
-    size_t growth = length + 2 > kNameGrowth ? length + 2 : kNameGrowth;
-    char* grown = static_cast<char*>(realloc(name_, nameCapacity_ + growth));
-    if (grown == nullptr) {
-      XRV_TRACE_SITE();
-      XRV_TRACE_ERROR("Unable to reallocate %s", name_ == nullptr ? "" : name_);
-      return false;
-    }
-    name_ = grown;
-    nameCapacity_ += growth;
+  if (!name_.reserve(name_.length() + (separator ? 1 : 0) + length)) {
+    XRV_TRACE_SITE();
+    XRV_TRACE_ERROR("Unable to reallocate %s", name_.c_str());
+    return false;
   }
   if (separator) {
-    name_[nameLength_++] = '|';
+    name_.append('|');
   }
-  memcpy(name_ + nameLength_, text, length);
-  nameLength_ += length;
-  name_[nameLength_] = '\0';
+  name_.append(text, length);
   return true;
 }
 
 void ResultInstance::addMetric(ResultMetric* metric) {
   if (metric == nullptr) [[unlikely]] {
     XRV_TRACE_SITE();
-    XRV_TRACE_ERROR("No metric to add to instance %s", name_ == nullptr ? "" : name_);
+    XRV_TRACE_ERROR("No metric to add to instance %s", name_.c_str());
     return;
   }
   linkAtTail(firstMetric_, lastMetric_, metric);
@@ -182,9 +166,7 @@ void ResultInstance::setTimestamp(const char* timestamp) {
 ResultInstance* ResultInstance::getDeepCopy() const {
   XRV_TRACE_FN();
   auto* copy = new ResultInstance(nullptr, expectedMetricCount_);
-  if (name_ != nullptr) {
-    copy->appendToName(name_, nameLength_);
-  }
+  copy->name_ = name_;
   copy->named_ = named_;
   copy->keyCount_ = keyCount_;
   copy->metricCount_ = copyChain(firstMetric_, copy->firstMetric_, copy->lastMetric_);

@@ -11,6 +11,7 @@
 
 #include "foundation/List.h"
 #include "foundation/ObjectPool.h"
+#include "foundation/String.h"
 
 class ResultMetric;
 
@@ -32,7 +33,7 @@ class ResultInstance : public ListElement {
   }
 
   // The row's name, or null when it has none.
-  const char* getInstanceName() const { return nameLength_ == 0 && !named_ ? nullptr : name_; }
+  const char* getInstanceName() const { return name_.empty() && !named_ ? nullptr : name_.c_str(); }
 
   // Appends `metric` (the row owns it); a key metric's value extends the name: the
   // first key as it is, every further one after a "|".
@@ -71,9 +72,7 @@ class ResultInstance : public ListElement {
   // False, with the name unchanged, when the buffer cannot grow.
   bool appendToName(const char* text, size_t length);
 
-  char* name_ = nullptr;
-  size_t nameLength_ = 0;
-  size_t nameCapacity_ = 0;
+  XRV::String name_;    // short names stay inside the row
   bool named_ = false;  // a name was given (possibly "")
   int keyCount_ = 0;
   ResultMetric* firstMetric_ = nullptr;

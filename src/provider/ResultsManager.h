@@ -164,6 +164,8 @@ class ResultsManager : public UAClientClass {
   // --- Deltas, rates and derived attributes ---
   void processRatesDeltas() XRV_EXCLUDES(resultsLock_, newResultsLock_);
   void computeRateDelta(PrevResult* previous, ResultMetric* current);
+  // The same with the sample's time given: one sample reads the clock once.
+  void computeRateDelta(PrevResult* previous, ResultMetric* current, time_t now);
   PrevResultInstance* getPrevResultInstance(const char* name);
   PrevResult* getPrevResult(ResultMetric* metric, PrevResultInstance* instance);
   // Derived values of the new rows, or of the active rows when the new list is empty.

@@ -119,7 +119,7 @@ TEST(String, ClearKeepsBufferAndReleaseHandsItOver) {
   EXPECT_EQ(released, buffer);
   EXPECT_STREQ(released, "again");
   free(released);
-  EXPECT_EQ(s.capacity(), 0u);
+  EXPECT_EQ(s.capacity(), String::kInlineCapacity);
   EXPECT_STREQ(s.c_str(), "");
 
   String never;
@@ -127,6 +127,31 @@ TEST(String, ClearKeepsBufferAndReleaseHandsItOver) {
   ASSERT_NE(empty, nullptr);
   EXPECT_STREQ(empty, "");
   free(empty);
+
+  // A short text lives in the object: release hands over a copy the caller may free.
+  String shortText("short");
+  char* copy = shortText.release();
+  ASSERT_NE(copy, nullptr);
+  EXPECT_NE(copy, shortText.c_str());
+  EXPECT_STREQ(copy, "short");
+  EXPECT_TRUE(shortText.empty());
+  free(copy);
+}
+
+TEST(String, ShortTextsStayInsideUntilTheyOutgrowIt) {
+  String s;
+  EXPECT_EQ(s.capacity(), String::kInlineCapacity) << "room without any allocation";
+  const std::string fits(String::kInlineCapacity, 'x');
+  ASSERT_TRUE(s.assign(fits.c_str()));
+  EXPECT_EQ(bytesOf(s), fits);
+  EXPECT_EQ(s.capacity(), String::kInlineCapacity);
+  // Growing out of the object keeps the text, also when the appended bytes are the
+  // object's own.
+  ASSERT_TRUE(s.append(s.c_str() + 10, 5));
+  EXPECT_EQ(bytesOf(s), fits + "xxxxx");
+  EXPECT_GT(s.capacity(), String::kInlineCapacity);
+  ASSERT_TRUE(s.appendFormat("%s|%d", "n", 7));
+  EXPECT_EQ(bytesOf(s), fits + "xxxxxn|7");
 }
 
 TEST(String, CopiesAndMovesAreIndependent) {
@@ -142,17 +167,27 @@ TEST(String, CopiesAndMovesAreIndependent) {
   assigned = same;
   EXPECT_EQ(assigned, "original+copy");
 
-  const char* buffer = copy.c_str();
-  String moved(std::move(copy));
-  EXPECT_EQ(moved.c_str(), buffer);
-  EXPECT_TRUE(copy.empty()) << "a moved-from text is empty and usable";
-  ASSERT_TRUE(copy.append("reusable"));
-  EXPECT_EQ(copy, "reusable");
+  // Moves take a buffer over without copying it, and carry short texts along.
+  for (const char* text : {"short", "a text well beyond the inline room"}) {
+    SCOPED_TRACE(text);
+    String source(text);
+    const bool ownBuffer = source.capacity() > String::kInlineCapacity;
+    const char* buffer = source.c_str();
+    String moved(std::move(source));
+    EXPECT_EQ(moved, text);
+    EXPECT_EQ(moved.c_str() == buffer, ownBuffer);
+    EXPECT_TRUE(source.empty()) << "a moved-from text is empty and usable";
+    ASSERT_TRUE(source.append("reusable"));
+    EXPECT_EQ(source, "reusable");
 
-  String target("old content");
-  target = std::move(moved);
-  EXPECT_EQ(target.c_str(), buffer);
-  EXPECT_EQ(target, "original+copy");
+    for (const char* old : {"old", "old content that has a buffer of its own"}) {
+      String target(old);
+      target = std::move(moved);
+      EXPECT_EQ(target, text);
+      EXPECT_EQ(target.c_str() == buffer, ownBuffer);
+      moved = std::move(target);
+    }
+  }
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "sources/command/CommandWithTimeout.h"
 
+#include <poll.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -33,11 +34,13 @@ constexpr size_t kSmallRead = 4096;
 // A reader waiting in read() is woken by every write into the pipe, and the script
 // pays for each wake-up: a shell loop echoing 1,000 lines costs a third more than
 // the same loop writing to /dev/null. After a short read the reader steps aside for
-// 0.2 ms, so the lines gather in the pipe (64 KB) and are taken in one read; the
-// script's end is seen at most that much later.
-void pauseBeforeNextRead() {
-  struct timespec pause = {0, 200 * 1000};
-  nanosleep(&pause, nullptr);
+// up to 0.2 ms, so the lines gather in the pipe (64 KB) and are taken in one read.
+// Waiting for no event at all still ends at once when the last writer closes the
+// pipe (hang-up), so the script's end is seen without delay.
+void pauseBeforeNextRead(int fd) {
+  struct pollfd watch = {fd, 0, 0};
+  const struct timespec pause = {0, 200 * 1000};
+  ppoll(&watch, 1, &pause, nullptr);
 }
 
 // pthread_mutex_lock with its result, so that a failed lock can be reported.
@@ -500,7 +503,7 @@ void CommandWithTimeout::readStream(_StreamType stream) {
         }
         buffer = grown;
       } else if (static_cast<size_t>(n) < kSmallRead) {
-        pauseBeforeNextRead();
+        pauseBeforeNextRead(fd);
       }
       continue;
     }
