@@ -262,6 +262,16 @@ void UAClientClass::shutdownExternalProcesses() {
   // The base starts no processes; data sources that do override this.
 }
 
+void UAClientClass::setGenericAgentInUse(bool inUse) {
+  if (inUse) {
+    genericAgentInUse_.fetch_add(1);
+    return;
+  }
+  int held = genericAgentInUse_.load();
+  while (held > 0 && !genericAgentInUse_.compare_exchange_weak(held, held - 1)) {
+  }
+}
+
 void UAClientClass::setPureEventBased(bool pure) {
   XRV_TRACE_FN();
   pureEventBased_.store(pure);

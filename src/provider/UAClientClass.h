@@ -145,8 +145,10 @@ class UAClientClass : public ListElement {
   void setOnlyForcedCollections(bool only) { onlyForcedCollections_ = only; }
   bool isOnQueue() const { return onQueue_.load(); }
   void setOnQueue(bool onQueue) { onQueue_.store(onQueue); }
-  bool genericAgentInUse() const { return genericAgentInUse_.load(); }
-  void setGenericAgentInUse(bool inUse) { genericAgentInUse_.store(inUse); }
+  // Requests that hold this provider: true marks one more, false ends one (never
+  // below none), so that two requests on one subnode do not clear each other's mark.
+  bool genericAgentInUse() const { return genericAgentInUse_.load() > 0; }
+  void setGenericAgentInUse(bool inUse);
   void countSkippedInterval() { ++skippedIntervals_; }
   int64_t getSkippedIntervals() const { return skippedIntervals_.load(); }
   bool isZombie() const { return zombie_.load(); }
@@ -212,7 +214,7 @@ class UAClientClass : public ListElement {
   HashMap outstandingRequests_;  // guarded by requestLock_ (owned keys and filter lists)
   LockObject requestLock_;
   std::atomic<bool> onQueue_{false};
-  std::atomic<bool> genericAgentInUse_{false};
+  std::atomic<int> genericAgentInUse_{0};
   std::atomic<int64_t> skippedIntervals_{0};
   std::atomic<int> refreshInterval_{0};
   std::atomic<time_t> nextRefresh_{0};

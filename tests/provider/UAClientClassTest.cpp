@@ -397,6 +397,21 @@ TEST(UAClientClassTest, CollectionStatistics) {
   EXPECT_DOUBLE_EQ(stats.averageDurationMillis, 225.0);
 }
 
+TEST(UAClientClassTest, EveryRequestHoldsItsOwnInUseMark) {
+  TestProvider provider("XRV", "Disk", UA_SCRIPT);
+  provider.setGenericAgentInUse(false);  // a release without a hold changes nothing
+  EXPECT_FALSE(provider.genericAgentInUse());
+  provider.setGenericAgentInUse(true);
+  provider.setGenericAgentInUse(true);
+  provider.setGenericAgentInUse(false);
+  EXPECT_TRUE(provider.genericAgentInUse()) << "the second request still holds it";
+  provider.setGenericAgentInUse(false);
+  EXPECT_FALSE(provider.genericAgentInUse());
+  provider.setGenericAgentInUse(false);
+  provider.setGenericAgentInUse(true);
+  EXPECT_TRUE(provider.genericAgentInUse());
+}
+
 TEST(UAClientClassListTest, ProvidersAreChainedInOrderAndFoundByGroup) {
   UAClientClassList list;
   auto* first = new TestProvider("XRV", "Disk", UA_SCRIPT);
