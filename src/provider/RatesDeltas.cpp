@@ -111,7 +111,8 @@ void ResultsManager::clearPrevResultList() {
   previousOrder_.clear();
 }
 
-PrevResultInstance* ResultsManager::findOrAddPrevResultInstance(const char* name, size_t position) {
+PrevResultInstance* ResultsManager::findOrAddPrevResultInstance(const char* name, size_t position,
+                                                                int rated) {
   if (position < previousOrder_.size()) {
     PrevResultInstance* candidate = previousOrder_[position];
     if (strcmp(candidate->getName(), name) == 0) {
@@ -124,10 +125,6 @@ PrevResultInstance* ResultsManager::findOrAddPrevResultInstance(const char* name
     XRV_TRACE_DETAIL("This instance of %s is new.", name);
     instance = new PrevResultInstance(name);
     // Room for exactly the values a row of this group keeps, in one block.
-    int rated = 0;
-    for (int i = 0; i < getMetricCount(); ++i) {
-      rated += isRateOrDeltaType(getMetric(i)->getRawMetricType()) ? 1 : 0;
-    }
     instance->reserve(static_cast<size_t>(rated));
     previous_.put(instance->getName(), instance);
   }
@@ -138,6 +135,7 @@ void ResultsManager::processRatesDeltas() {
   XRV_TRACE_FN();
   const unsigned generation = ++previousGeneration_;
   const time_t now = fwTime();
+  const int rated = countRateOrDeltaMetrics();
   std::vector<PrevResultInstance*> order;
   int seen = 0;
   {
@@ -149,7 +147,7 @@ void ResultsManager::processRatesDeltas() {
         XRV_TRACE_DETAIL("WARNING: Skipping ResultInstance with name == NULL");
         continue;
       }
-      PrevResultInstance* instance = findOrAddPrevResultInstance(name, order.size());
+      PrevResultInstance* instance = findOrAddPrevResultInstance(name, order.size(), rated);
       if (instance->getGeneration() != generation) {
         instance->setGeneration(generation);
         ++seen;

@@ -273,7 +273,8 @@ class ResultsManager : public UAClientClass {
   bool hasIntervalBasedDerived() const;
   // Forgets the expression language's interval data (takes the derived lock).
   void purgeDerivedState();
-  PrevResultInstance* findOrAddPrevResultInstance(const char* name, size_t position);
+  // A new entry gets room for `rated` previous values.
+  PrevResultInstance* findOrAddPrevResultInstance(const char* name, size_t position, int rated);
   // Deletes the previous values of rows that were not seen in this collection.
   void dropStalePrevResults(int seen);
   // The name index of the active rows, kept only when rows are replaced by key.

@@ -344,12 +344,15 @@ Metric* UAClientClass::getMetricObject(const char* name) const {
 
 bool UAClientClass::doesMetricListContainRatesOrDeltas() const {
   XRV_TRACE_FN();
+  return countRateOrDeltaMetrics() > 0;
+}
+
+int UAClientClass::countRateOrDeltaMetrics() const {
+  int count = 0;
   for (int i = 0; i < metrics_.getCount(); ++i) {
-    if (isRateOrDeltaType(getMetric(i)->getRawMetricType())) {
-      return true;
-    }
+    count += isRateOrDeltaType(getMetric(i)->getRawMetricType()) ? 1 : 0;
   }
-  return false;
+  return count;
 }
 
 // --- Time ---

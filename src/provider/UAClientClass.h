@@ -116,6 +116,7 @@ class UAClientClass : public ListElement {
   // The metric whose metric name is `name` (exact), or null.
   Metric* getMetricObject(const char* name) const;
   bool doesMetricListContainRatesOrDeltas() const;
+  int countRateOrDeltaMetrics() const;
 
   // --- Time ---
   virtual void updateLastTime();

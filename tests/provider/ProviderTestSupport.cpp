@@ -2,11 +2,15 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
+#include <ctime>
 
+#include "definition/AgentSettings.h"
 #include "definition/AttributeGroupMeta.h"
 #include "definition/AttributeMeta.h"
 #include "definition/DefinitionCheck.h"
+#include "framework/api/Configuration.h"
 #include "provider/NumericParser.h"
 #include "provider/ResultInstance.h"
 #include "provider/ResultMetric.h"
@@ -142,6 +146,44 @@ int DecodingRequest::acceptRow(GenericAgentBase& /*request*/, const char* row, i
   raw.emplace_back(row, static_cast<size_t>(length));
   rows.push_back(decodeRow(meta_, row));
   return 0;
+}
+
+void ProviderTest::SetUp() {
+  setenv("TZ", "UTC", 1);
+  tzset();
+}
+
+void ProviderTest::TearDown() {
+  resetDefinitionState();
+  resetConfigurationForTesting();
+}
+
+std::unique_ptr<TestQueryClass> ProviderTest::provider(const char* group,
+                                                       const std::string& attributes,
+                                                       const std::vector<TestMetric>& metrics,
+                                                       const std::vector<Metric*>& extra,
+                                                       const std::string& agAttributes) {
+  AttributeGroupMeta* meta = defineGroup(group, attributes, agAttributes);
+  auto made = std::make_unique<TestQueryClass>(group, metrics);
+  for (Metric* metric : extra) {
+    made->addMetricObject(metric);
+  }
+  made->setAttributeGroupMeta(meta);
+  made->start();
+  return made;
+}
+
+Rows ProviderTest::sample(TestQueryClass& source, const Rows& rows, const char* requestId) const {
+  source.rows = rows;
+  source.collectData(nullptr);
+  return request(source, requestId);
+}
+
+Rows ProviderTest::request(TestQueryClass& source, const char* requestId) const {
+  DecodingRequest decoding(source.getAttributeGroupMeta());
+  decoding.GetRequestDetail()->SetRequestId(requestId);
+  source.sendDataToAFW(&decoding, origin_);
+  return decoding.rows;
 }
 
 }  // namespace XRV::testing

@@ -4,6 +4,8 @@
 // metadata snippet, metrics described in one line each, rows from texts, and a
 // request that decodes the rows a provider packs.
 
+#include <gtest/gtest.h>
+
 #include <functional>
 #include <memory>
 #include <string>
@@ -12,6 +14,7 @@
 #include "definition/Metric.h"
 #include "framework/api/FwRequest.h"
 #include "provider/ResultsManager.h"
+#include "support/FrameworkDouble.h"
 
 class AttributeGroupMeta;
 class ResultInstance;
@@ -79,5 +82,33 @@ class DecodingRequest : public GenericAgentBase, public FwRowSink {
 
 // The columns of a packed row of `meta` as texts.
 std::vector<std::string> decodeRow(const AttributeGroupMeta* meta, const char* row);
+
+using Rows = std::vector<std::vector<std::string>>;
+
+// Tests that drive a TestQueryClass through collections: local time is UTC, the clock
+// is a FakeClock, and the definition and configuration are reset after each test.
+class ProviderTest : public ::testing::Test {
+ protected:
+  // `origin` is the node name packed into every row.
+  explicit ProviderTest(const char* origin) : origin_(origin) {}
+  void SetUp() override;
+  void TearDown() override;
+
+  // A provider of `metrics` and then `extra` (metrics already made; the provider owns
+  // them), bound to its group and started.
+  static std::unique_ptr<TestQueryClass> provider(const char* group, const std::string& attributes,
+                                                  const std::vector<TestMetric>& metrics,
+                                                  const std::vector<Metric*>& extra = {},
+                                                  const std::string& agAttributes = "");
+  // One collection of `rows`, then the rows packed for a request, as texts.
+  Rows sample(TestQueryClass& source, const Rows& rows, const char* requestId = nullptr) const;
+  // The rows packed for request `requestId`, as texts.
+  Rows request(TestQueryClass& source, const char* requestId) const;
+
+  FakeClock clock_{1700000000000};  // 2023-11-14 22:13:20 UTC
+
+ private:
+  const char* origin_;
+};
 
 }  // namespace XRV::testing

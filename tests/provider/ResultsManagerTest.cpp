@@ -17,43 +17,14 @@
 namespace {
 
 using XRV::testing::DecodingRequest;
-using XRV::testing::FakeClock;
 using XRV::testing::TestMetric;
 using XRV::testing::TestQueryClass;
 
-using Rows = std::vector<std::vector<std::string>>;
+using XRV::testing::Rows;
 
-class ResultsManagerTest : public ::testing::Test {
+class ResultsManagerTest : public XRV::testing::ProviderTest {
  protected:
-  void SetUp() override {
-    setenv("TZ", "UTC", 1);
-    tzset();
-  }
-  void TearDown() override {
-    resetDefinitionState();
-    resetConfigurationForTesting();
-  }
-
-  // A provider bound to its group and started.
-  std::unique_ptr<TestQueryClass> provider(const char* group, const std::string& attributes,
-                                           const std::vector<TestMetric>& metrics) {
-    AttributeGroupMeta* meta = XRV::testing::defineGroup(group, attributes);
-    auto made = std::make_unique<TestQueryClass>(group, metrics);
-    made->setAttributeGroupMeta(meta);
-    made->start();
-    return made;
-  }
-
-  // One collection of `rows`, then the packed rows as texts.
-  static Rows sample(TestQueryClass& source, const Rows& rows) {
-    source.rows = rows;
-    source.collectData(nullptr);
-    DecodingRequest request(source.getAttributeGroupMeta());
-    source.sendDataToAFW(&request, "Primary:box:XR");
-    return request.rows;
-  }
-
-  FakeClock clock_{1700000000000};  // 2023-11-14 22:13:20 UTC
+  ResultsManagerTest() : ProviderTest("Primary:box:XR") {}
 };
 
 TEST_F(ResultsManagerTest, DeltasRatesAndPreviousValuesAcrossSamples) {

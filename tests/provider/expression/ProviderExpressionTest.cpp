@@ -22,13 +22,11 @@
 
 namespace {
 
-using XRV::testing::DecodingRequest;
-using XRV::testing::FakeClock;
 using XRV::testing::TestMetric;
 using XRV::testing::TestQueryClass;
 using XRV::testing::TraceCapture;
 
-using Rows = std::vector<std::vector<std::string>>;
+using XRV::testing::Rows;
 
 struct Formula {
   const char* name;
@@ -52,45 +50,21 @@ Metric* definedMetric(const Formula& formula) {
   return metric;
 }
 
-class ProviderExpressionTest : public ::testing::Test {
+class ProviderExpressionTest : public XRV::testing::ProviderTest {
  protected:
-  void SetUp() override {
-    setenv("TZ", "UTC", 1);
-    tzset();
-  }
-  void TearDown() override {
-    resetDefinitionState();
-    resetConfigurationForTesting();
-  }
+  ProviderExpressionTest() : ProviderTest("n") {}
 
-  std::unique_ptr<TestQueryClass> provider(const char* group, const std::string& attributes,
-                                           const std::vector<TestMetric>& metrics,
-                                           const std::vector<Formula>& formulas,
-                                           const std::string& agAttributes = "") {
-    AttributeGroupMeta* meta = XRV::testing::defineGroup(group, attributes, agAttributes);
-    auto made = std::make_unique<TestQueryClass>(group, metrics);
+  // A provider of `metrics` followed by the derived attributes `formulas`.
+  static std::unique_ptr<TestQueryClass> provider(const char* group, const std::string& attributes,
+                                                  const std::vector<TestMetric>& metrics,
+                                                  const std::vector<Formula>& formulas,
+                                                  const std::string& agAttributes = "") {
+    std::vector<Metric*> derived;
     for (const Formula& formula : formulas) {
-      made->addMetricObject(definedMetric(formula));
+      derived.push_back(definedMetric(formula));
     }
-    made->setAttributeGroupMeta(meta);
-    made->start();
-    return made;
+    return ProviderTest::provider(group, attributes, metrics, derived, agAttributes);
   }
-
-  static Rows sample(TestQueryClass& source, const Rows& rows, const char* requestId = nullptr) {
-    source.rows = rows;
-    source.collectData(nullptr);
-    return request(source, requestId);
-  }
-
-  static Rows request(TestQueryClass& source, const char* requestId) {
-    DecodingRequest request(source.getAttributeGroupMeta());
-    request.GetRequestDetail()->SetRequestId(requestId);
-    source.sendDataToAFW(&request, "n");
-    return request.rows;
-  }
-
-  FakeClock clock_{1700000000000};
 };
 
 TEST_F(ProviderExpressionTest, FormulasAreComputedInListOrderOnEveryCollection) {
