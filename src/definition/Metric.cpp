@@ -68,11 +68,6 @@ const char* rawMetricTypeName(RAW_METRIC_TYPE type) {
   return "NUMERIC_DATA";
 }
 
-bool isRateOrDeltaType(RAW_METRIC_TYPE type) {
-  return (type >= DELTA_DATA && type <= PREVIOUS_NUMERIC_DATA) ||
-         (type >= DELTA_64BIT_DATA && type <= PERCENT_DELTA_64BIT_DATA);
-}
-
 Metric::Metric() = default;
 
 Metric::Metric(const char* metricName) { setMetricName(metricName); }

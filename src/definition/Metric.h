@@ -37,9 +37,14 @@ RAW_METRIC_TYPE rawMetricTypeFromName(const char* name, bool* known = nullptr);
 // The definition word of a type; "NUMERIC_DATA" for 0 and for values without one.
 const char* rawMetricTypeName(RAW_METRIC_TYPE type);
 // True for the types computed from the previous sample: 2-7 and 10-12.
-bool isRateOrDeltaType(RAW_METRIC_TYPE type);
+inline bool isRateOrDeltaType(RAW_METRIC_TYPE type) {
+  return (type >= DELTA_DATA && type <= PREVIOUS_NUMERIC_DATA) ||
+         (type >= DELTA_64BIT_DATA && type <= PERCENT_DELTA_64BIT_DATA);
+}
 
-class Metric : public ListElement {
+// Aligned so that a value referring to its Metric can keep flags in the pointer's low
+// bits (see ResultMetric).
+class alignas(32) Metric : public ListElement {
  public:
   Metric();
   explicit Metric(const char* metricName);

@@ -72,18 +72,19 @@ class ResultInstance : public ListElement {
   // False, with the name unchanged, when the buffer cannot grow.
   bool appendToName(const char* text, size_t length);
 
-  XRV::String name_;    // short names stay inside the row
-  bool named_ = false;  // a name was given (possibly "")
-  int keyCount_ = 0;
+  // Ordered so that nothing is padding: a sample holds one of these per row.
+  XRV::String name_;  // short names stay inside the row
   ResultMetric* firstMetric_ = nullptr;
   ResultMetric* lastMetric_ = nullptr;
-  int metricCount_ = 0;
-  int expectedMetricCount_;
   ResultMetric* firstDerived_ = nullptr;
   ResultMetric* lastDerived_ = nullptr;
+  int keyCount_ = 0;
+  int metricCount_ = 0;
+  int expectedMetricCount_;
   int derivedCount_ = 0;
-  char timestamp_[17] = {};
   int occurrences_ = 0;
+  char timestamp_[17] = {};
+  bool named_ = false;  // a name was given (possibly "")
   bool summary_ = false;
   bool passesFilter_ = true;
 };

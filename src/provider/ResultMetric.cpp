@@ -62,72 +62,66 @@ Integer truncateDouble(double value, Integer minimum, Integer maximum) {
 // constructor (or the caller) stores one.
 
 ResultMetric::ResultMetric(const Metric* metric, RESULT_VALUE_KIND kind)
-    : type_(NUMERIC_DATA),
-      kind_(static_cast<uint8_t>(kind)),
-      ownsNames_(false),
-      key_(false),
-      counter_(false),
-      mapped_(false) {
-  source_.metric = metric;
+    : source_(reinterpret_cast<uintptr_t>(metric) | kind) {
   value_.u64 = 0;
   if (metric == nullptr) [[unlikely]] {
     XRV_TRACE_SITE();
     XRV_TRACE_ERROR("Value built without a metric");
-    return;
   }
-  type_ = static_cast<uint8_t>(metric->getRawMetricType());
-  key_ = metric->getIsKey();
-  counter_ = metric->isCounter();
 }
 
 ResultMetric::ResultMetric(const char* name, const char* displayName, RAW_METRIC_TYPE type,
-                           RESULT_VALUE_KIND kind)
-    : type_(static_cast<uint8_t>(type)),
-      kind_(static_cast<uint8_t>(kind)),
-      ownsNames_(true),
-      key_(false),
-      counter_(false),
-      mapped_(false) {
-  source_.names = nullptr;
+                           RESULT_VALUE_KIND kind, bool key, bool counter)
+    : source_(kOwnsNames | kind) {
   value_.u64 = 0;
+  makeOwnNames(name, displayName, type, key, counter);
+}
+
+void ResultMetric::makeOwnNames(const char* name, const char* displayName, RAW_METRIC_TYPE type,
+                                bool key, bool counter) {
   size_t nameLength = name == nullptr ? 0 : strlen(name) + 1;
   size_t displayLength = displayName == nullptr ? 0 : strlen(displayName) + 1;
-  if (nameLength + displayLength == 0) {
-    return;
-  }
-  char* block = static_cast<char*>(malloc(2 + nameLength + displayLength));
+  size_t size = kNamesStart + nameLength + displayLength;
+  size = (size + kSourceAlignment - 1) / kSourceAlignment * kSourceAlignment;
+  char* block = static_cast<char*>(aligned_alloc(kSourceAlignment, size));
   if (block == nullptr) [[unlikely]] {
     XRV_TRACE_SITE();
     XRV_TRACE_ERROR("Unable to copy the names of metric %s", name == nullptr ? "" : name);
     return;
   }
-  block[0] = name != nullptr ? 1 : 0;
-  block[1] = displayName != nullptr ? 1 : 0;
+  block[kHasName] = name != nullptr ? 1 : 0;
+  block[kHasDisplayName] = displayName != nullptr ? 1 : 0;
+  block[kOwnType] = static_cast<char>(type);
+  block[kOwnFlags] = static_cast<char>((key ? kOwnKey : 0) | (counter ? kOwnCounter : 0));
   if (name != nullptr) {
-    memcpy(block + 2, name, nameLength);
+    memcpy(block + kNamesStart, name, nameLength);
   }
   if (displayName != nullptr) {
-    memcpy(block + 2 + nameLength, displayName, displayLength);
+    memcpy(block + kNamesStart + nameLength, displayName, displayLength);
   }
-  source_.names = block;
+  source_ = reinterpret_cast<uintptr_t>(block) | (source_ & kTagMask) | kOwnsNames;
 }
 
 const char* ResultMetric::getMetricName() const {
-  if (!ownsNames_) {
-    return source_.metric == nullptr ? nullptr : source_.metric->getMetricName();
+  if (!ownsNames()) {
+    const Metric* metric = getMetric();
+    return metric == nullptr ? nullptr : metric->getMetricName();
   }
-  return source_.names != nullptr && source_.names[0] != 0 ? source_.names + 2 : nullptr;
+  const char* names = ownNames();
+  return names != nullptr && names[kHasName] != 0 ? names + kNamesStart : nullptr;
 }
 
 const char* ResultMetric::getSurfMetricName() const {
-  if (!ownsNames_) {
-    return source_.metric == nullptr ? nullptr : source_.metric->getSurfMetricName();
+  if (!ownsNames()) {
+    const Metric* metric = getMetric();
+    return metric == nullptr ? nullptr : metric->getSurfMetricName();
   }
-  if (source_.names == nullptr || source_.names[1] == 0) {
+  const char* names = ownNames();
+  if (names == nullptr || names[kHasDisplayName] == 0) {
     return nullptr;
   }
-  const char* after = source_.names + 2;
-  return source_.names[0] != 0 ? after + strlen(after) + 1 : after;
+  const char* after = names + kNamesStart;
+  return names[kHasName] != 0 ? after + strlen(after) + 1 : after;
 }
 
 ResultMetric::ResultMetric(const Metric* metric, int value) : ResultMetric(metric, RESULT_INT32) {
@@ -175,35 +169,35 @@ ResultMetric::ResultMetric(const char* name, const char* displayName, RAW_METRIC
 
 ResultMetric::~ResultMetric() {
   releaseValue();
-  if (ownsNames_) {
-    free(source_.names);
+  if (ownsNames()) {
+    free(const_cast<char*>(ownNames()));
   }
 }
 
 void ResultMetric::releaseValue() {
-  if (kind_ == RESULT_STRING) {
+  if (kind() == RESULT_STRING) {
     if (value_.text != kEmptyText) {
       free(value_.text);
     }
-  } else if (kind_ == RESULT_UTF8) {
+  } else if (kind() == RESULT_UTF8) {
     delete value_.utf8;
   }
-  kind_ = RESULT_INT32;
+  setKind(RESULT_INT32);
   value_.u64 = 0;
 }
 
 const char* ResultMetric::getTextBytes() const {
-  if (kind_ == RESULT_STRING) {
+  if (kind() == RESULT_STRING) {
     return value_.text;
   }
-  if (kind_ == RESULT_UTF8) {
+  if (kind() == RESULT_UTF8) {
     return value_.utf8 == nullptr ? kEmptyText : value_.utf8->getBytes();
   }
   return nullptr;
 }
 
 int ResultMetric::getIntValue() const {
-  switch (kind_) {
+  switch (kind()) {
     case RESULT_INT32:
       return value_.i32;
     case RESULT_INT64:
@@ -218,7 +212,7 @@ int ResultMetric::getIntValue() const {
 }
 
 long long ResultMetric::getIntValue64() const {
-  switch (kind_) {
+  switch (kind()) {
     case RESULT_INT32:
       return value_.i32;
     case RESULT_INT64:
@@ -233,7 +227,7 @@ long long ResultMetric::getIntValue64() const {
 }
 
 double ResultMetric::getDoubleValue() const {
-  switch (kind_) {
+  switch (kind()) {
     case RESULT_INT32:
       return value_.i32;
     case RESULT_INT64:
@@ -249,25 +243,25 @@ double ResultMetric::getDoubleValue() const {
 
 void ResultMetric::setMetricValue(int value) {
   releaseValue();
-  kind_ = RESULT_INT32;
+  setKind(RESULT_INT32);
   value_.i32 = value;
 }
 
 void ResultMetric::setMetricValue(long long value) {
   releaseValue();
-  kind_ = RESULT_INT64;
+  setKind(RESULT_INT64);
   value_.i64 = value;
 }
 
 void ResultMetric::setMetricValue(unsigned long long value) {
   releaseValue();
-  kind_ = RESULT_UINT64;
+  setKind(RESULT_UINT64);
   value_.u64 = value;
 }
 
 void ResultMetric::setMetricValue(double value) {
   releaseValue();
-  kind_ = RESULT_DOUBLE;
+  setKind(RESULT_DOUBLE);
   value_.d = value;
 }
 
@@ -275,7 +269,7 @@ void ResultMetric::setMetricValue(const char* value) {
   XRV_TRACE_FN();
   const char* text = value == nullptr ? kNoValue : value;
   size_t length = strlen(text);
-  if (kind_ == RESULT_STRING && value_.text != kEmptyText) {
+  if (kind() == RESULT_STRING && value_.text != kEmptyText) {
     // Reuse the buffer: a shorter text fits (it may even lie inside the old one), a
     // longer one cannot lie inside it, so the buffer may move.
     size_t oldLength = strlen(value_.text);
@@ -293,18 +287,18 @@ void ResultMetric::setMetricValue(const char* value) {
   // Copy before releasing: `value` may be the bytes of the current UTF-8 value.
   char* copy = copyText(text, length);
   releaseValue();
-  kind_ = RESULT_STRING;
+  setKind(RESULT_STRING);
   value_.text = copy;
 }
 
 void ResultMetric::setMetricValue(UTF8String* value) {
   XRV_TRACE_FN();
-  if (kind_ == RESULT_UTF8 && value == value_.utf8 && value != nullptr) {
+  if (kind() == RESULT_UTF8 && value == value_.utf8 && value != nullptr) {
     return;
   }
   UTF8String* owned = value == nullptr ? newUTF8(kNoValue) : value;
   releaseValue();
-  kind_ = RESULT_UTF8;
+  setKind(RESULT_UTF8);
   value_.utf8 = owned;
 }
 
@@ -313,14 +307,14 @@ void ResultMetric::setValueFrom(const ResultMetric& other) {
   if (&other == this) {
     return;
   }
-  mapped_ = other.mapped_;
-  switch (other.kind_) {
+  setMappedData(other.isMappedData());
+  switch (other.kind()) {
     case RESULT_STRING:
       setMetricValue(static_cast<const char*>(other.value_.text));
       return;
     case RESULT_UTF8: {
       const UTF8String* source = other.value_.utf8;
-      if (kind_ == RESULT_UTF8 && value_.utf8 != nullptr && source != nullptr) {
+      if (kind() == RESULT_UTF8 && value_.utf8 != nullptr && source != nullptr) {
         *value_.utf8 = *source;  // reuses the buffer when it is large enough
         return;
       }
@@ -330,13 +324,13 @@ void ResultMetric::setValueFrom(const ResultMetric& other) {
                         getMetricName() == nullptr ? "" : getMetricName());
       }
       releaseValue();
-      kind_ = RESULT_UTF8;
+      setKind(RESULT_UTF8);
       value_.utf8 = copy;
       return;
     }
     default:
       releaseValue();
-      kind_ = other.kind_;
+      setKind(other.kind());
       value_ = other.value_;
       return;
   }
@@ -344,32 +338,28 @@ void ResultMetric::setValueFrom(const ResultMetric& other) {
 
 ResultMetric* ResultMetric::getDeepCopy() const {
   XRV_TRACE_FN();
-  ResultMetric* copy = ownsNames_ ? new (std::nothrow)
-                                        ResultMetric(getMetricName(), getSurfMetricName(),
-                                                     getRawMetricType(), RESULT_INT32)
-                                  : new (std::nothrow) ResultMetric(source_.metric, RESULT_INT32);
+  if (ownsNames()) {
+    return getDeepCopy(getMetricName(), getSurfMetricName());
+  }
+  auto* copy = new (std::nothrow) ResultMetric(getMetric(), RESULT_INT32);
   if (copy == nullptr) {
     XRV_TRACE_ERROR("Unable to copy the value of metric %s",
                     getMetricName() == nullptr ? "" : getMetricName());
     return nullptr;
   }
-  copy->type_ = type_;
-  copy->key_ = key_;
-  copy->counter_ = counter_;
   copy->setValueFrom(*this);
   return copy;
 }
 
 ResultMetric* ResultMetric::getDeepCopy(const char* name, const char* displayName) const {
   XRV_TRACE_FN();
-  auto* copy = new (std::nothrow) ResultMetric(name, displayName, getRawMetricType(), RESULT_INT32);
+  auto* copy = new (std::nothrow)
+      ResultMetric(name, displayName, getRawMetricType(), RESULT_INT32, isKey(), isCounter());
   if (copy == nullptr) {
     XRV_TRACE_ERROR("Unable to copy the value of metric %s",
                     getMetricName() == nullptr ? "" : getMetricName());
     return nullptr;
   }
-  copy->key_ = key_;
-  copy->counter_ = counter_;
   copy->setValueFrom(*this);
   return copy;
 }
@@ -380,7 +370,7 @@ void ResultMetric::toUTF8String(XRV::String* out) const {
     return;
   }
   out->clear();
-  switch (kind_) {
+  switch (kind()) {
     case RESULT_INT32:
       out->appendFormat("%d", value_.i32);
       break;
@@ -409,8 +399,8 @@ bool ResultMetric::areValuesEqual(const ResultMetric* other) const {
   if (other == nullptr) {
     return false;
   }
-  if (kind_ == other->kind_) {
-    switch (kind_) {
+  if (kind() == other->kind()) {
+    switch (kind()) {
       case RESULT_INT32:
         return value_.i32 == other->value_.i32;
       case RESULT_INT64:
@@ -430,8 +420,8 @@ bool ResultMetric::areValuesEqual(const ResultMetric* other) const {
     return false;
   }
   // A byte string against a UTF-8 string: the bytes of one against the other.
-  if ((kind_ == RESULT_STRING && other->kind_ == RESULT_UTF8) ||
-      (kind_ == RESULT_UTF8 && other->kind_ == RESULT_STRING)) {
+  if ((kind() == RESULT_STRING && other->kind() == RESULT_UTF8) ||
+      (kind() == RESULT_UTF8 && other->kind() == RESULT_STRING)) {
     return strcmp(getTextBytes(), other->getTextBytes()) == 0;
   }
   return false;

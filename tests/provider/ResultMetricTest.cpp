@@ -112,6 +112,7 @@ TEST(ResultMetric, ConvertsNumbersToTheWidthAsked) {
 TEST(ResultMetric, SetMetricValueSwitchesRepresentations) {
   Metric metric("m");
   ResultMetric value(&metric, "first");
+  value.setMappedData(true);  // kept apart from the representation, which changes below
   value.setMetricValue(12);
   EXPECT_TRUE(value.isNumber());
   value.setMetricValue(new UTF8String("\xC3\xA4"));
@@ -132,6 +133,11 @@ TEST(ResultMetric, SetMetricValueSwitchesRepresentations) {
   EXPECT_EQ(rendered(value), "No value");
   value.setMetricValue(0.5);
   EXPECT_EQ(value.getDouble(), 0.5);
+  EXPECT_TRUE(value.isMappedData());
+  EXPECT_EQ(value.getMetric(), &metric);
+  value.setMappedData(false);
+  EXPECT_FALSE(value.isMappedData());
+  EXPECT_TRUE(value.isNumberDouble());
 }
 
 TEST(ResultMetric, SharesTheMetricsNamesAndCopiesOthers) {
@@ -139,7 +145,9 @@ TEST(ResultMetric, SharesTheMetricsNamesAndCopiesOthers) {
   metric.setSurfName("Disk_Free");
   metric.setIsKey(true);
   metric.setIsCounter(true);
+  metric.setRawMetricType(DELTA_64BIT_DATA);
   ResultMetric value(&metric, 5LL);
+  value.setMappedData(true);
   EXPECT_EQ(value.getMetricName(), metric.getMetricName());
   EXPECT_TRUE(value.isKey());
   EXPECT_TRUE(value.isCounter());
@@ -163,6 +171,24 @@ TEST(ResultMetric, SharesTheMetricsNamesAndCopiesOthers) {
   EXPECT_STREQ(renamed->getMetricName(), "other");
   EXPECT_EQ(renamed->getMetric(), nullptr);
   EXPECT_EQ(renamed->getInt64(), 5);
+  // A renamed copy keeps what the Metric said of the value, and the value's own flag.
+  EXPECT_EQ(renamed->getRawMetricType(), DELTA_64BIT_DATA);
+  EXPECT_TRUE(renamed->isKey());
+  EXPECT_TRUE(renamed->isCounter());
+  EXPECT_TRUE(renamed->isMappedData());
+  ValuePtr renamedCopy(renamed->getDeepCopy());
+  renamed.reset();
+  EXPECT_STREQ(renamedCopy->getSurfMetricName(), "Other");
+  EXPECT_EQ(renamedCopy->getRawMetricType(), DELTA_64BIT_DATA);
+  EXPECT_TRUE(renamedCopy->isCounter());
+
+  ResultMetric nameless(nullptr, nullptr, RATE_DATA, "x");
+  EXPECT_EQ(nameless.getMetricName(), nullptr);
+  EXPECT_EQ(nameless.getSurfMetricName(), nullptr);
+  EXPECT_EQ(nameless.getRawMetricType(), RATE_DATA);
+  ResultMetric displayOnly(nullptr, "Shown", NUMERIC_DATA, "x");
+  EXPECT_EQ(displayOnly.getMetricName(), nullptr);
+  EXPECT_STREQ(displayOnly.getSurfMetricName(), "Shown");
 }
 
 TEST(PrevResult, KeepsACopyAndTakesNewValues) {
