@@ -290,6 +290,9 @@ int CommandWithTimeout::runCommand() {
     XRV_TRACE_ERROR("Timeout waiting for command to complete -- %s with pid %d cwtObject=%p",
                     command_, pid, static_cast<void*>(this));
     if (killProcess_) {
+      // Marked before the kill: the worker, woken by the closing pipes, reads it to
+      // report the end as a time-out.
+      timedOut_ = true;
       if (pid > 1) {
         XRV_TRACE_DETAIL("terminating process pid [%d] for command %s.", pid, command_);
         if (kill(pid, SIGKILL) != 0) {
@@ -302,7 +305,6 @@ int CommandWithTimeout::runCommand() {
         } while (reaped != 0 && reaped != -1);
       }
       signal(STREAM_PROCESS_END);
-      timedOut_ = true;
     }
     return 1;
   }
