@@ -68,6 +68,14 @@ class PrevResultInstance {
   // Stores `current` taken at `now` as a new previous value and returns it.
   PrevResult* add(const ResultMetric& current, time_t now);
   int getCount() const { return static_cast<int>(results_.size()); }
+  // Starts loading the previous values into the cache (see ResultInstance::prefetchValues).
+  void prefetchValues() const {
+    const char* bytes = reinterpret_cast<const char*>(results_.data());
+    const size_t size = results_.size() * sizeof(PrevResult);
+    for (size_t offset = 0; offset < size; offset += 64) {
+      __builtin_prefetch(bytes + offset);
+    }
+  }
   // Makes room for `count` previous values (more may still be added).
   void reserve(size_t count) { results_.reserve(count); }
 

@@ -42,6 +42,9 @@ class ResultInstance : public ListElement {
   int getExpectedMetricCount() const { return expectedMetricCount_; }
   // The first value; walk on with getNextElement(). Null when there is none.
   ResultMetric* getFirstMetric() const { return firstMetric_; }
+  // Starts loading this row's values into the cache, for walks over many rows that
+  // would otherwise wait on memory at every row.
+  void prefetchValues() const;
   // The value whose metric name is `metricName`, or null.
   ResultMetric* findMetric(const char* metricName) const;
 

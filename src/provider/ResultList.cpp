@@ -79,7 +79,9 @@ void ResultList::takeAll(ResultList& other) {
 
 void ResultList::clear() {
   ResultInstance* row = head_;
+  RowPrefetcher prefetcher(head_);
   while (row != nullptr) {
+    prefetcher.next();
     ResultInstance* following = next(row);
     delete row;
     row = following;

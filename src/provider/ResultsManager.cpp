@@ -507,11 +507,14 @@ void ResultsManager::releaseResultsLock() {
 
 void ResultsManager::updateResults() {
   XRV_TRACE_FN();
+  // The rows that leave the table are deleted once the locks are released: a request
+  // waits for the rows to change places, not for thousands of values to be freed.
+  ResultList leaving;
   PthreadMutexLock resultsLock(resultsLock_);
   PthreadMutexLock newLock(newResultsLock_);
   if (!aggregate_ && !replaceRowsByKey_) {
     XRV_TRACE_DETAIL("Aggregate is off, replacing old results with new ones");
-    active_.clear();
+    leaving.takeAll(active_);
     active_.takeAll(newResults_);
     previousRequestHistorical_ = false;
     return;
@@ -549,7 +552,7 @@ void ResultsManager::updateResults() {
       XRV_TRACE_DETAIL("old result instance matched the current name %s", name);
       active_.replace(match, row);
       activeByName_.put(name, row);  // same name: the stored key stays
-      delete match;
+      leaving.append(match);
     } else {
       if (wasEmpty) {
         XRV_TRACE_DETAIL(
@@ -573,7 +576,7 @@ void ResultsManager::updateResults() {
                          row->getTimestamp());
         unindexRow(row);
         active_.unlink(row);
-        delete row;
+        leaving.append(row);
       }
       row = following;
     }

@@ -275,6 +275,8 @@ class ResultsManager : public UAClientClass {
   void purgeDerivedState();
   // A new entry gets room for `rated` previous values.
   PrevResultInstance* findOrAddPrevResultInstance(const char* name, size_t position, int rated);
+  // Starts loading the previous values of the rows a few places after `position`.
+  void prefetchPrevious(size_t position) const;
   // Deletes the previous values of rows that were not seen in this collection.
   void dropStalePrevResults(int seen);
   // The name index of the active rows, kept only when rows are replaced by key.
