@@ -154,7 +154,7 @@ void ResultsManager::processRatesDeltas() {
   {
     PthreadMutexLock lock(newResultsLock_);
     order.reserve(static_cast<size_t>(newResults_.count()));
-    RowPrefetcher prefetcher(newResults_.head());
+    RowPrefetcher prefetcher(newResults_.head(), RowPrefetcher::kReading);
     for (ResultInstance* row = newResults_.head(); row != nullptr; row = ResultList::next(row)) {
       prefetcher.next();
       prefetchPrevious(order.size());

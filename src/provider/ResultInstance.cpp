@@ -1,5 +1,6 @@
 #include "provider/ResultInstance.h"
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -80,14 +81,36 @@ bool ResultInstance::appendToName(const char* text, size_t length) {
   return true;
 }
 
-void ResultInstance::prefetchValues() const {
-  // The values of a row are usually made one after the other and lie side by side:
-  // loading the first and the last one starts the processor's own prefetching along
-  // the rest. Loading every line was no faster and cost more when the table fits the
-  // cache.
-  if (firstMetric_ != nullptr) {
+void ResultInstance::prefetchValues(bool lastUse) const {
+  if (firstMetric_ == nullptr) {
+    return;
+  }
+  if (!lastUse) {
+    // The values of a row are usually made one after the other and lie side by side:
+    // loading the first and the last one starts the processor's own prefetching
+    // along the rest. Loading every line was no faster, and cost more when the table
+    // fits the cache.
     __builtin_prefetch(firstMetric_);
     __builtin_prefetch(lastMetric_);
+    return;
+  }
+  // Read one last time (the row is being deleted): every line between the first and
+  // the last value, marked not to stay in the cache, so that deleting a sample does
+  // not push out the one that replaces it. Values that do not lie side by side get
+  // their first and last line only.
+  constexpr uintptr_t kLine = 64;
+  constexpr uintptr_t kMostBytes = 4096;
+  auto first = reinterpret_cast<uintptr_t>(firstMetric_);
+  auto last = reinterpret_cast<uintptr_t>(lastMetric_);
+  uintptr_t low = first < last ? first : last;
+  uintptr_t high = (first < last ? last : first) + sizeof(ResultMetric) - 1;
+  if (high - low > kMostBytes) {
+    __builtin_prefetch(firstMetric_, 0, 0);
+    __builtin_prefetch(lastMetric_, 0, 0);
+    return;
+  }
+  for (uintptr_t line = low & ~(kLine - 1); line <= high; line += kLine) {
+    __builtin_prefetch(reinterpret_cast<const void*>(line), 0, 0);
   }
 }
 

@@ -43,8 +43,9 @@ class ResultInstance : public ListElement {
   // The first value; walk on with getNextElement(). Null when there is none.
   ResultMetric* getFirstMetric() const { return firstMetric_; }
   // Starts loading this row's values into the cache, for walks over many rows that
-  // would otherwise wait on memory at every row.
-  void prefetchValues() const;
+  // would otherwise wait on memory at every row. `lastUse`: the values are read once
+  // more and then freed, and should not displace what stays in the cache.
+  void prefetchValues(bool lastUse) const;
   // The value whose metric name is `metricName`, or null.
   ResultMetric* findMetric(const char* metricName) const;
 

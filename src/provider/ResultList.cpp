@@ -79,7 +79,7 @@ void ResultList::takeAll(ResultList& other) {
 
 void ResultList::clear() {
   ResultInstance* row = head_;
-  RowPrefetcher prefetcher(head_);
+  RowPrefetcher prefetcher(head_, RowPrefetcher::kDeleting);
   while (row != nullptr) {
     prefetcher.next();
     ResultInstance* following = next(row);

@@ -49,19 +49,24 @@ class RowPrefetcher {
  public:
   // How many rows ahead of the walk the values are loaded.
   static constexpr int kRowsAhead = 4;
+  // What the walk does with the rows: reads them, or deletes them (their values are
+  // then read for the last time; see ResultInstance::prefetchValues).
+  enum Walk { kReading, kDeleting };
 
-  explicit RowPrefetcher(const ResultInstance* first) : ahead_(first) {
+  RowPrefetcher(const ResultInstance* first, Walk walk)
+      : ahead_(first), lastUse_(walk == kDeleting) {
     for (int i = 0; i < kRowsAhead && ahead_ != nullptr; ++i) {
       ahead_ = ResultList::next(ahead_);
     }
   }
   void next() {
     if (ahead_ != nullptr) {
-      ahead_->prefetchValues();
+      ahead_->prefetchValues(lastUse_);
       ahead_ = ResultList::next(ahead_);
     }
   }
 
  private:
   const ResultInstance* ahead_;
+  bool lastUse_;
 };

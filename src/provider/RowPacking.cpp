@@ -167,7 +167,7 @@ void ResultsManager::sendDataToAFW(GenericAgentBase* agent, const char* originNo
   }
 
   int sent = 0;
-  RowPrefetcher prefetcher(active_.head());
+  RowPrefetcher prefetcher(active_.head(), RowPrefetcher::kReading);
   for (const ResultInstance* row = active_.head(); row != nullptr; row = ResultList::next(row)) {
     prefetcher.next();
     if (!packRow(row, buffer.data(), originNode, stamp, isPureEventBased())) {
