@@ -162,7 +162,8 @@ AttributeGroupMeta* benchGroup() {
   return meta;
 }
 
-// Reads a region several times larger than the processor's last-level cache, so that
+// Reads a region several times larger than the part of the last-level cache this
+// machine gets to use (memory_latency finds its edge between 20 and 60 MB), so that
 // nothing of the provider's tables is left in it. Reading (not writing) leaves clean
 // lines behind, which the next cycle can displace without writing them back.
 void emptyCaches() {
