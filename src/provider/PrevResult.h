@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "foundation/Prefetch.h"
 #include "foundation/String.h"
 #include "provider/ResultMetric.h"
 
@@ -70,11 +71,7 @@ class PrevResultInstance {
   int getCount() const { return static_cast<int>(results_.size()); }
   // Starts loading the previous values into the cache (see ResultInstance::prefetchValues).
   void prefetchValues() const {
-    const char* bytes = reinterpret_cast<const char*>(results_.data());
-    const size_t size = results_.size() * sizeof(PrevResult);
-    for (size_t offset = 0; offset < size; offset += 64) {
-      __builtin_prefetch(bytes + offset);
-    }
+    XRV::prefetchLines(results_.data(), results_.size() * sizeof(PrevResult));
   }
   // Makes room for `count` previous values (more may still be added).
   void reserve(size_t count) { results_.reserve(count); }

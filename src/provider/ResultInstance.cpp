@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "foundation/Prefetch.h"
 #include "framework/api/Trace.h"
 #include "provider/ResultMetric.h"
 
@@ -98,20 +99,17 @@ void ResultInstance::prefetchValues(bool lastUse) const {
   // the last value, marked not to stay in the cache, so that deleting a sample does
   // not push out the one that replaces it. Values that do not lie side by side get
   // their first and last line only.
-  constexpr uintptr_t kLine = 64;
   constexpr uintptr_t kMostBytes = 4096;
   auto first = reinterpret_cast<uintptr_t>(firstMetric_);
   auto last = reinterpret_cast<uintptr_t>(lastMetric_);
   uintptr_t low = first < last ? first : last;
-  uintptr_t high = (first < last ? last : first) + sizeof(ResultMetric) - 1;
-  if (high - low > kMostBytes) {
+  uintptr_t end = (first < last ? last : first) + sizeof(ResultMetric);
+  if (end - low > kMostBytes) {
     __builtin_prefetch(firstMetric_, 0, 0);
     __builtin_prefetch(lastMetric_, 0, 0);
     return;
   }
-  for (uintptr_t line = low & ~(kLine - 1); line <= high; line += kLine) {
-    __builtin_prefetch(reinterpret_cast<const void*>(line), 0, 0);
-  }
+  XRV::prefetchLines<0>(reinterpret_cast<const void*>(low), end - low);
 }
 
 void ResultInstance::addMetric(ResultMetric* metric) {
