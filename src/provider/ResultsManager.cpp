@@ -228,11 +228,15 @@ void ResultsManager::readFloodControlSettings() {
         "would never reset; disabling flood control");
     threshold = EVENT_SEND_ALL;
   }
-  floodThreshold_ = threshold;
-  summaryInterval_.store(interval < 0 ? 0 : interval);
+  {
+    // Events arriving meanwhile read the threshold under the cache lock.
+    PthreadMutexLock lock(pureCacheLock_);
+    floodThreshold_ = threshold;
+    summaryInterval_.store(interval < 0 ? 0 : interval);
+  }
   XRV_TRACE_DETAIL("%s:%s Flood control: summary interval = %d, threshold = %d",
                    getAttributeGroup(), getSubnodeKey() == nullptr ? "none" : getSubnodeKey(),
-                   summaryInterval_.load(), floodThreshold_);
+                   summaryInterval_.load(), threshold);
   if (summaryInterval_.load() > 0) {
     addSummarizationClass(this);
   } else {

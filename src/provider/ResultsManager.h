@@ -160,6 +160,7 @@ class ResultsManager : public UAClientClass {
   virtual void updateResults() XRV_EXCLUDES(resultsLock_, newResultsLock_);
   // The previous sample was requested for history: interval data are purged once.
   void setPreviousRequestHistorical(bool historical) { previousRequestHistorical_ = historical; }
+  bool isPreviousRequestHistorical() const { return previousRequestHistorical_; }
 
   // --- Deltas, rates and derived attributes ---
   void processRatesDeltas() XRV_EXCLUDES(resultsLock_, newResultsLock_);
@@ -213,7 +214,10 @@ class ResultsManager : public UAClientClass {
   // Marks every cached event that is no summary yet as one and sends it.
   void sendSummaryEvents() XRV_EXCLUDES(pureCacheLock_);
   int getSummaryInterval() const { return summaryInterval_.load(); }
-  int getFloodThreshold() const { return floodThreshold_; }
+  int getFloodThreshold() XRV_EXCLUDES(pureCacheLock_) {
+    PthreadMutexLock lock(pureCacheLock_);
+    return floodThreshold_;
+  }
   time_t getNextSummary() const { return nextSummary_.load(); }
   void setNextSummary(time_t when) { nextSummary_.store(when); }
   void removeSummaryQuery();
@@ -298,7 +302,7 @@ class ResultsManager : public UAClientClass {
   // Instance name (owned copy) -> the first active row of that name.
   HashMap activeByName_ XRV_GUARDED_BY(resultsLock_);
   ResultList newResults_ XRV_GUARDED_BY(newResultsLock_);
-  bool previousRequestHistorical_ = false;
+  std::atomic<bool> previousRequestHistorical_{false};
 
   // Previous sample: instance name (the entry's own) -> PrevResultInstance, and the
   // same entries in the order the last sample brought its rows (rows mostly come in
@@ -332,7 +336,7 @@ class ResultsManager : public UAClientClass {
   PthreadMutex pureCacheLock_;
   ResultList pureCache_ XRV_GUARDED_BY(pureCacheLock_);
   std::atomic<int> summaryInterval_{0};
-  int floodThreshold_ = EVENT_SEND_ALL;
+  int floodThreshold_ XRV_GUARDED_BY(pureCacheLock_) = EVENT_SEND_ALL;
   std::atomic<time_t> nextSummary_{0};
   std::atomic<bool> summaryQueued_{false};
 

@@ -79,6 +79,12 @@ bool ResultsManager::packRow(const ResultInstance* row, char* buffer, const char
                              const char* timestamp, bool eventRow) {
   XRV_TRACE_SITE();
   AttributeGroupMeta* meta = getAttributeGroupMeta();
+  if (row->getInstanceName() == nullptr) {
+    // A data source names every row it makes (by its keys; "" without any), so a row
+    // without a name is a broken one.
+    XRV_TRACE_DETAIL("WARNING: Skipping ResultInstance with name == NULL");
+    return false;
+  }
   if (checkMetricCounts_ && row->getExpectedMetricCount() != row->getMetricCount()) {
     XRV_TRACE_DETAIL("Expected %d metrics and got %d.  Skipping row.",
                      row->getExpectedMetricCount(), row->getMetricCount());

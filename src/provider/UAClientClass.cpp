@@ -200,6 +200,13 @@ char* UAClientClass::groupOrAgentSetting(const char* suffix, const char* agentNa
 void UAClientClass::readSettings() {
   XRV_TRACE_FN();
   char* value = getGroupSetting("_REFRESH_INTERVAL");
+  if (value != nullptr && atoi(value) < 0) {
+    // A negative interval would schedule every turn before the previous one.
+    XRV_TRACE_ERROR("WARNING: %s is negative (%s), ignoring it",
+                    groupSettingName(attributeGroup_, "_REFRESH_INTERVAL").c_str(), value);
+    free(value);
+    value = nullptr;
+  }
   if (value != nullptr) {
     refreshInterval_.store(atoi(value));
     XRV_TRACE_DETAIL("Attribute group %s using refresh interval %d", attributeGroup_,
@@ -390,8 +397,12 @@ bool UAClientClass::isExpired() {
     XRV_TRACE_DETAIL("  onlyForcedCollections set, declaring the data valid");
     return false;
   }
+  // Whole seconds, as the cache lifetime is given: data stamped at 30.4 s are stale
+  // at 60.0 s with a lifetime of 30, so a refresh interval equal to the lifetime
+  // collects on every turn rather than on every other one.
+  const int64_t now = fwTimeMillis() / 1000;
   PthreadMutexLock lock(collectionMutex_);
-  return fwTimeMillis() - lastMillis_ >= static_cast<int64_t>(timeoutInterval_) * 1000;
+  return now - lastMillis_ / 1000 >= static_cast<int64_t>(timeoutInterval_);
 }
 
 void UAClientClass::formatTimeStamp(time_t seconds, char* buffer, size_t size) {

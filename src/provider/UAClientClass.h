@@ -146,6 +146,12 @@ class UAClientClass : public ListElement {
   void setOnlyForcedCollections(bool only) { onlyForcedCollections_ = only; }
   bool isOnQueue() const { return onQueue_.load(); }
   void setOnQueue(bool onQueue) { onQueue_.store(onQueue); }
+  // Sets the on-queue mark and says whether this caller set it: of the refresh thread
+  // and a request racing to submit the same provider, exactly one wins.
+  bool markOnQueue() {
+    bool expected = false;
+    return onQueue_.compare_exchange_strong(expected, true);
+  }
   // Requests that hold this provider: true marks one more, false ends one (never
   // below none), so that two requests on one subnode do not clear each other's mark.
   bool genericAgentInUse() const { return genericAgentInUse_.load() > 0; }

@@ -169,6 +169,9 @@ bool startProviders() {
       meta->setQuery(provider);
       provider->setAttributeGroupMeta(meta);
     }
+    if (meta->pureEventBased()) {
+      provider->setPureEventBased(true);  // rows arrive as events, served from the cache
+    }
     if (meta->getRequestInfoMap() != nullptr) {
       XRV_TRACE_DETAIL(
           "Attribute group %s needs request info, making it ineligible for thread pool", group);
@@ -311,7 +314,13 @@ int load_agents() {
   std::string refreshInterval;
   const bool poolSizeSet = readSetting("CDP_DP_THREAD_POOL_SIZE", &poolSize);
   const bool retryDelaySet = readSetting("CDP_DP_COMMAND_RETRY_DELAY", &retryDelay);
-  const bool refreshIntervalSet = readSetting("CDP_DP_REFRESH_INTERVAL", &refreshInterval);
+  bool refreshIntervalSet = readSetting("CDP_DP_REFRESH_INTERVAL", &refreshInterval);
+  if (refreshIntervalSet && atoi(refreshInterval.c_str()) < 0) {
+    // A negative interval would schedule every turn before the previous one.
+    XRV_TRACE_ERROR("WARNING: CDP_DP_REFRESH_INTERVAL is negative (%s), ignoring it",
+                    refreshInterval.c_str());
+    refreshIntervalSet = false;
+  }
 
   int logMonitorCount = 0;
   const int eventGroups =

@@ -411,13 +411,14 @@ void GenericAgent::tsCollectData(std::vector<Target>& targets, Collections* coll
       notifyCollectionDone(provider);
       continue;
     }
-    if (provider->isOnQueue()) {
+    if (!provider->markOnQueue()) {
       XRV_TRACE_DETAIL("%s:%s is on the thread pool queue already, waiting for that collection",
                        group, key);
       target.collection = Target::QUEUED_ELSEWHERE;
       continue;
     }
     if (!provider->isExpired()) {
+      provider->setOnQueue(false);
       XRV_TRACE_DETAIL("Cached data for %s:%s is still current, not submitting a job", group, key);
       continue;
     }
@@ -503,6 +504,10 @@ void GenericAgent::tsSubmitData(std::vector<Target>& targets, Collections* colle
       XRV_TRACE_DETAIL("Returning fresh data for %s:%s", group, key);
     }
     provider->sendDataToAFW(this, targets[slot].node.c_str());
+    if (auto* results = dynamic_cast<ResultsManager*>(provider)) {
+      // Kept rows that only a history request wanted are purged at the next merge.
+      results->setPreviousRequestHistorical(isHistoryRequest());
+    }
   }
 }
 

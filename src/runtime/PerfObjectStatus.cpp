@@ -164,7 +164,7 @@ void PerfObjectStatus::internalCollectData(const char* /*subnode*/) {
     XRV_TRACE_DETAIL("Status of %s%s%s: %s, %s", s.group.c_str(), s.subnodeKey.empty() ? "" : "/",
                      s.subnodeKey.c_str(), perfObjectStatusName(s.status),
                      perfObjectErrorCodeName(s.errorCode));
-    auto* row = new ResultInstance(nullptr, getMetricCount());
+    auto* row = new ResultInstance("", getMetricCount());
     for (int i = 0; i < getMetricCount(); ++i) {
       row->addMetric(valueFor(getMetric(i), s));
     }

@@ -47,7 +47,7 @@ int getEventGroupCount(UAClientClassList& providers, bool refreshIntervalSet,
 
 RefreshThread::RefreshThread(int defaultInterval, UAClientClassList& providers, ThreadPool* pool,
                              SubnodeManager* subnodes)
-    : defaultInterval_(defaultInterval), pool_(pool), subnodes_(subnodes) {
+    : defaultInterval_(defaultInterval < 0 ? 0 : defaultInterval), pool_(pool), subnodes_(subnodes) {
   XRV_TRACE_FN();
   const time_t now = fwTime();
   char* delayText = fwGetEnv("CDP_DP_INITIAL_COLLECTION_DELAY", nullptr);
@@ -216,42 +216,36 @@ void RefreshThread::startTurn(UAClientClass* provider) {
 }
 
 bool RefreshThread::claim(UAClientClass* provider) {
-  if (provider->isOnQueue()) {
+  if (!provider->markOnQueue()) {
     XRV_TRACE_SITE();
     XRV_TRACE_DETAIL("%s already on thread pool queue, not adding again",
                      provider->getAttributeGroup());
     provider->countSkippedInterval();
     return false;
   }
-  provider->setOnQueue(true);
   return true;
 }
 
 void RefreshThread::collectInline(UAClientClass* provider) {
   XRV_TRACE_FN();
   char id[16];
-  snprintf(id, sizeof id, "%08x", jobCounter_++);
+  snprintf(id, sizeof id, "%08x", jobCounter_.fetch_add(1));
   provider->collectDataIfNeeded(id);
   notifyCollectionDone(provider);
 }
 
 void RefreshThread::startJob(UAClientClass* provider) {
   XRV_TRACE_FN();
-  if (pool_ == nullptr) {
-    if (claim(provider)) {
-      collectInline(provider);
-      provider->setOnQueue(false);
-    }
+  if (!claim(provider)) {
     return;
   }
-  if (provider->isOnQueue()) {
-    XRV_TRACE_DETAIL("%s already on thread pool queue, not adding again",
-                     provider->getAttributeGroup());
-    provider->countSkippedInterval();
+  if (pool_ == nullptr) {
+    collectInline(provider);
+    provider->setOnQueue(false);
     return;
   }
   char id[16];
-  snprintf(id, sizeof id, "%08x", jobCounter_++);
+  snprintf(id, sizeof id, "%08x", jobCounter_.fetch_add(1));
   pool_->submitJob(new CollectDataJob(provider, id));
 }
 

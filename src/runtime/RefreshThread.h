@@ -12,6 +12,7 @@
 //
 // Thread-safe: refreshShutdown may be called from any thread.
 
+#include <atomic>
 #include <condition_variable>
 #include <ctime>
 #include <mutex>
@@ -71,7 +72,7 @@ class RefreshThread {
   const int defaultInterval_;
   ThreadPool* pool_;
   SubnodeManager* subnodes_;
-  unsigned jobCounter_ = 0;
+  std::atomic<unsigned> jobCounter_{0};
   std::mutex mutex_;
   std::condition_variable wakeUp_;
   std::vector<UAClientClass*> queue_;  // ascending by next refresh time; guarded by mutex_

@@ -151,7 +151,7 @@ void ConfigDiscoveryQueryClass::internalCollectData(const char* /*subnode*/) {
       continue;  // the file was reloaded meanwhile
     }
     XRV_TRACE_DETAIL("Configured subnode %s %s", section.type.c_str(), section.key.c_str());
-    auto* row = new ResultInstance(nullptr, getMetricCount());
+    auto* row = new ResultInstance("", getMetricCount());
     for (int i = 0; i < getMetricCount(); ++i) {
       const Metric* metric = getMetric(i);
       row->addMetric(makeValue(

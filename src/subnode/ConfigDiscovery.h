@@ -53,8 +53,10 @@ class ConfigDiscoveryQueryClass : public ResultsManager {
   UAClientClass* subnodeCopy(const char* subnodeKey, UAClientClassList* list) override;
   void printResults() override;
   const char* getPerfObjectName() override { return getAttributeGroup(); }
-  int getPerfObjectStatus() override { return PERF_OBJECT_ACTIVE; }
-  int getPerfErrorCode() override { return errorCode_.load(); }
+  int getPerfObjectStatus() override {
+    return isCollectionDisabled() ? PERF_OBJECT_INACTIVE : PERF_OBJECT_ACTIVE;
+  }
+  int getPerfErrorCode() override { return isCollectionDisabled() ? DISABLED : errorCode_.load(); }
 
   const std::string& getSubnodeTypeFilter() const { return subnodeType_; }
 

@@ -1,5 +1,5 @@
 // One provider used from three threads at once, as the agent uses it: the scheduler
-// collects, framework requests pack rows, and events arrive. Run under
+// collects, framework requests pack rows, events arrive and settings are re-read. Run under
 // ThreadSanitizer (make check-tsan) this checks the locking; everywhere it checks
 // that every request sees whole, consistent rows.
 
@@ -76,9 +76,15 @@ TEST(ResultsManagerConcurrency, CollectPackAndEventsAtOnce) {
       }
     }
   });
+  std::thread resets([&] {  // a configuration reload re-reads flood control
+    for (int i = 0; i < kRounds / 10; ++i) {
+      source.reset();
+    }
+  });
   collector.join();
   requests.join();
   events.join();
+  resets.join();
   EXPECT_EQ(inconsistent.load(), 0);
   EXPECT_EQ(source.getResultInstanceCount(), 3);
   EXPECT_FALSE(framework.events().empty());

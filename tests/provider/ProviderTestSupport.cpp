@@ -55,7 +55,7 @@ ResultInstance* TestQueryClass::makeRow(const std::vector<std::string>& texts) {
   for (int i = 0; i < getMetricCount(); ++i) {
     rawMetrics += getMetric(i)->isDerived() ? 0 : 1;
   }
-  auto* row = new ResultInstance(nullptr, rawMetrics);
+  auto* row = new ResultInstance("", rawMetrics);
   size_t next = 0;
   for (int i = 0; i < getMetricCount() && next < texts.size(); ++i) {
     const Metric* metric = getMetric(i);

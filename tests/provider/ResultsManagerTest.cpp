@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -273,6 +274,18 @@ TEST_F(ResultsManagerTest, RowShapeFlagsAndSkippedRows) {
   EXPECT_EQ(rows[0][2], "a");
   EXPECT_EQ(rows[0][3], "a");
   EXPECT_EQ(rows[0][4], "1");
+}
+
+TEST_F(ResultsManagerTest, ARowWithoutANameIsNeverSent) {
+  auto keyless = provider("Keyless", R"(<attr name="V" type="0" size="4"/>)", {{"V"}});
+  EXPECT_EQ(sample(*keyless, {{"7"}}), (Rows{{"Primary:box:XR", "7"}})) << "named \"\"";
+  std::unique_ptr<ResultInstance> named(keyless->makeRow({"8"}));
+  auto* nameless = new ResultInstance(nullptr, 1);
+  nameless->addMetric(named->getFirstMetric()->getDeepCopy());
+  keyless->addResultInstanceDirectly(nameless);
+  DecodingRequest request(keyless->getAttributeGroupMeta());
+  keyless->sendDataToAFW(&request, "n");
+  EXPECT_EQ(request.rows, (Rows{{"n", "7"}}));
 }
 
 TEST_F(ResultsManagerTest, ALostRowStopsTheRequest) {

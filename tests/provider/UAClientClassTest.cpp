@@ -94,6 +94,10 @@ TEST(UAClientClassTest, GroupSettingsComeFromTheGroupThenTheAgent) {
        "CDP_DP_CACHE_TTL = 10\nCDP_DISK_USAGE_CACHE_TTL =\nCDP_DISK_USAGE_REFRESH_INTERVAL =\n",
        {0, 2, 10, 0},
        {"Attribute group Disk_Usage configured cache ttl  10"}},
+      {"a negative refresh interval is refused",
+       "CDP_DISK_USAGE_REFRESH_INTERVAL = -5\n",
+       {0, 2, 30, 0},
+       {"WARNING: CDP_DISK_USAGE_REFRESH_INTERVAL is negative (-5), ignoring it"}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.description);
@@ -125,9 +129,19 @@ TEST(UAClientClassTest, ExpiryAndTimeStampsFollowTheClock) {
   provider.getTimeStamp(stamp);
   EXPECT_STREQ(stamp, "1231114221320000");
   clock.advance(29999);
-  EXPECT_FALSE(provider.isExpired()) << "one millisecond short of the 30 s timeout";
+  EXPECT_FALSE(provider.isExpired()) << "still in the 29th second after the collection";
   clock.advance(1);
   EXPECT_TRUE(provider.isExpired()) << "exactly the timeout";
+
+  // Expiry counts whole seconds: a collection that ended at 400 ms into a second is
+  // stale when the clock turns 30 s later, so a refresh on every 30 s turn collects
+  // on every turn, not every other one.
+  clock.advance(400);
+  provider.updateLastTime();
+  clock.advance(29599);
+  EXPECT_FALSE(provider.isExpired()) << "29 whole seconds";
+  clock.advance(1);
+  EXPECT_TRUE(provider.isExpired()) << "30 whole seconds after a collection stamped mid-second";
 
   TraceCapture trace;
   provider.setOnlyForcedCollections(true);

@@ -481,6 +481,8 @@ TEST_F(AgentStartupTest, LoaderBindsProvidersToTheirGroups) {
   TestQueryClass* second = addProvider("Disk");
   TestQueryClass* asking = addProvider("Asking", UA_SCRIPT, "");
   findAttributeGroupMeta("Asking")->setRequestInfo("_FILTER");
+  TestQueryClass* events = addProvider("Events", UA_LOG_MONITOR, R"(pure="true")");
+  TestQueryClass* moreEvents = addProvider("Events", UA_LOG_MONITOR);
   auto* orphan = new TestQueryClass("Orphan", {{"V"}});
   queryClassList().addClientClass(orphan);
 
@@ -490,6 +492,8 @@ TEST_F(AgentStartupTest, LoaderBindsProvidersToTheirGroups) {
   EXPECT_EQ(first->getAttributeGroupMeta(), disk);
   EXPECT_EQ(second->getAttributeGroupMeta(), nullptr);
   EXPECT_FALSE(asking->isThreadPoolEligible());
+  EXPECT_TRUE(events->isPureEventBased() && moreEvents->isPureEventBased());
+  EXPECT_FALSE(first->isPureEventBased());
   EXPECT_TRUE(
       traced("Attribute group Asking needs request info, making it ineligible for thread pool"));
   EXPECT_TRUE(first->isThreadPoolEligible());
@@ -501,7 +505,7 @@ TEST_F(AgentStartupTest, LoaderBindsProvidersToTheirGroups) {
     tables.emplace_back(manager->GetTableName());
   }
   std::sort(tables.begin(), tables.end());
-  EXPECT_EQ(tables, (std::vector<std::string>{"TAsking", "TDisk"}));
+  EXPECT_EQ(tables, (std::vector<std::string>{"TAsking", "TDisk", "TEvents"}));
   EXPECT_EQ(disk->getTableManager(), framework_.findTableManager("TDisk"));
 
   EXPECT_EQ(framework_.settings().affinityFeatures,

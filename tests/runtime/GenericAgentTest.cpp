@@ -270,6 +270,17 @@ TEST_F(GenericAgentTest, HistoryRequestsOnASubnodeGroupCoverItsSubnodes) {
   }
 }
 
+TEST_F(GenericAgentTest, AHistoryRequestMarksItsProviderForThePurgeOfKeptRows) {
+  GateProvider* load = gate("Load");
+  RequestDetail detail("XRV", "TLoad");
+  detail.SetRequestType(FW_HISTORICAL_SITUATION);
+  ContextInfo context(nullptr);
+  sample("TLoad", detail, context);
+  EXPECT_TRUE(load->isPreviousRequestHistorical());
+  demand("TLoad");
+  EXPECT_FALSE(load->isPreviousRequestHistorical());
+}
+
 TEST_F(GenericAgentTest, RequestInformationReachesTheProvidersWithThePARMAReplaced) {
   GateProvider* provider = gate("Lookup", "", R"(<receive_req name="XRV_HOST"/>)");
   struct Case {

@@ -214,3 +214,40 @@ TEST_F(RefreshThreadTest, WithoutAPoolTheRefreshThreadCollectsItself) {
 }
 
 }  // namespace
+
+TEST_F(RefreshThreadTest, ANegativeDefaultIntervalSchedulesNothing) {
+  add("Default", 0);
+  RefreshThread refresh(-5, list_, nullptr, nullptr);
+  EXPECT_TRUE(refresh.getQueue().empty()) << "a turn every -5 s would spin";
+}
+
+TEST_F(RefreshThreadTest, RacingSubmittersQueueOneJob) {
+  // The refresh thread and an impatient request may both try to submit a provider:
+  // exactly one job may come of it, the other turn counts as skipped.
+  constexpr int kRounds = 30;
+  constexpr int kRacers = 6;
+  TimedSource& source = add("Raced", 3600, 50);
+  ThreadPool pool(1);
+  RefreshThread refresh(0, list_, &pool, nullptr);
+  for (int round = 0; round < kRounds; ++round) {
+    std::atomic<int> ready{0};
+    std::vector<std::thread> racers;
+    for (int i = 0; i < kRacers; ++i) {
+      racers.emplace_back([&] {
+        ++ready;
+        while (ready.load() < kRacers) {
+        }
+        refresh.startJob(&source);
+      });
+    }
+    for (std::thread& racer : racers) {
+      racer.join();
+    }
+    while (source.isOnQueue()) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  }
+  pool.shutdown();
+  EXPECT_EQ(source.starts().size(), static_cast<size_t>(kRounds));
+  EXPECT_EQ(source.getSkippedIntervals(), kRounds * (kRacers - 1));
+}

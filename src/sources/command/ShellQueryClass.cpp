@@ -391,7 +391,7 @@ ResultInstance* ShellQueryClass::parseLine(const char* line) {
   }
   tokenizer_.reset(line);
   tokenizer_.setUtf8(utf8Input_);
-  auto* row = new ResultInstance(nullptr, rawMetricCount_);
+  auto* row = new ResultInstance("", rawMetricCount_);
   int parsed = 0;
   for (int i = 0; i < metricCount; ++i) {
     const Metric* metric = getMetric(i);
@@ -481,7 +481,7 @@ const char* ShellQueryClass::getPerfObjectName() {
 
 int ShellQueryClass::getPerfErrorCode() {
   XRV_TRACE_FN();
-  int code = perfErrorCode_;
+  int code = isCollectionDisabled() ? static_cast<int>(DISABLED) : perfErrorCode_.load();
   XRV_TRACE_DETAIL("PerfObj error code %s [%d] for command %s", perfObjectErrorCodeName(code), code,
                    orNull(command_));
   return code;

@@ -68,7 +68,10 @@ class ShellQueryClass : public ResultsManager {
   std::vector<std::string> getPropertyNames() override;
 
   const char* getPerfObjectName() override;
-  int getPerfObjectStatus() override { return perfObjectStatus_.load(); }
+  // A group whose collection is disabled is inactive, with DISABLED as its reason.
+  int getPerfObjectStatus() override {
+    return isCollectionDisabled() ? PERF_OBJECT_INACTIVE : perfObjectStatus_.load();
+  }
   int getPerfErrorCode() override;
   void setPerfObjectStatus(int status) { perfObjectStatus_.store(status); }
   void setPerfErrorCode(int code) { perfErrorCode_.store(code); }

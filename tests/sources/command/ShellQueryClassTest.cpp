@@ -245,6 +245,15 @@ TEST_F(ShellQueryClassTest, OutcomeOfTheCommandGivesRowsAndErrorCode) {
   }
 }
 
+TEST_F(ShellQueryClassTest, ADisabledGroupRunsNothingAndSaysSo) {
+  setenv("CDP_G_DISABLE_COLLECTION", "Y", 1);
+  auto provider = textProvider("echo a", 1);
+  unsetenv("CDP_G_DISABLE_COLLECTION");
+  EXPECT_EQ(collectRows(*provider), Rows{});
+  EXPECT_EQ(provider->getPerfObjectStatus(), PERF_OBJECT_INACTIVE);
+  EXPECT_EQ(provider->getPerfErrorCode(), DISABLED);
+}
+
 TEST_F(ShellQueryClassTest, StandardErrorIsKeptBesideTheRows) {
   auto provider = textProvider("echo a; echo oops >&2", 1);
   EXPECT_EQ(collectRows(*provider), (Rows{{"a"}}));
