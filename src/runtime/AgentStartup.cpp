@@ -92,6 +92,10 @@ void readCommandSettings(bool retryDelaySet, const std::string& retryDelay) {
                         ? atoi(value.c_str())
                         : -1;
   commandRetryDelay = retryDelaySet ? atoi(retryDelay.c_str()) : 1000;
+  // Not set, or not above 0: 64 MB per stream.
+  const long long megabytes =
+      readSetting("CDP_DP_SCRIPT_MAX_OUTPUT_MB", &value) ? atoll(value.c_str()) : 0;
+  outputSizeLimit = (megabytes > 0 ? megabytes : 64) * 1024 * 1024;
   traceCommandSettings();
 }
 

@@ -1,5 +1,6 @@
 #include "sources/command/CommandWithTimeout.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -22,6 +23,7 @@ PthreadMutex fdLock;
 PthreadMutex processLock;
 int commandRetryDelay = 1000;
 int stdErrSizeLimit = -1;
+long long outputSizeLimit = 64LL * 1024 * 1024;
 
 namespace {
 
@@ -61,6 +63,18 @@ void* stdoutReaderMain(void* command) {
 void* stderrReaderMain(void* command) {
   static_cast<CommandWithTimeout*>(command)->readStream(STREAM_STDERR);
   return nullptr;
+}
+
+// Replaces each NUL byte of the `length` bytes at `data` by '?'; how many there were.
+size_t replaceNulBytes(char* data, size_t length) {
+  size_t count = 0;
+  char* end = data + length;
+  for (char* nul = static_cast<char*>(memchr(data, '\0', length)); nul != nullptr;
+       nul = static_cast<char*>(memchr(nul, '\0', static_cast<size_t>(end - nul)))) {
+    *nul++ = '?';
+    ++count;
+  }
+  return count;
 }
 
 void closePipe(const int ends[2]) {
@@ -116,6 +130,8 @@ size_t nameLength(const char* assignment) {
 void traceCommandSettings() {
   XRV_TRACE_FN();
   XRV_TRACE_DETAIL("Command Retry Delay set to %d milliseconds", commandRetryDelay);
+  XRV_TRACE_DETAIL("Commands may write up to %lld bytes to each of their output streams",
+                   outputSizeLimit);
   if (stdErrSizeLimit > 0) {
     XRV_TRACE_DETAIL(
         "CDP_DP_TRUNCATE_STDERR_DATA set, agent will truncate stdErr data  for shell commands "
@@ -286,6 +302,13 @@ int CommandWithTimeout::runCommand() {
                    rc_.load());
 
   if (ret == ETIMEDOUT) {
+    int launch = LAUNCH_PENDING;
+    if (launch_.compare_exchange_strong(launch, LAUNCH_CANCELLED)) {
+      XRV_TRACE_ERROR("Timeout before command %s was started, it will not be started cwtObject=%p",
+                      command_, static_cast<void*>(this));
+      return 1;
+    }
+    launch_ = LAUNCH_EXPIRED;  // before pid_ is read: see LaunchState
     const pid_t pid = pid_;
     XRV_TRACE_ERROR("Timeout waiting for command to complete -- %s with pid %d cwtObject=%p",
                     command_, pid, static_cast<void*>(this));
@@ -298,11 +321,8 @@ int CommandWithTimeout::runCommand() {
         if (kill(pid, SIGKILL) != 0) {
           XRV_TRACE_ERROR("Failed to send SIGUSR1 signal to pid %d with errno %d", pid, errno);
         }
-        // Reaps whatever child of the process has ended by now, not only this one.
-        pid_t reaped;
-        do {
-          reaped = waitpid(-1, nullptr, WNOHANG);
-        } while (reaped != 0 && reaped != -1);
+        // The worker reaps it. Reaping any other child here (waitpid(-1)) would take
+        // the exit status of another command that is just ending.
       }
       signal(STREAM_PROCESS_END);
     }
@@ -360,14 +380,28 @@ void CommandWithTimeout::runLocal() {
     text = withEnvironment.c_str();
   }
 
-  pinfo* info = startProc(text, this);
+  pinfo* info = startProc(text, this, &launch_);
   int error = errno;
   if (info == nullptr || info->stdoutFile == nullptr || info->stderrFile == nullptr) {
-    XRV_TRACE_ERROR("initial popen failed for command %s, errno=%d retrying in %d", text, error,
-                    commandRetryDelay);
-    fwSleepMillis(commandRetryDelay);
-    info = startProc(text, this);
-    error = errno;
+    discardProc(info);
+    int started = LAUNCH_STARTED;
+    // The retry is a start of its own: a time-out during the delay cancels it.
+    if (error != ECANCELED && launch_.compare_exchange_strong(started, LAUNCH_PENDING)) {
+      XRV_TRACE_ERROR("initial popen failed for command %s, errno=%d retrying in %d", text, error,
+                      commandRetryDelay);
+      fwSleepMillis(commandRetryDelay);
+      info = startProc(text, this, &launch_);
+      error = errno;
+    } else {
+      info = nullptr;
+      error = ECANCELED;
+    }
+  }
+  if (info == nullptr && error == ECANCELED) {
+    XRV_TRACE_DETAIL("command %s timed out before it started, not starting it", command_);
+    setStatus(CWT_START_FAILED);
+    signal(STREAM_PROCESS_END);
+    return;
   }
   if (info == nullptr) {
     if (envPrefix_ != nullptr) {
@@ -398,6 +432,10 @@ void CommandWithTimeout::runLocal() {
   }
 
   pid_ = info->pid;
+  if (launch_ == LAUNCH_EXPIRED && killProcess_) {
+    // The time-out came while the process was being made, before its pid was known.
+    kill(info->pid, SIGKILL);
+  }
   stdoutFile_ = info->stdoutFile;
   stderrFile_ = info->stderrFile;
   // Both streams are read at once, so that a full pipe never blocks the child. A
@@ -431,7 +469,7 @@ void CommandWithTimeout::runLocal() {
   const int ret = endProc(info);
   stdoutFile_ = nullptr;
   stderrFile_ = nullptr;
-  rc_ = ret;
+  rc_ = outputTooBig_ ? -1 : ret;  // too much output: no result, whatever its end
   XRV_TRACE_DETAIL("process cleanup for command <%s> return code ret=%d, rc=%d", command_, ret,
                    ret);
   if (timedOut_) {
@@ -488,12 +526,20 @@ void CommandWithTimeout::readStream(_StreamType stream) {
   buffer[0] = '\0';
 
   const int fd = fileno(file);
+  size_t nulBytes = 0;
   for (;;) {
     const size_t request = capacity - used - 1;
     const ssize_t n = read(fd, buffer + used, request);
     if (n > 0) {
+      nulBytes += replaceNulBytes(buffer + used, static_cast<size_t>(n));
       used += static_cast<size_t>(n);
       buffer[used] = '\0';
+      if (outputSizeLimit > 0 && used > static_cast<size_t>(outputSizeLimit)) {
+        refuseOversizedOutput(stream, fd);
+        free(buffer);
+        signal(stream);
+        return;
+      }
       if (static_cast<size_t>(n) == request) {
         capacity *= 2;
         char* grown = static_cast<char*>(realloc(buffer, capacity));
@@ -526,12 +572,37 @@ void CommandWithTimeout::readStream(_StreamType stream) {
   }
 
   buffer[used] = '\0';
+  if (nulBytes > 0) {
+    XRV_TRACE_ERROR("Output of command %s held %zu NUL bytes on %s, each read as '?'", command_,
+                    nulBytes, stream == STREAM_STDOUT ? "stdout" : "stderr");
+  }
   if (stream == STREAM_STDERR && stdErrSizeLimit > 0 && used > static_cast<size_t>(stdErrSizeLimit)) {
     XRV_TRACE_DETAIL("truncated stdErr length %d to %d", static_cast<int>(used), stdErrSizeLimit);
     buffer[stdErrSizeLimit] = '\0';
   }
   data = buffer;
   signal(stream);
+}
+
+void CommandWithTimeout::refuseOversizedOutput(_StreamType stream, int fd) {
+  XRV_TRACE_FN();
+  XRV_TRACE_ERROR(
+      "Command %s wrote more than %lld bytes to %s, killing it and dropping its output "
+      "cwtObject=%p",
+      command_, outputSizeLimit, stream == STREAM_STDOUT ? "stdout" : "stderr",
+      static_cast<void*>(this));
+  outputTooBig_ = true;
+  const pid_t pid = pid_;
+  if (pid > 1) {
+    kill(pid, SIGKILL);
+  }
+  // The pipe's read end is replaced by /dev/null (the stream still closes it), so
+  // that what the command left behind gets a broken pipe instead of writing on.
+  const int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  if (null >= 0) {
+    dup2(null, fd);
+    close(null);
+  }
 }
 
 void CommandWithTimeout::disposeWhenFinished(CommandWithTimeout* command) {
@@ -643,13 +714,18 @@ void addVartoUNIXEnv(XRV::String* out, const char* assignment) {
 
 // --- Local processes ---
 
-pinfo* startProc(const char* cmd, void* owner) {
+pinfo* startProc(const char* cmd, void* owner, std::atomic<int>* launch) {
   XRV_TRACE_FN();
   XRV_TRACE_DETAIL("locking to set up file descriptors - running in thread for %s, cwtObject=%p ",
                    cmd, owner);
   // Held until the parent has closed its write ends: a child started meanwhile by
   // another command would inherit them and keep this command's output open.
   PthreadMutexLock lock(fdLock);
+  int pending = LAUNCH_PENDING;
+  if (launch != nullptr && !launch->compare_exchange_strong(pending, LAUNCH_STARTED)) {
+    errno = ECANCELED;
+    return nullptr;
+  }
   int outPipe[2];
   int errPipe[2];
   if (pipe(outPipe) != 0) {
@@ -703,6 +779,16 @@ pinfo* startProc(const char* cmd, void* owner) {
                    cmd, owner);
   errno = openError;
   return info;
+}
+
+void discardProc(pinfo* info) {
+  if (info == nullptr) {
+    return;
+  }
+  if (info->pid > 1) {
+    kill(info->pid, SIGKILL);  // it has no usable output: nobody reads what it writes
+  }
+  endProc(info);
 }
 
 int endProc(pinfo* info) {

@@ -16,7 +16,14 @@
 //       With setKillProcess(true) the shell (not its own children) got SIGKILL.
 //    0  the command finished: getRC() is its exit status (126: not executable, 127:
 //       not found), getStdout() / getStderr() its output ("" when it printed
-//       nothing).
+//       nothing). A NUL byte in the output is read as '?', so that it does not end
+//       the text early.
+//
+// A time-out that comes before the process was started cancels the start: the
+// command never runs late, unsupervised. After a time-out with setKillProcess(true)
+// only this command's own process is reaped, never a child of another command.
+// A command that writes more than outputSizeLimit to a stream is killed and its
+// output dropped (-1, isOutputTooBig()).
 //
 // Status: 0 before the run, 1 while it runs, 7 once it is over (also after a kill).
 // Failure statuses (3, 4, 5, 6) are set on the way and at once overwritten by 7 when
@@ -80,6 +87,9 @@ extern PthreadMutex processLock;
 extern int commandRetryDelay;
 // When positive, captured standard error longer than this is cut to it; -1: never.
 extern int stdErrSizeLimit;
+// Bytes a command may write to one stream (64 MB): beyond it the command is killed,
+// its output dropped and the run reported as too big (isOutputTooBig).
+extern long long outputSizeLimit;
 
 // Traces the two settings above, once they are set at agent start.
 void traceCommandSettings();
@@ -118,6 +128,7 @@ class CommandWithTimeout {
   void setKillProcess(bool kill);
   bool getKillProcess() const { return killProcess_; }
   bool hasTimedOut() const { return timedOut_; }
+  bool isOutputTooBig() const { return outputTooBig_; }
   pid_t getPid() const { return pid_; }
 
   // Joins the worker thread (no-op when it was never started or already joined).
@@ -147,6 +158,8 @@ class CommandWithTimeout {
   void signal(_StreamType stream);
   void runLocal();
   void runRemote();
+  // A reader's stream passed outputSizeLimit: kill the command, stop its output.
+  void refuseOversizedOutput(_StreamType stream, int fd);
   // runCommand could not start a worker: the command mutex stays locked, since the
   // object is not run again; the destructor releases it.
   void abandonCommandMutex() XRV_RELEASE(commandMutex_);
@@ -173,6 +186,10 @@ class CommandWithTimeout {
   SshConnector* connector_ = nullptr;
   bool killProcess_ = false;
   std::atomic<bool> timedOut_{false};  // set by runCommand, read by the worker
+  // LaunchState: the start of the process, claimed by the worker or cancelled by a
+  // time-out (see startProc).
+  std::atomic<int> launch_{0};
+  std::atomic<bool> outputTooBig_{false};  // set by a reader
   bool streamRead_ XRV_GUARDED_BY(commandMutex_) = false;
   bool streamWaiter_ XRV_GUARDED_BY(commandMutex_) = false;
   // The worker is past its last use of the object / must delete it when it gets there.
@@ -183,10 +200,19 @@ class CommandWithTimeout {
   FILE* stderrFile_ = nullptr;
 };
 
+// The start of a command's process as its waiter and its worker agree on it: the
+// worker claims it (PENDING -> STARTED) under fdLock right before the process is
+// made; a time-out that comes first cancels it (PENDING -> CANCELLED); a time-out
+// after the claim marks it EXPIRED, and whoever of the two sees the pid second
+// kills the process when killing is on.
+enum LaunchState { LAUNCH_PENDING = 0, LAUNCH_STARTED = 1, LAUNCH_CANCELLED = 2, LAUNCH_EXPIRED = 3 };
+
 // Starts "/bin/sh -c cmd" with its standard output and standard error on two new
-// pipes; null when the pipes or the process could not be made (errno tells why).
-// `owner` appears in the traces only.
-pinfo* startProc(const char* cmd, void* owner);
+// pipes; null when the pipes or the process could not be made (errno tells why;
+// ECANCELED when `launch` was cancelled). `owner` appears in the traces only.
+pinfo* startProc(const char* cmd, void* owner, std::atomic<int>* launch = nullptr);
+// Kills the child of a half-made start (a stream could not be opened) and releases it.
+void discardProc(pinfo* info);
 // Closes both streams, waits for the child and frees `info`: the exit status, or -1
 // (errno EINVAL for null, ECHILD when it ended by a signal or was reaped elsewhere).
 int endProc(pinfo* info);

@@ -121,9 +121,11 @@ class ScriptXMLConfigParser : public XMLConfigParser {
       return;
     }
     const char* begin = getString(attributes, "begin");
-    if (begin != nullptr) {
-      metric_->setBeginDelimiter(begin);
+    if (begin == nullptr) {
+      metric_->setSeparator(end);  // an end alone is the attribute's own separator
+      return;
     }
+    metric_->setBeginDelimiter(begin);
     metric_->setEndDelimiter(end);
   }
 

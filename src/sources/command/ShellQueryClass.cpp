@@ -139,7 +139,7 @@ void ShellQueryClass::readSettings() {
   } else {
     value = fwGetEnv("CDP_DP_KILL_ORPHAN_SCRIPTS", nullptr);
     killOrphans_ = startsWithYes(value);
-    if (value != nullptr) {
+    if (killOrphans_) {  // set to "N": as good as not set
       XRV_TRACE_DETAIL(
           "CDP_DP_KILL_ORPHAN_SCRIPTS set, agent will attempt to kill timed out script "
           "processes for command %s.",
@@ -254,7 +254,12 @@ void ShellQueryClass::internalCollectData(const char* /*subnode*/) {
   }
   if (result != 0) {
     perfObjectStatus_ = PERF_OBJECT_INACTIVE;
-    if (useSsh_) {
+    if (command->isOutputTooBig()) {
+      // No partial table: the rows of a cut output would look complete.
+      perfErrorCode_ = RESPONSE_TOO_BIG;
+      XRV_TRACE_ERROR("output of command %s is too big, no rows kept, perfObjectErrorCode=%d",
+                      orNull(command_), perfErrorCode_.load());
+    } else if (useSsh_) {
       perfErrorCode_ = connector_->getErrorCode();
       XRV_TRACE_ERROR("SSH FAILED or command %s, status returned is %d", orNull(command_), result);
     } else {
@@ -327,7 +332,8 @@ void ShellQueryClass::processOutput(CommandWithTimeout* command) {
   for (;;) {
     line[0] = '\0';
     line[kLineBufferSize] = '\0';
-    if (command->getNextLineFromStdout(line, kLineBufferSize) == nullptr) {
+    const bool endOfOutput = command->getNextLineFromStdout(line, kLineBufferSize) == nullptr;
+    if (endOfOutput) {
       if (!(firstLine && createEmptyRow_)) {
         break;
       }
@@ -341,9 +347,9 @@ void ShellQueryClass::processOutput(CommandWithTimeout* command) {
             "stderr and return code to be returned.");
       } else {
         XRV_TRACE_DETAIL("the line is blank, skipping");
-        if (firstLine && createEmptyRow_) {
-          // Output with nothing but blank lines: without blank values there is no row
-          // to make, and the empty line would come back for ever.
+        if (endOfOutput) {
+          // The stand-in for no output: without blank values there is no row to make
+          // of it, and it would come back for ever.
           break;
         }
         continue;

@@ -190,6 +190,60 @@ TEST(CommandWithTimeout, TimeOutWithKillKillsTheShellButNotItsChildren) {
   EXPECT_TRUE(capture.containsText("process terminated after timeout for command <"));
 }
 
+TEST(CommandWithTimeout, KillingATimedOutCommandNeverReapsAnotherCommandsChild) {
+  // The first shell exits at once with 3, but its background sleep keeps its output
+  // open for 2 s: until then the shell is an unreaped child of the agent, exactly
+  // when the second command times out and is killed.
+  int firstResult = 0;
+  CommandWithTimeout first("sleep 2 & exit 3", 30);
+  std::thread running([&] { firstResult = first.runCommand(); });
+  CommandWithTimeout second("sleep 30", 1);
+  second.setKillProcess(true);
+  EXPECT_EQ(second.runCommand(), 1);
+  running.join();
+  EXPECT_EQ(firstResult, 0);
+  EXPECT_EQ(first.getRC(), 3) << "its status was taken by the other command's reaping";
+  second.join();
+}
+
+TEST(CommandWithTimeout, ATimeOutBeforeTheStartCancelsIt) {
+  char directory[] = "/tmp/xrv-cancel-XXXXXX";
+  ASSERT_NE(mkdtemp(directory), nullptr);
+  const std::string marker = std::string(directory) + "/ran";
+  CommandWithTimeout command(("touch " + marker).c_str(), 1);
+  command.setKillProcess(true);
+  {
+    // Another command holds the process-start lock for longer than the time-out.
+    PthreadMutexLock busy(fdLock);
+    EXPECT_EQ(command.runCommand(), 1);
+  }
+  ASSERT_TRUE(waitUntil([&] { return command.getStatus() == CWT_COMPLETED; }));
+  command.join();
+  EXPECT_NE(access(marker.c_str(), F_OK), 0) << "started after its time-out, unsupervised";
+  std::filesystem::remove_all(directory);
+}
+
+TEST(CommandWithTimeout, OutputBeyondTheLimitKillsTheCommandAndKeepsNothing) {
+  const long long saved = outputSizeLimit;
+  outputSizeLimit = 1 << 20;
+  struct Case {
+    const char* command;
+    const char* stream;
+  };
+  // An endless writer behind a pipe (the shell is not the writer) and one on stderr.
+  for (const Case& c : {Case{"yes | cat", "stdout"}, Case{"yes >&2", "stderr"}}) {
+    SCOPED_TRACE(c.command);
+    TraceCapture capture;
+    CommandWithTimeout command(c.command, 30);
+    const Clock::time_point start = Clock::now();
+    EXPECT_EQ(command.runCommand(), -1);
+    EXPECT_LT(secondsSince(start), 10.0);
+    EXPECT_TRUE(command.isOutputTooBig());
+    EXPECT_TRUE(capture.containsText(std::string("bytes to ") + c.stream + ", killing it"));
+  }
+  outputSizeLimit = saved;
+}
+
 TEST(CommandWithTimeout, TimeOutWithoutKillRunsOnUntilTheListReapsIt) {
   Deletions deletions;
   CommandWithTimeoutList list;
@@ -497,47 +551,48 @@ TEST(CommandWithTimeout, CleanupReapsOnlyFinishedCommandsAndKeepsTheOrder) {
   add("true", 10);
   add("error", 10, CWT_ERROR);
   add("not started", 10, CWT_NOT_STARTED);
-  add("sleep 2", 0);
+  // (A time-out of 0 would cancel the start: these time out while they run.)
+  add("sleep 3", 1);
   // Timed out but finished by now: its worker must still be joined.
-  CommandWithTimeout* late = add("sleep 0.2", 0);
+  CommandWithTimeout* late = add("sleep 1.2", 1);
   add("start failed", 10, CWT_START_FAILED);
   ASSERT_TRUE(waitUntil([&] { return late->getStatus() == CWT_COMPLETED; }));
 
   list.cleanupFinishedCommands();
-  EXPECT_EQ(deletions.names(), (std::vector<std::string>{"true", "error", "sleep 0.2"}));
+  EXPECT_EQ(deletions.names(), (std::vector<std::string>{"true", "error", "sleep 1.2"}));
   std::vector<std::string> kept;
   for (int i = 0; i < list.getCount(); ++i) {
     kept.push_back(list.getCommand(i)->getCmd());
   }
-  EXPECT_EQ(kept, (std::vector<std::string>{"not started", "sleep 2", "start failed"}));
+  EXPECT_EQ(kept, (std::vector<std::string>{"not started", "sleep 3", "start failed"}));
 
   ASSERT_TRUE(waitUntil([&] { return list.getCommand(1)->getStatus() == CWT_COMPLETED; }));
   list.cleanupFinishedCommands();
   EXPECT_EQ(list.getCount(), 2);
-  EXPECT_TRUE(deletions.contains("sleep 2"));
+  EXPECT_TRUE(deletions.contains("sleep 3"));
 }
 
 TEST(CommandWithTimeout, DisposeWhenFinishedDeletesNowOrWhenTheWorkerEnds) {
   Deletions deletions;
-  auto* running = new TrackedCommand("sleep 0.5", 0, &deletions);
+  auto* running = new TrackedCommand("sleep 1.5", 1, &deletions);
   auto* finished = new TrackedCommand("echo", 10, &deletions);
   ASSERT_EQ(finished->runCommand(), 0);
   ASSERT_EQ(running->runCommand(), 1);
   CommandWithTimeout::disposeWhenFinished(finished);
   CommandWithTimeout::disposeWhenFinished(running);
   EXPECT_EQ(deletions.names(), std::vector<std::string>{"echo"});
-  EXPECT_TRUE(waitUntil([&] { return deletions.contains("sleep 0.5"); }));
+  EXPECT_TRUE(waitUntil([&] { return deletions.contains("sleep 1.5"); }));
 
   // The list's destructor does the same for what it still holds.
   {
     CommandWithTimeoutList list;
-    auto* timedOut = new TrackedCommand("sleep 0.3", 0, &deletions);
+    auto* timedOut = new TrackedCommand("sleep 1.3", 1, &deletions);
     timedOut->runCommand();
     list.addCommand(timedOut);
     list.addCommand(new TrackedCommand("never run", 10, &deletions));
   }
   EXPECT_TRUE(deletions.contains("never run"));
-  EXPECT_TRUE(waitUntil([&] { return deletions.contains("sleep 0.3"); }));
+  EXPECT_TRUE(waitUntil([&] { return deletions.contains("sleep 1.3"); }));
 }
 
 class FakeConnector : public SshConnector {

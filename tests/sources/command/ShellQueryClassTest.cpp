@@ -15,6 +15,7 @@
 #include "foundation/String.h"
 #include "provider/ResultInstance.h"
 #include "provider/ResultMetric.h"
+#include "sources/command/CommandWithTimeout.h"
 #include "sources/command/SshConnector.h"
 #include "support/TestConfiguration.h"
 #include "support/TraceCapture.h"
@@ -130,11 +131,11 @@ TEST_F(ShellQueryClassTest, CutsLinesByEveryTokenisingMode) {
        {"<delimString begin=\"&quot;\" end=\"&quot;\"/>", ""},
        "\"x,y\",z",
        {"x,y", "z"}},
-      {"an end delimiter alone is a separator of several characters",
+      {"an end delimiter alone is the attribute's own separator",
        comma,
-       {"<delimString end=\"::\"/>", ""},
-       "a,b::c",
-       {"a,b", "c"}},
+       {"<delimString end=\":;\"/>", ""},
+       "k;v,w",
+       {"k", "v"}},
       {"TAB stands for a tab",
        comma,
        {"<delimString end=\"TAB\"/>", "<delimSpecial isLast=\"true\"/>"},
@@ -224,6 +225,8 @@ TEST_F(ShellQueryClassTest, OutcomeOfTheCommandGivesRowsAndErrorCode) {
       {"rows", "printf 'a,1\\nb,2\\n'", {{"a", "1"}, {"b", "2"}}, OBJECT_ACTIVE, 0},
       {"CR LF line ends", "printf 'a,1\\r\\nb,2\\r\\n'", {{"a", "1"}, {"b", "2"}}, OBJECT_ACTIVE, 0},
       {"blank lines are skipped", "printf '\\na,1\\n\\n'", {{"a", "1"}}, OBJECT_ACTIVE, 0},
+      {"a NUL byte is read as '?'", "printf 'a\\0b,1\\nc,2\\n'", {{"a?b", "1"}, {"c", "2"}},
+       OBJECT_ACTIVE, 0},
       {"no output", "true", {}, NO_INSTANCES_RETURNED, 0},
       {"non-zero exit keeps the rows", "printf 'a,1\\n'; exit 3", {{"a", "1"}},
        SCRIPT_NONZERO_RETURN, 3},
@@ -278,6 +281,18 @@ TEST_F(ShellQueryClassTest, EmptyRowSettingAloneEndsInsteadOfLoopingOnTheEmptyLi
   auto provider = textProvider("true", 1);
   EXPECT_EQ(collectRows(*provider), Rows{});
   EXPECT_EQ(provider->getPerfErrorCode(), NO_INSTANCES_RETURNED);
+  // A blank first line is skipped like any blank line: the rows after it stay.
+  auto blankFirst = textProvider("printf '\\na\\nb\\n'", 1);
+  EXPECT_EQ(collectRows(*blankFirst), (Rows{{"a"}, {"b"}}));
+}
+
+TEST_F(ShellQueryClassTest, OutputAboveTheLimitGivesNoRowsAndResponseTooBig) {
+  const long long saved = outputSizeLimit;
+  outputSizeLimit = 64 * 1024;
+  auto provider = textProvider("printf 'a\\n'; yes | cat", 1);
+  EXPECT_EQ(collectRows(*provider), Rows{});
+  EXPECT_EQ(provider->getPerfErrorCode(), RESPONSE_TOO_BIG);
+  outputSizeLimit = saved;
 }
 
 TEST_F(ShellQueryClassTest, LongLinesAreCutAtTheLineBuffer) {
@@ -349,8 +364,13 @@ TEST_F(ShellQueryClassTest, KillOrphansSettingPerGroupComesBeforeTheAgentWide) {
                        : setenv("CDP_G_KILL_ORPHAN_SCRIPTS", c.group, 1);
     c.agent == nullptr ? unsetenv("CDP_DP_KILL_ORPHAN_SCRIPTS")
                        : setenv("CDP_DP_KILL_ORPHAN_SCRIPTS", c.agent, 1);
+    TraceCapture trace;
     ShellQueryClass provider("XRV", "g", "true", ",", nullptr, false, false, false);
     EXPECT_EQ(provider.getKillOrphans(), c.expected);
+    if (c.group == nullptr) {  // the agent-wide trace says what the setting does
+      EXPECT_TRUE(trace.containsText(c.expected ? "KILL_ORPHAN_SCRIPTS set, agent will attempt"
+                                                : "agent will not attempt to kill"));
+    }
   }
 }
 
