@@ -1,12 +1,12 @@
 #include "definition/ConfigXMLParser.h"
 
-#include <sys/stat.h>
-
 #include <cstdio>
 #include <cstring>
+#include <string>
 
 #include "definition/Parser.h"
 #include "foundation/FatalExit.h"
+#include "framework/api/ReadFile.h"
 #include "framework/api/Trace.h"
 
 namespace {
@@ -25,6 +25,7 @@ void ConfigXMLParser::startElement(const char* name, HashMap* attributes) {
     return;
   }
   if (current_ == nullptr) {
+    sawAgent_ = sawAgent_ || strcmp(name, "agent") == 0;
     current_ = findXMLConfigParser(name);
     if (current_ == nullptr) {
       unhandledElement(name, unhandledDepth_);
@@ -85,26 +86,21 @@ void reportDefinitionError(const char* message) {
 
 bool initFromFile(const char* path) {
   XRV_TRACE_FN();
-  FILE* file = path == nullptr ? nullptr : fopen(path, "rb");
-  if (file == nullptr) {
+  std::string document;
+  std::string problem;
+  if (!readWholeFile(path, maxReadFileBytes(), &document, &problem)) {
     XRV_TRACE_ERROR("Error opening file %s", path == nullptr ? "(null)" : path);
+    XRV_TRACE_ERROR("%s", problem.c_str());
     return false;
   }
-  struct stat status;
-  XRV::String document;
-  if (fstat(fileno(file), &status) != 0 ||
-      !document.reserve(static_cast<size_t>(status.st_size) + 1)) {
-    XRV_TRACE_ERROR("Error opening file %s", path);
-    fclose(file);
-    return false;
-  }
-  size_t read = fread(document.data(), 1, static_cast<size_t>(status.st_size), file);
-  document.setLength(read);
-  fclose(file);
-  XRV_TRACE_DETAIL("Read %zu bytes of agent definition from %s", read, path);
+  XRV_TRACE_DETAIL("Read %zu bytes of agent definition from %s", document.size(), path);
 
   ConfigXMLParser dispatcher;
   Parser parser(&dispatcher);
   parser.parse(document.data());
+  if (!dispatcher.sawAgentElement()) {
+    XRV_TRACE_ERROR("ERROR: %s holds no <agent> element: it is not an agent definition", path);
+    return false;
+  }
   return true;
 }

@@ -27,6 +27,10 @@ class ConfigXMLParser : public XMLConfigParser {
   // that find the definition unusable report through it (reportDefinitionError).
   static ConfigXMLParser* active();
 
+  // Whether the document had an <agent> element outside every registered element:
+  // a file without one is not an agent definition.
+  bool sawAgentElement() const { return sawAgent_; }
+
  protected:
   // An element outside every registered element that no parser handles; `depth` 0
   // is the document's root. Called before the element is skipped.
@@ -40,6 +44,7 @@ class ConfigXMLParser : public XMLConfigParser {
   XRV::String currentName_;
   int unhandledDepth_ = 0;
   bool failed_ = false;
+  bool sawAgent_ = false;
   ConfigXMLParser* previousActive_;
 };
 
@@ -49,6 +54,7 @@ class ConfigXMLParser : public XMLConfigParser {
 void reportDefinitionError(const char* message);
 
 // Reads the agent definition at `path` into the registered parsers. False when the
-// file cannot be read ("Error opening file %s" is traced); a syntax error does not
-// return (see ConfigXMLParser::fatalError).
+// file cannot be read ("Error opening file %s" is traced with the reason: missing, a
+// directory, a FIFO or device, larger than maxReadFileBytes()) or holds no <agent>
+// element; a syntax error does not return (see ConfigXMLParser::fatalError).
 bool initFromFile(const char* path);

@@ -10,6 +10,7 @@
 #include "definition/DefinitionWarnings.h"
 #include "definition/Parser.h"
 #include "foundation/HashMap.h"
+#include "framework/api/ReadFile.h"
 #include "framework/api/Trace.h"
 
 namespace {
@@ -122,18 +123,20 @@ bool DefinitionCheck::check(const std::string& document) {
   Parser parser(&dispatcher);
   dispatcher.setParser(&parser);
   parser.parse(buffer.data());
+  if (!error_.has_value() && !dispatcher.sawAgentElement()) {
+    error_ = DefinitionProblem{1, 1, "no <agent> element: this is not an agent definition"};
+  }
   return !error_.has_value();
 }
 
 bool DefinitionCheck::checkFile(const std::string& path) {
   XRV_TRACE_FN();
-  std::ifstream in(path, std::ios::binary);
-  if (!in) {
-    error_ = DefinitionProblem{0, 0, "cannot read " + path + ": " + strerror(errno)};
+  std::string text;
+  std::string problem;
+  if (!readWholeFile(path.c_str(), maxReadFileBytes(), &text, &problem)) {
+    error_ = DefinitionProblem{0, 0, problem};
     warnings_.clear();
     return false;
   }
-  std::ostringstream text;
-  text << in.rdbuf();
-  return check(text.str());
+  return check(text);
 }

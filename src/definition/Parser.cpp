@@ -38,32 +38,16 @@ constexpr size_t kShownNameLength = 32;
 
 constexpr int kLargestCodePoint = 0x10FFFF;
 
-// The body of a numeric character reference: decimal digits, or 'x' and hexadecimal
-// digits. False unless it is a number from 1 to 0x10FFFF.
-bool readCodePoint(const char* body, int* value) {
+// The body of a numeric character reference: an 'x' and hexadecimal digits, or decimal
+// digits, read as far as they go (as scanf's "%x" and "%d" read them: what follows
+// the number is ignored). False only when there is no number at all. The value is
+// not checked: each parser writes what it can of it.
+bool readCodePoint(const char* body, long long* value) {
   const int base = *body == 'x' ? 16 : 10;
-  const char* p = base == 16 ? body + 1 : body;
-  if (*p == '\0') {
-    return false;
-  }
-  int result = 0;
-  for (; *p != '\0'; ++p) {
-    int digit;
-    if (*p >= '0' && *p <= '9') {
-      digit = *p - '0';
-    } else if (base == 16 && *p >= 'a' && *p <= 'f') {
-      digit = *p - 'a' + 10;
-    } else if (base == 16 && *p >= 'A' && *p <= 'F') {
-      digit = *p - 'A' + 10;
-    } else {
-      return false;
-    }
-    result = result * base + digit;
-    if (result > kLargestCodePoint) {
-      return false;
-    }
-  }
-  if (result == 0) {
+  const char* digits = base == 16 ? body + 1 : body;
+  char* end = nullptr;
+  long long result = strtoll(digits, &end, base);
+  if (end == digits) {
     return false;
   }
   *value = result;
@@ -429,7 +413,7 @@ void Parser::reportError(const char* at, const char* format, const char* arg, co
 
 void Parser::decodeValue(char* entity, char* out, int* length) {
   XRV_TRACE_FN();
-  int value = 0;
+  long long value = 0;
   if (!readCodePoint(entity, &value)) {
     *length = 0;
     return;
@@ -440,14 +424,16 @@ void Parser::decodeValue(char* entity, char* out, int* length) {
 
 void DecodingParser::decodeValue(char* entity, char* out, int* length) {
   XRV_TRACE_FN();
-  int value = 0;
+  long long value = 0;
   if (!readCodePoint(entity, &value)) {
     *length = 0;
     return;
   }
-  int count = convertToUTF8(value, out, 4);
+  int count = value < 0 || value > kLargestCodePoint
+                  ? 0
+                  : convertToUTF8(static_cast<int>(value), out, 4);
   if (count == 0) {
-    // A surrogate: no character of its own.
+    // A surrogate, or beyond the last code point: no character of its own.
     out[0] = static_cast<char>(value & 0xFF);
     count = 1;
   }

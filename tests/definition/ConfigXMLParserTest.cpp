@@ -131,7 +131,13 @@ TEST_F(ConfigXMLParserTest, InitFromFile) {
   EXPECT_TRUE(initFromFile(path));
   ASSERT_NE(findAttributeGroupMeta("G"), nullptr);
   EXPECT_EQ(findAttributeGroupMeta("G")->rowSize(), 40);
+
+  std::ofstream(path) << "[agent]\nCDP_DP_CACHE_TTL = 60\n";
+  EXPECT_FALSE(initFromFile(path)) << "no <agent> element: not an agent with no tables";
+  EXPECT_TRUE(capture.containsText("holds no <agent> element"));
   unlink(path);
+  EXPECT_FALSE(initFromFile("/tmp")) << "a directory";
+  EXPECT_TRUE(capture.hasText("/tmp is a directory, not a file"));
 }
 
 TEST_F(ConfigXMLParserTest, RegistryHoldsEveryElementOfThisBuild) {

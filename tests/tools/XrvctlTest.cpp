@@ -1,11 +1,13 @@
 // xrvctl as an operator runs it: the real binary, its exit status and its output.
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -38,10 +40,12 @@ std::string uniqueTemp(const char* stem) {
   return path;
 }
 
-Outcome xrvctl(const std::string& arguments) {
+// `environment`: "NAME=value ..." for the command's environment.
+Outcome xrvctl(const std::string& arguments, const std::string& environment = "") {
   std::string out = uniqueTemp("xrvctl.out");
   std::string err = uniqueTemp("xrvctl.err");
-  std::string command = std::string(XRVCTL) + " " + arguments + " >" + out + " 2>" + err;
+  std::string command =
+      environment + " " + std::string(XRVCTL) + " " + arguments + " >" + out + " 2>" + err;
   int status = std::system(command.c_str());
   Outcome outcome{WIFEXITED(status) ? WEXITSTATUS(status) : -1, slurp(out), slurp(err)};
   unlink(out.c_str());
@@ -163,13 +167,18 @@ TEST(Xrvctl, ValidateComparesDataSourcesWithTheirGroups) {
 }
 
 TEST(Xrvctl, ValidateWarnsAboutADefinitionWithoutGroups) {
-  // Not XML at all reads as text outside any element: an empty definition.
-  std::string ini = writeTemp("agent.ini", "[agent]\nCDP_DP_CACHE_TTL = 60\n");
-  Outcome run = xrvctl("validate " + ini);
+  std::string empty = writeTemp("empty.xml", "<agent><appl name=\"XRV\" nodeType=\"XR\"/></agent>");
+  Outcome run = xrvctl("validate " + empty);
   EXPECT_EQ(run.status, 0);
-  EXPECT_EQ(run.err, ini + ": warning: The definition declares no attribute group: the agent "
-                           "would serve no table (is this an agent definition?)\n");
+  EXPECT_EQ(run.err, empty + ": warning: The definition declares no attribute group: the agent "
+                             "would serve no table (is this an agent definition?)\n");
   EXPECT_NE(run.out.find("0 attribute groups, 1 warning"), std::string::npos) << run.out;
+
+  // Not XML at all reads as text outside any element: no agent definition.
+  std::string ini = writeTemp("agent.ini", "[agent]\nCDP_DP_CACHE_TTL = 60\n");
+  run = xrvctl("validate " + ini);
+  EXPECT_EQ(run.status, 1);
+  EXPECT_NE(run.err.find("no <agent> element"), std::string::npos) << run.err;
 }
 
 TEST(Xrvctl, UsageAndUnreadableFiles) {
@@ -177,7 +186,32 @@ TEST(Xrvctl, UsageAndUnreadableFiles) {
   EXPECT_NE(xrvctl("validate").status, 0);
   Outcome missing = xrvctl("validate /nonexistent/definition.xml");
   EXPECT_EQ(missing.status, 1);
-  EXPECT_NE(missing.err.find("cannot read /nonexistent/definition.xml"), std::string::npos);
+  EXPECT_NE(missing.err.find("/nonexistent/definition.xml: cannot open"), std::string::npos);
+  // Refused before a byte is read: a FIFO would wait for a writer for ever.
+  char directory[] = "/tmp/xrv-files-XXXXXX";
+  ASSERT_NE(mkdtemp(directory), nullptr);
+  const std::string fifo = std::string(directory) + "/fifo";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  const std::string big = std::string(directory) + "/big.xml";
+  {
+    FILE* file = fopen(big.c_str(), "w");
+    ASSERT_NE(file, nullptr);
+    ASSERT_EQ(ftruncate(fileno(file), 3LL * 1024 * 1024), 0);
+    fclose(file);
+  }
+  struct Case {
+    std::string path;
+    const char* message;
+  };
+  for (const Case& c : {Case{directory, "is a directory, not a file"},
+                        Case{fifo, "is not a regular file"}, Case{"/dev/zero", "is not a regular file"},
+                        Case{big, "is larger than 2 MB"}}) {
+    SCOPED_TRACE(c.path);
+    Outcome refused = xrvctl("validate " + c.path, "XRV_MAX_FILE_MB=2");
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.err.find(c.message), std::string::npos) << refused.err;
+  }
+  std::filesystem::remove_all(directory);
 }
 
 // The agent's main node as xrvctl sample names it (the host without its domain).

@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include "framework/api/ConfigFile.h"
+#include "framework/api/ReadFile.h"
 #include "framework/api/Trace.h"
 
 namespace {
@@ -52,14 +53,12 @@ bool loadAgentConfig(std::string* error) {
     return true;
   }
   std::string problem;
-  std::ifstream in(path, std::ios::binary);
+  std::string text;
   XRV::ConfigFile parsed;
-  if (!in) {
-    problem = std::string(path) + ": cannot read the configuration file: " + strerror(errno);
+  if (!readWholeFile(path, maxReadFileBytes(), &text, &problem)) {
+    problem = "cannot read the configuration file: " + problem;
   } else {
-    std::ostringstream text;
-    text << in.rdbuf();
-    parsed.parse(text.str(), path, &problem);
+    parsed.parse(text, path, &problem);
   }
   if (!problem.empty()) {
     XRV_TRACE_ERROR("%s", problem.c_str());
