@@ -335,14 +335,14 @@ bool GenericAgent::isHistoryRequest() const {
 bool GenericAgent::addSubnodeTarget(const char* msn, std::vector<Target>* targets) {
   XRV_TRACE_FN();
   SubnodeManager& subnodes = getSubnodeManager();
-  UAClientClass* provider = subnodes.getSubnodeQueryClass(msn, meta_);
+  // Pinned under the manager's lock: the zombie killer keeps it until tsFreeQueryList.
+  UAClientClass* provider = subnodes.pinSubnodeQueryClass(msn, meta_);
   if (provider == nullptr) {
     if (!subnodes.isManagingSubnode(msn)) {
       XRV_TRACE_ERROR("Subnode %s is not managed by this agent.", msn);
     }
     return false;
   }
-  provider->setGenericAgentInUse(true);
   targets->push_back(Target{provider, msn, true});
   return true;
 }
@@ -371,8 +371,7 @@ std::vector<GenericAgent::Target> GenericAgent::tsGetQueryList() {
     }
     if (listed == 0) {
       // The framework named no subnodes: every subnode of the group.
-      for (UAClientClass* provider : getSubnodeManager().getAllSubnodeQueryClasses(meta_)) {
-        provider->setGenericAgentInUse(true);
+      for (UAClientClass* provider : getSubnodeManager().pinAllSubnodeQueryClasses(meta_)) {
         auto* results = dynamic_cast<ResultsManager*>(provider);
         targets.push_back(
             Target{provider, results == nullptr ? "" : results->getOriginNode(), true});

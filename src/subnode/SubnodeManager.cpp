@@ -42,9 +42,6 @@ constexpr size_t kKeyLimit = 25;
 constexpr size_t kKeyLimitWithoutType = 29;
 constexpr size_t kTypeLimit = 3;
 constexpr int kDefaultGarbageCollectionInterval = 600;
-// A zombie is deleted no earlier than in its second pass, so that whoever looked its
-// provider up just before the subnode was removed has a whole interval to mark it.
-constexpr int kPassesBeforeDeletion = 2;
 
 const char* const kAffinityFeatures[] = {"AFF_FEAT_DM_PARITY", "AFF_FEAT_AGENT_MGMT",
                                          "AFF_FEAT_INTERNATIONALIZATION"};
@@ -655,7 +652,7 @@ bool SubnodeManager::removeSubnodeLocked(const char* msnArgument) {
       results->removeSummaryQuery();
     }
     provider->setZombie(true);
-    zombies_.push_back(Zombie{provider, 0});
+    zombies_.push_back(Zombie{provider});
     XRV_TRACE_DETAIL("Queued the %s provider of msn=\"%s\" for the zombie killer",
                      provider->getAttributeGroup(), msn.c_str());
     const AttributeGroupMeta* meta = provider->getAttributeGroupMeta();
@@ -834,6 +831,12 @@ void SubnodeManager::discoveryAttributeGroupWasUpdated(ResultsManager* discovery
   }
 
   PthreadMutexLock guard(lock_);
+  if (discoveryProvider->isZombie()) {
+    // Removed while its rows were read (zombies are marked under this lock).
+    XRV_TRACE_DETAIL("Ignoring the rows of %s: its subnode was removed",
+                     discoveryProvider->getAttributeGroup());
+    return;
+  }
   for (const auto& [msn, row] : found) {
     addSubnodeLocked(msn.c_str(), row->key.c_str(), row->type.c_str(), row->affinity.c_str(),
                      row->version.c_str(), discoveryProvider, row->online);
@@ -901,6 +904,34 @@ UAClientClass* SubnodeManager::getSubnodeQueryClass(const char* msn,
                                                     const AttributeGroupMeta* meta) {
   XRV_TRACE_FN();
   PthreadMutexLock guard(lock_);
+  return findSubnodeQueryClassLocked(msn, meta);
+}
+
+UAClientClass* SubnodeManager::pinSubnodeQueryClass(const char* msn,
+                                                    const AttributeGroupMeta* meta) {
+  XRV_TRACE_FN();
+  PthreadMutexLock guard(lock_);
+  UAClientClass* provider = findSubnodeQueryClassLocked(msn, meta);
+  if (provider != nullptr) {
+    provider->setGenericAgentInUse(true);
+  }
+  return provider;
+}
+
+std::vector<UAClientClass*> SubnodeManager::pinAllSubnodeQueryClasses(
+    const AttributeGroupMeta* meta) {
+  XRV_TRACE_FN();
+  PthreadMutexLock guard(lock_);
+  std::vector<UAClientClass*> all = allSubnodeQueryClassesLocked(meta);
+  for (UAClientClass* provider : all) {
+    provider->setGenericAgentInUse(true);
+  }
+  return all;
+}
+
+UAClientClass* SubnodeManager::findSubnodeQueryClassLocked(const char* msn,
+                                                           const AttributeGroupMeta* meta) {
+  XRV_TRACE_SITE();
   const Subnode* subnode = findSubnode(msn);
   if (subnode == nullptr) {
     XRV_TRACE_ERROR("Failed for msn=\"%s\", meta=%p, because msn is not in _msnToQueries",
@@ -950,13 +981,18 @@ UAClientClass* SubnodeManager::getSubnodeQueryClassByKey(const char* key,
 std::vector<UAClientClass*> SubnodeManager::getAllSubnodeQueryClasses(
     const AttributeGroupMeta* meta) {
   XRV_TRACE_FN();
+  PthreadMutexLock guard(lock_);
+  return allSubnodeQueryClassesLocked(meta);
+}
+
+std::vector<UAClientClass*> SubnodeManager::allSubnodeQueryClassesLocked(
+    const AttributeGroupMeta* meta) {
   std::vector<UAClientClass*> all;
   auto append = [&all](const List* list) {
     for (int i = 0; list != nullptr && i < list->getCount(); ++i) {
       all.push_back(static_cast<UAClientClass*>(list->get(i)));
     }
   };
-  PthreadMutexLock guard(lock_);
   if (meta != nullptr) {
     append(static_cast<const List*>(agToQueries_.get(meta->getGroupName())));
     return all;
@@ -1138,8 +1174,7 @@ int SubnodeManager::runGarbageCollection() {
     XRV_TRACE_DETAIL("Beginning garbage collection interval, %d zombies on queue",
                      static_cast<int>(zombies_.size()));
     std::unordered_set<const UAClientClass*> queued;
-    for (Zombie& zombie : zombies_) {
-      ++zombie.passes;
+    for (const Zombie& zombie : zombies_) {
       queued.insert(zombie.provider);
     }
     // A live provider that reads from a zombie keeps it, for as long as it does.
@@ -1182,9 +1217,7 @@ int SubnodeManager::runGarbageCollection() {
                          shortAddress(provider));
         auto* results = dynamic_cast<ResultsManager*>(provider);
         const char* busy = nullptr;
-        if (zombie->passes < kPassesBeforeDeletion) {
-          busy = "removed less than one interval ago";
-        } else if (provider->genericAgentInUse()) {
+        if (provider->genericAgentInUse()) {
           busy = "in use by a framework request";
         } else if (provider->isOnQueue()) {
           busy = "queued for a collection";

@@ -28,10 +28,12 @@
 // taken while it is held. The zombie killer's control state has a lock of its own.
 //
 // A provider pointer handed out by a lookup stays valid after the lock is released
-// only while the provider is live, or while the caller has it marked in use
-// (setGenericAgentInUse) or on the collection queue (setOnQueue). Callers set the mark
-// right after the lookup: the zombie killer never deletes a provider during the first
-// garbage-collection interval after its subnode was removed, which covers the gap.
+// only while the provider is live, or while it is pinned: marked in use
+// (setGenericAgentInUse) or on the collection queue (markOnQueue). The mark must be
+// set while the lock is still held, by the pin* lookups or inside the callback of
+// forEachSubnodeQueryClass; the zombie killer, which decides under the same lock,
+// never deletes a pinned provider. A caller that uses a provider without a pin works
+// with a pointer that may already be gone.
 //
 // Thread-safety: every public operation may be called from any thread.
 
@@ -157,6 +159,12 @@ class SubnodeManager {
   // `meta` is null).
   std::vector<UAClientClass*> getAllSubnodeQueryClasses(const AttributeGroupMeta* meta)
       XRV_EXCLUDES(lock_);
+  // The two lookups above, with each provider found pinned (marked in use) before the
+  // lock is released. The caller ends each pin with setGenericAgentInUse(false).
+  UAClientClass* pinSubnodeQueryClass(const char* msn, const AttributeGroupMeta* meta)
+      XRV_EXCLUDES(lock_);
+  std::vector<UAClientClass*> pinAllSubnodeQueryClasses(const AttributeGroupMeta* meta)
+      XRV_EXCLUDES(lock_);
   // Calls `fn` for every subnode provider of the group, in the order added, while
   // holding the lock. `fn` must not call back into the manager.
   void forEachSubnodeQueryClass(const char* attributeGroup,
@@ -193,8 +201,11 @@ class SubnodeManager {
   struct DiscoverySource;
   struct Zombie {
     UAClientClass* provider;
-    int passes;  // garbage-collection passes it has been through
   };
+  UAClientClass* findSubnodeQueryClassLocked(const char* msn, const AttributeGroupMeta* meta)
+      XRV_REQUIRES(lock_);
+  std::vector<UAClientClass*> allSubnodeQueryClassesLocked(const AttributeGroupMeta* meta)
+      XRV_REQUIRES(lock_);
   struct DiscoveredRow;
 
   Subnode* findSubnode(const char* msn) const XRV_REQUIRES(lock_);
