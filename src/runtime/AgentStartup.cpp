@@ -353,9 +353,15 @@ int load_agents() {
   return 0;
 }
 
+void fwBeginTerminate() {
+  XRV_TRACE_FN();
+  stopAllCommands();
+}
+
 void fwTerminate() {
   XRV_TRACE_FN();
   writeAgentAuditRecord("The agent is shutting down.", "Shutdown", "Stop", "XRV9001I");
+  stopAllCommands();  // when the host did not begin with it
   fwShutdown(1);
   if (refreshThread != nullptr) {
     refreshThread->refreshShutdown();

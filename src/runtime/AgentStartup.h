@@ -33,6 +33,10 @@ void fwInit();
 // The agent loader. Returns 0.
 int load_agents();
 
+// The first step of an orderly stop: ends every running command (killed as after a
+// time-out) and starts no new one, so that nothing waits for a script that hangs.
+void fwBeginTerminate();
+
 // Stops the collection threads and destroys every data provider, every attribute
 // group and its table server. The framework has been told to shut down first.
 void fwTerminate();

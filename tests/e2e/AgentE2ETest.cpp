@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <future>
 #include <string>
 #include <thread>
@@ -314,6 +315,27 @@ TEST(AgentE2E, XrvctlQueriesAndStopsTheAgent) {
   EXPECT_EQ(status, 0);
   ASSERT_TRUE(agent.waitForExit(seconds(10), &status));
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << describe(status);
+}
+
+TEST(AgentE2E, XrvctlStopEndsTheAgentWhileAScriptHangs) {
+  AgentProcess agent(e2eAgent({{"XRV_ADMIN_TOKEN", "ctl-token"}}));
+  ASSERT_TRUE(agent.waitUntilServing()) << agent.standardError();
+  // The request waits for a script that runs 30 seconds (its time-out is longer).
+  auto request = std::async(std::launch::async, [&] { return get(agent, "/api/v1/tables/Slow"); });
+  const auto deadline = std::chrono::steady_clock::now() + seconds(10);
+  while (!std::filesystem::exists(agent.stateDirectory() + "/slow-started") &&
+         std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(milliseconds(20));
+  }
+  std::this_thread::sleep_for(milliseconds(200));  // the shell is in its sleep
+  const auto stopping = std::chrono::steady_clock::now();
+  int status = 0;
+  run(std::string(XRVCTL) + " stop --url " + agent.url() + " --token ctl-token", &status);
+  EXPECT_EQ(status, 0);
+  ASSERT_TRUE(agent.waitForExit(seconds(5), &status)) << "still waiting for the script";
+  EXPECT_LT(std::chrono::steady_clock::now() - stopping, seconds(5));
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << describe(status);
+  request.wait();
 }
 
 TEST(AgentE2E, TheDemoRuns) {

@@ -140,6 +140,9 @@ int StandaloneHost::run(int /*argc*/, char** /*argv*/) {
 
   const StopReason reason = waitForStop();
   XRV_TRACE_DETAIL("Stopping: %s", reason == ORDERLY ? "orderly shutdown" : "framework shutdown");
+  if (reason == ORDERLY && stoppingHook_ != nullptr) {
+    stoppingHook_();
+  }
   server_->stop();
   if (reason == ORDERLY) {
     if (terminateHook_ != nullptr) {

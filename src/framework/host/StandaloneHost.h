@@ -66,6 +66,10 @@ class StandaloneHost : public FrameworkHost {
   // The agent's orderly teardown, called on the main thread once HTTP serving has
   // stopped.
   void setTerminateHook(TerminateHook hook) { terminateHook_ = hook; }
+  // Called first when an orderly stop begins, before HTTP serving stops: ends the
+  // work that requests may be waiting for (running commands), so that neither the
+  // requests nor the teardown wait for it.
+  void setStoppingHook(TerminateHook hook) { stoppingHook_ = hook; }
   // Starts the orderly shutdown (what POST /api/v1/shutdown does).
   void requestStop();
   // Waits until the HTTP server serves; false when run() ended first or the time ran
@@ -109,6 +113,7 @@ class StandaloneHost : public FrameworkHost {
   std::atomic<int> stopReason_{NOT_STOPPING};
   std::atomic<FwAgentLoader> loader_{nullptr};
   TerminateHook terminateHook_ = nullptr;
+  TerminateHook stoppingHook_ = nullptr;
 
   TableCatalog catalog_;
   NodeRegistry nodes_;

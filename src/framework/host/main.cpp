@@ -15,6 +15,7 @@ int main(int argc, char** argv) {
   // Lives as long as the process: a signal handler may still reach it while the
   // process ends.
   auto* host = new XRV::host::StandaloneHost();
+  host->setStoppingHook(fwBeginTerminate);
   host->setTerminateHook(fwTerminate);
   fwSetHost(host);
   const int status = agentMain(argc, argv);

@@ -11,7 +11,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <mutex>
 #include <new>
+#include <unordered_set>
 
 #include "foundation/HashMap.h"
 #include "foundation/String.h"
@@ -239,6 +241,7 @@ void CommandWithTimeout::signal(_StreamType stream) {
     return;
   }
   if (stream == STREAM_PROCESS_END) {
+    processEnded_ = true;
     pthread_cond_signal(&doneCondition_);
     // Whatever failure was set on the way, the run is over now.
     setStatus(CWT_COMPLETED);
@@ -296,11 +299,25 @@ int CommandWithTimeout::runCommand() {
     return -1;
   }
   workerStarted_ = true;
-  int ret = pthread_cond_timedwait(&doneCondition_, commandMutex_.native(), &deadline);
+  // Known to stopAllCommands while it waits (registered with the command mutex held,
+  // so that its wake-up cannot come before the wait).
+  const bool stopping = !registerRunning(this);
+  aborted_ = aborted_ || stopping;
+  int ret = 0;
+  while (!processEnded_ && !aborted_ && ret != ETIMEDOUT) {
+    ret = pthread_cond_timedwait(&doneCondition_, commandMutex_.native(), &deadline);
+  }
+  const bool aborted = aborted_ && !processEnded_;
   commandMutex_.unlock();
+  unregisterRunning(this);
   XRV_TRACE_DETAIL("pthread_cond_timedwait for command %s ret=%d, rc=%d", command_, ret,
                    rc_.load());
 
+  if (aborted) {
+    XRV_TRACE_DETAIL("The agent is stopping: ending command %s", command_);
+    killProcess_ = true;  // an agent that stops leaves no command of its own running
+    ret = ETIMEDOUT;
+  }
   if (ret == ETIMEDOUT) {
     int launch = LAUNCH_PENDING;
     if (launch_.compare_exchange_strong(launch, LAUNCH_CANCELLED)) {
@@ -584,6 +601,53 @@ void CommandWithTimeout::readStream(_StreamType stream) {
   signal(stream);
 }
 
+// --- Stopping the agent ---
+
+namespace {
+
+// The commands waiting in runCommand, and whether the agent stops.
+std::mutex runningMutex;
+std::unordered_set<CommandWithTimeout*> runningCommands;
+bool agentStopping = false;
+
+}  // namespace
+
+bool CommandWithTimeout::registerRunning(CommandWithTimeout* command) {
+  std::lock_guard<std::mutex> lock(runningMutex);
+  if (agentStopping) {
+    return false;
+  }
+  runningCommands.insert(command);
+  return true;
+}
+
+void CommandWithTimeout::unregisterRunning(CommandWithTimeout* command) {
+  std::lock_guard<std::mutex> lock(runningMutex);
+  runningCommands.erase(command);
+}
+
+void CommandWithTimeout::abort() {
+  PthreadMutexLock lock(commandMutex_);
+  aborted_ = true;
+  pthread_cond_signal(&doneCondition_);
+}
+
+void stopAllCommands() {
+  XRV_TRACE_FN();
+  std::lock_guard<std::mutex> lock(runningMutex);
+  agentStopping = true;
+  XRV_TRACE_DETAIL("Ending %zu running commands", runningCommands.size());
+  // A registered command's mutex is held only briefly (it is waiting, or about to).
+  for (CommandWithTimeout* command : runningCommands) {
+    command->abort();
+  }
+}
+
+void allowCommandsAgain() {
+  std::lock_guard<std::mutex> lock(runningMutex);
+  agentStopping = false;
+}
+
 void CommandWithTimeout::refuseOversizedOutput(_StreamType stream, int fd) {
   XRV_TRACE_FN();
   XRV_TRACE_ERROR(
@@ -603,6 +667,14 @@ void CommandWithTimeout::refuseOversizedOutput(_StreamType stream, int fd) {
     dup2(null, fd);
     close(null);
   }
+}
+
+bool CommandWithTimeout::workerFinished() {
+  if (!workerStarted_) {
+    return true;
+  }
+  PthreadMutexLock lock(commandMutex_);
+  return workerDone_;
 }
 
 void CommandWithTimeout::disposeWhenFinished(CommandWithTimeout* command) {
@@ -839,7 +911,7 @@ void CommandWithTimeoutList::cleanupFinishedCommands() {
   while (index < getCount()) {
     CommandWithTimeout* command = getCommand(index);
     const _CWTStatus status = command->getStatus();
-    if (status == CWT_ERROR || status == CWT_COMPLETED) {
+    if ((status == CWT_ERROR || status == CWT_COMPLETED) && command->workerFinished()) {
       XRV_TRACE_DETAIL(
           "Cleaning up CommandWithTimeout object that completed after timeout, cmd = %s, "
           "index = %d",

@@ -133,6 +133,9 @@ class CommandWithTimeout {
 
   // Joins the worker thread (no-op when it was never started or already joined).
   void join();
+  // Whether join() would return at once: the worker has ended or never ran. A killed
+  // command's worker may still wait for output that its children hold open.
+  bool workerFinished() XRV_EXCLUDES(commandMutex_);
   void join(pthread_t thread);
 
   // Whether `vars` has the name of `assignment` (the text before its first "=",
@@ -158,6 +161,12 @@ class CommandWithTimeout {
   void signal(_StreamType stream);
   void runLocal();
   void runRemote();
+  // The commands stopAllCommands reaches; false when the agent stops already.
+  static bool registerRunning(CommandWithTimeout* command);
+  static void unregisterRunning(CommandWithTimeout* command);
+  // Wakes runCommand, which then ends the run as after a time-out with killing on.
+  void abort() XRV_EXCLUDES(commandMutex_);
+  friend void stopAllCommands();
   // A reader's stream passed outputSizeLimit: kill the command, stop its output.
   void refuseOversizedOutput(_StreamType stream, int fd);
   // runCommand could not start a worker: the command mutex stays locked, since the
@@ -184,13 +193,15 @@ class CommandWithTimeout {
   std::atomic<pid_t> pid_{0};  // set by the worker, read by runCommand on a time-out
   char* envPrefix_ = nullptr;
   SshConnector* connector_ = nullptr;
-  bool killProcess_ = false;
+  std::atomic<bool> killProcess_{false};  // read by the worker after a late time-out
   std::atomic<bool> timedOut_{false};  // set by runCommand, read by the worker
   // LaunchState: the start of the process, claimed by the worker or cancelled by a
   // time-out (see startProc).
   std::atomic<int> launch_{0};
   std::atomic<bool> outputTooBig_{false};  // set by a reader
   bool streamRead_ XRV_GUARDED_BY(commandMutex_) = false;
+  bool processEnded_ XRV_GUARDED_BY(commandMutex_) = false;  // signal(STREAM_PROCESS_END)
+  bool aborted_ XRV_GUARDED_BY(commandMutex_) = false;       // stopAllCommands
   bool streamWaiter_ XRV_GUARDED_BY(commandMutex_) = false;
   // The worker is past its last use of the object / must delete it when it gets there.
   bool workerDone_ XRV_GUARDED_BY(commandMutex_) = false;
@@ -211,6 +222,13 @@ enum LaunchState { LAUNCH_PENDING = 0, LAUNCH_STARTED = 1, LAUNCH_CANCELLED = 2,
 // pipes; null when the pipes or the process could not be made (errno tells why;
 // ECANCELED when `launch` was cancelled). `owner` appears in the traces only.
 pinfo* startProc(const char* cmd, void* owner, std::atomic<int>* launch = nullptr);
+// For an orderly stop of the agent: every command waiting in runCommand ends as if
+// its time-out had come (1), with its process killed, and commands started from now
+// on end the same way before their process is made. allowCommandsAgain undoes the
+// latter (for tests).
+void stopAllCommands();
+void allowCommandsAgain();
+
 // Kills the child of a half-made start (a stream could not be opened) and releases it.
 void discardProc(pinfo* info);
 // Closes both streams, waits for the child and frees `info`: the exit status, or -1
@@ -230,7 +248,7 @@ class CommandWithTimeoutList : public List {
   CommandWithTimeout* getCommand(int index) const {
     return static_cast<CommandWithTimeout*>(get(index));
   }
-  // Joins and deletes every command whose status is 3 or 7. Blocks while the worker
-  // of such a command still waits for its output to close.
+  // Joins and deletes every command whose status is 3 or 7 and whose worker has
+  // ended; never waits for a worker.
   void cleanupFinishedCommands();
 };

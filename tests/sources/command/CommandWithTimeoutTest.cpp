@@ -223,6 +223,30 @@ TEST(CommandWithTimeout, ATimeOutBeforeTheStartCancelsIt) {
   std::filesystem::remove_all(directory);
 }
 
+TEST(CommandWithTimeout, StoppingTheAgentEndsRunningCommandsAndStartsNoMore) {
+  CommandWithTimeout hanging("sleep 30", 60);
+  int result = 0;
+  std::thread running([&] { result = hanging.runCommand(); });
+  ASSERT_TRUE(waitUntil([&] { return hanging.getPid() > 1; }));
+  const Clock::time_point stopping = Clock::now();
+  stopAllCommands();
+  running.join();
+  EXPECT_EQ(result, 1);
+  EXPECT_LT(secondsSince(stopping), 2.0);
+  hanging.join();
+  EXPECT_EQ(hanging.getRC(), -1) << "killed";
+
+  char directory[] = "/tmp/xrv-stop-XXXXXX";
+  ASSERT_NE(mkdtemp(directory), nullptr);
+  const std::string marker = std::string(directory) + "/ran";
+  CommandWithTimeout late(("touch " + marker).c_str(), 60);
+  EXPECT_EQ(late.runCommand(), 1);
+  late.join();
+  EXPECT_NE(access(marker.c_str(), F_OK), 0) << "started while the agent stops";
+  allowCommandsAgain();
+  std::filesystem::remove_all(directory);
+}
+
 TEST(CommandWithTimeout, OutputBeyondTheLimitKillsTheCommandAndKeepsNothing) {
   const long long saved = outputSizeLimit;
   outputSizeLimit = 1 << 20;
