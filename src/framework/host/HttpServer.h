@@ -3,10 +3,26 @@
 // HttpServer: the agent's embedded HTTP server. It routes requests to AgentApi and
 // writes its answers; see AgentApi.h for the endpoints.
 //
-// Requests are served by a fixed pool of threads, one connection per thread at a time
-// (a kept-alive connection gives its thread back after 20 requests or 2 idle seconds,
-// so that waiting connections get their turn). Bodies above 64 KiB are refused. Routes that do not
-// exist, wrong methods and oversized requests get a JSON error like every other failure.
+// One event loop (epoll) holds every connection, however slow or idle, at the cost
+// of its memory only; the work of a request (sampling a table may wait for a
+// collection) is handed to a small pool of threads while the loop goes on serving
+// the others. /healthz is answered by the loop itself.
+//
+// Limits, each answered with a JSON error and the connection closed after it:
+//   - the request head (request line and headers) must arrive whole within
+//     `headSeconds` of the connection's start or of the previous answer, however
+//     slowly it trickles in (slow clients are closed, not waited for);
+//   - at most `maxHeaders` header fields (431) and `maxHeadBytes` bytes of head
+//     (431, or 414 for the request line);
+//   - bodies of at most `maxBodyBytes`, announced by Content-Length (a larger one is
+//     refused before it is read: 413); a chunked body, whose size nothing announces,
+//     is refused before it is read (411: no endpoint needs a body);
+//   - at most `maxConnections` connections, `maxPerAddress` of them from one
+//     address (further ones are closed at once);
+//   - a known path with another method: 405 with Allow.
+// With `usersFile` set, every endpoint but the shutdown (guarded by the admin
+// token) needs HTTP basic authentication of a user of that file (bcrypt hashes).
+// With a certificate and key it speaks HTTPS only.
 //
 // Not thread-safe itself: one owner binds, starts and stops it.
 
@@ -19,23 +35,37 @@ namespace XRV::host {
 
 class AgentApi;
 
+struct HttpLimits {
+  int threads = 8;                  // request work, besides the event loop
+  unsigned maxConnections = 4096;   // bounded by the descriptors the process may open
+  unsigned maxPerAddress = 256;     // 0: no limit
+  unsigned headSeconds = 10;
+  unsigned idleSeconds = 30;        // a kept-alive connection without a request
+  unsigned maxHeaders = 100;
+  size_t maxHeadBytes = 16 * 1024;
+  size_t maxBodyBytes = 64 * 1024;
+  std::string tlsCertificateFile;   // both set: HTTPS
+  std::string tlsKeyFile;
+  std::string usersFile;            // set: basic authentication for reading
+};
+
 class HttpServer {
  public:
-  HttpServer(AgentApi& api, int threads);
+  HttpServer(AgentApi& api, const HttpLimits& limits);
   // Stops serving when still running.
   ~HttpServer();
   HttpServer(const HttpServer&) = delete;
   HttpServer& operator=(const HttpServer&) = delete;
 
-  // Binds the listening socket; false with the reason in *error. Port 0 takes any
-  // free port (see port()).
+  // Binds the listening socket and reads the TLS and user files; false with the
+  // reason in *error. Port 0 takes any free port (see port()).
   bool bind(const ListenAddress& address, std::string* error);
   // The bound port; 0 before bind.
   int port() const;
-  // Serves on a thread of its own until stop().
+  // Serves until stop().
   void start();
-  // Closes the listening socket, lets the requests in progress finish and returns
-  // once every serving thread has ended.
+  // Stops accepting, lets the requests in progress finish and returns once every
+  // serving thread has ended.
   void stop();
 
   struct Impl;

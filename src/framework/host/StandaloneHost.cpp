@@ -71,13 +71,24 @@ HostSettings HostSettings::fromConfiguration(std::string* warning) {
   if (!listen.empty()) {
     settings.listen = listen;
   }
-  settings.httpThreads =
-      static_cast<int>(numberSetting("XRV_HTTP_THREADS", 1, 64, settings.httpThreads, warning));
+  HttpLimits& http = settings.http;
+  http.threads = static_cast<int>(numberSetting("XRV_HTTP_THREADS", 1, 64, http.threads, warning));
+  auto limit = [warning](const char* name, long low, long high, unsigned fallback) {
+    return static_cast<unsigned>(numberSetting(name, low, high, fallback, warning));
+  };
+  http.maxConnections = limit("XRV_HTTP_MAX_CONNECTIONS", 16, 1000000, http.maxConnections);
+  http.maxPerAddress = limit("XRV_HTTP_MAX_CONNECTIONS_PER_ADDRESS", 0, 1000000, http.maxPerAddress);
+  http.headSeconds = limit("XRV_HTTP_HEAD_TIMEOUT", 1, 3600, http.headSeconds);
+  http.idleSeconds = limit("XRV_HTTP_IDLE_TIMEOUT", 1, 86400, http.idleSeconds);
+  http.maxHeaders = limit("XRV_HTTP_MAX_HEADERS", 1, 10000, http.maxHeaders);
+  http.tlsCertificateFile = setting("XRV_HTTP_TLS_CERT");
+  http.tlsKeyFile = setting("XRV_HTTP_TLS_KEY");
+  http.usersFile = setting("XRV_HTTP_USERS_FILE");
   settings.eventBuffer = static_cast<size_t>(numberSetting(
       "XRV_EVENT_BUFFER", 1, 10000000, static_cast<long>(settings.eventBuffer), warning));
   settings.adminToken = setting("XRV_ADMIN_TOKEN");
   XRV_TRACE_DETAIL("HTTP on %s with %d threads, %zu events kept, shutdown through HTTP %s",
-                   settings.listen.c_str(), settings.httpThreads, settings.eventBuffer,
+                   settings.listen.c_str(), settings.http.threads, settings.eventBuffer,
                    settings.adminToken.empty() ? "disabled" : "enabled");
   return settings;
 }
@@ -116,7 +127,7 @@ int StandaloneHost::run(int /*argc*/, char** /*argv*/) {
   catalog_.loadDefinition();
   api_ = std::make_unique<AgentApi>(catalog_, nodes_, *eventStore_, audit_, settings.adminToken,
                                     [this] { requestStop(); });
-  server_ = std::make_unique<HttpServer>(*api_, settings.httpThreads);
+  server_ = std::make_unique<HttpServer>(*api_, settings.http);
   if (!server_->bind(address, &problem)) {
     fprintf(stderr, "xrv-agent: %s\n", problem.c_str());
     XRV_TRACE_ERROR("%s", problem.c_str());

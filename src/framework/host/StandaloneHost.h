@@ -35,6 +35,7 @@
 #include "framework/api/Framework.h"
 #include "framework/host/AuditTrail.h"
 #include "framework/host/EventRing.h"
+#include "framework/host/HttpServer.h"
 #include "framework/host/NodeRegistry.h"
 #include "framework/host/TableCatalog.h"
 
@@ -45,7 +46,7 @@ class HttpServer;
 
 struct HostSettings {
   std::string listen = "127.0.0.1:9310";
-  int httpThreads = 16;
+  HttpLimits http;
   size_t eventBuffer = 10000;
   std::string adminToken;
 

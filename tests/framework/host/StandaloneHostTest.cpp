@@ -364,17 +364,19 @@ std::string rawRequest(int port, const std::string& request) {
 
 TEST_F(StandaloneHostTest, SurvivesHostileRequests) {
   const int port = host_->httpPort();
-  EXPECT_EQ(rawRequest(port, "GARBAGE\r\n\r\n"), "HTTP/1.1 400 Bad Request");
+  const std::string garbage = rawRequest(port, "GARBAGE\r\n\r\n");
+  EXPECT_TRUE(garbage.empty() || garbage.rfind("HTTP/1.1 400", 0) == 0) << garbage;
   EXPECT_EQ(rawRequest(port, "GET /api/v1/tables/" + std::string(20000, 'a') + " HTTP/1.1\r\n\r\n"),
             "HTTP/1.1 414 URI Too Long");
   EXPECT_EQ(rawRequest(port, "GET /api/v1/tables/%ZZ%00%ff HTTP/1.1\r\nHost: x\r\n\r\n"),
             "HTTP/1.1 404 Not Found");
   EXPECT_EQ(rawRequest(port, "POST /api/v1/shutdown HTTP/1.1\r\nContent-Length: 70000\r\n\r\n" +
-                                 std::string(70000, 'x')),
-            "HTTP/1.1 413 Payload Too Large");
+                                 std::string(70000, 'x'))
+                .substr(0, 12),
+            "HTTP/1.1 413");
   EXPECT_EQ(rawRequest(port, "GET /healthz HTTP/1.1\r\nX: " + std::string(20000, 'h') + "\r\n\r\n")
                 .substr(0, 12),
-            "HTTP/1.1 400");
+            "HTTP/1.1 431");
   EXPECT_EQ(get("/healthz").first, 200);
 }
 
@@ -466,7 +468,9 @@ TEST_F(StandaloneHostWithTokenTest, ShutsDownInOrderOnlyWithTheToken) {
     EXPECT_EQ(result->status, 401);
     EXPECT_EQ(result->get_header_value("WWW-Authenticate"), "Bearer");
   }
-  EXPECT_EQ(client_->Get("/api/v1/shutdown")->status, 404);  // POST only
+  httplib::Result wrongMethod = client_->Get("/api/v1/shutdown");
+  EXPECT_EQ(wrongMethod->status, 405);  // POST only
+  EXPECT_EQ(wrongMethod->get_header_value("Allow"), "POST");
   EXPECT_EQ(get("/healthz").first, 200);
 
   httplib::Result result = client_->Post(

@@ -197,7 +197,7 @@ TEST(CommandWithTimeout, KillingATimedOutCommandNeverReapsAnotherCommandsChild) 
   int firstResult = 0;
   CommandWithTimeout first("sleep 2 & exit 3", 30);
   std::thread running([&] { firstResult = first.runCommand(); });
-  CommandWithTimeout second("sleep 30", 1);
+  CommandWithTimeout second("exec sleep 30", 1);
   second.setKillProcess(true);
   EXPECT_EQ(second.runCommand(), 1);
   running.join();
@@ -224,7 +224,7 @@ TEST(CommandWithTimeout, ATimeOutBeforeTheStartCancelsIt) {
 }
 
 TEST(CommandWithTimeout, StoppingTheAgentEndsRunningCommandsAndStartsNoMore) {
-  CommandWithTimeout hanging("sleep 30", 60);
+  CommandWithTimeout hanging("exec sleep 30", 60);
   int result = 0;
   std::thread running([&] { result = hanging.runCommand(); });
   ASSERT_TRUE(waitUntil([&] { return hanging.getPid() > 1; }));

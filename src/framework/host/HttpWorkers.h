@@ -1,0 +1,45 @@
+#pragma once
+
+// HttpWorkers: the threads that do the work of HTTP requests (sampling a table may
+// wait for a collection) while the event loop goes on serving other connections.
+//
+// A bounded queue: when `kMaxQueued` requests already wait, submit() refuses (the
+// server answers 503) instead of letting a flood grow memory. stop() runs what is
+// queued and returns once every thread has ended: each job resumes a suspended
+// connection, which must happen before the event loop is stopped.
+//
+// Thread-safe.
+
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace XRV::host {
+
+class HttpWorkers {
+ public:
+  static constexpr size_t kMaxQueued = 4096;
+
+  explicit HttpWorkers(int threads);
+  ~HttpWorkers() { stop(); }
+  HttpWorkers(const HttpWorkers&) = delete;
+  HttpWorkers& operator=(const HttpWorkers&) = delete;
+
+  // False when the queue is full or the workers stopped; the job is not run then.
+  bool submit(std::function<void()> job);
+  void stop();
+
+ private:
+  void run();
+
+  std::mutex mutex_;
+  std::condition_variable work_;
+  std::deque<std::function<void()>> queue_;
+  bool stopping_ = false;
+  std::vector<std::thread> threads_;
+};
+
+}  // namespace XRV::host
