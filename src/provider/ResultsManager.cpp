@@ -341,6 +341,14 @@ void ResultsManager::collectDataIfNeeded(const char* subnode) {
   collectData(subnode);
 }
 
+bool ResultsManager::useCurrentCache() {
+  if (!UAClientClass::useCurrentCache()) {
+    return false;
+  }
+  ++cacheHits_;
+  return true;
+}
+
 bool ResultsManager::isCollecting() {
   if (pthread_mutex_trylock(collectingMutex_.native()) != 0) {
     return true;

@@ -107,6 +107,7 @@ class ResultsManager : public UAClientClass {
   // --- The collection cycle ---
   // Collects when the data have expired, else counts a cache hit.
   void collectDataIfNeeded(const char* subnode) override;
+  bool useCurrentCache() override;
   void collectData(const char* subnode) override;
   // The data source's part: fill the new list (addResultInstance).
   virtual void internalCollectData(const char* subnode) = 0;

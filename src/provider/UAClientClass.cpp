@@ -454,6 +454,14 @@ void UAClientClass::recordCollection(int64_t startMillis, int64_t endMillis) {
   stats_.maxDurationMillis = std::max(stats_.maxDurationMillis, duration);
 }
 
+bool UAClientClass::useCurrentCache() {
+  if (isOnQueue() || isExpired()) {
+    return false;
+  }
+  recordCacheHit();
+  return true;
+}
+
 void UAClientClass::recordCacheHit() {
   PthreadMutexLock lock(statsMutex_);
   stats_.cacheHits += 1;

@@ -128,6 +128,9 @@ class UAClientClass : public ListElement {
   // True when the data are at least the timeout interval old (never with only
   // forced collections).
   virtual bool isExpired();
+  // For a request that must not wait: true, counting a cache hit, when the cached
+  // rows are current and no collection is queued; false when one is due.
+  virtual bool useCurrentCache();
   int getTimeoutInterval() const { return timeoutInterval_; }
   void setTimeoutInterval(int seconds) { timeoutInterval_ = seconds < 1 ? 1 : seconds; }
 

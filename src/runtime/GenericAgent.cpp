@@ -315,7 +315,22 @@ void GenericAgent::TakeSample() {
   std::vector<Target> targets = tsGetQueryList();
   Collections collections;
   const size_t served = targets.size();
-  tsCollectData(targets, &collections);
+  if (GetRequestDetail()->IsCacheOnly()) {
+    // Nothing is collected here: the caller must not wait for a script.
+    for (const Target& target : targets) {
+      if (!target.provider->useCurrentCache()) {
+        XRV_TRACE_DETAIL("%s:%s needs a collection, the request must ask again",
+                         target.provider->getAttributeGroup(),
+                         orNone(target.provider->getSubnodeKey()));
+        GetRequestDetail()->SetWouldWait();
+        tsFreeQueryList(targets);
+        return;
+      }
+      notifyCollectionDone(target.provider);  // as after any cache hit
+    }
+  } else {
+    tsCollectData(targets, &collections);
+  }
   tsSubmitData(targets, &collections);
   tsFreeQueryList(targets);
   XRV_TRACE_DETAIL("Sample on table %s served %zu data providers in %lld ms", tableName_.c_str(),

@@ -281,6 +281,32 @@ TEST_F(GenericAgentTest, AHistoryRequestMarksItsProviderForThePurgeOfKeptRows) {
   EXPECT_FALSE(load->isPreviousRequestHistorical());
 }
 
+TEST_F(GenericAgentTest, ACacheOnlyRequestNeverCollects) {
+  GateProvider* load = gate("Load");
+  ContextInfo context(nullptr);
+  RequestDetail beforeAny("XRV", "TLoad");
+  beforeAny.SetCacheOnly(true);
+  EXPECT_EQ(sample("TLoad", beforeAny, context), Rows{});
+  EXPECT_TRUE(beforeAny.WouldWait()) << "nothing collected yet";
+  EXPECT_TRUE(load->threads().empty()) << "a cache-only request collected";
+
+  const Rows collected = demand("TLoad");
+  ASSERT_EQ(load->threads().size(), 1u);
+  RequestDetail current("XRV", "TLoad");
+  current.SetCacheOnly(true);
+  EXPECT_EQ(sample("TLoad", current, context), collected);
+  EXPECT_FALSE(current.WouldWait());
+  EXPECT_EQ(load->threads().size(), 1u);
+  EXPECT_EQ(load->getCacheHitCount(), 1);
+
+  load->setOnQueue(true);  // a collection is queued: its rows are about to change
+  RequestDetail queued("XRV", "TLoad");
+  queued.SetCacheOnly(true);
+  EXPECT_EQ(sample("TLoad", queued, context), Rows{});
+  EXPECT_TRUE(queued.WouldWait());
+  load->setOnQueue(false);
+}
+
 TEST_F(GenericAgentTest, RequestInformationReachesTheProvidersWithThePARMAReplaced) {
   GateProvider* provider = gate("Lookup", "", R"(<receive_req name="XRV_HOST"/>)");
   struct Case {

@@ -42,8 +42,9 @@ class RawConnection {
   bool send(const std::string& bytes) {
     return ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
   }
-  // What arrives until the peer closes or `seconds` pass; *closed says which.
-  std::string read(double seconds, bool* closed = nullptr) {
+  // What arrives until the peer closes, `seconds` pass or (when given) `until`
+  // has arrived; *closed says whether the peer closed.
+  std::string read(double seconds, bool* closed = nullptr, const char* until = nullptr) {
     std::string got;
     const Clock::time_point end =
         Clock::now() + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
@@ -62,6 +63,9 @@ class RawConnection {
         return got;
       }
       got.append(buffer, static_cast<size_t>(n));
+      if (until != nullptr && got.find(until) != std::string::npos) {
+        break;
+      }
     }
     if (closed != nullptr) {
       *closed = false;

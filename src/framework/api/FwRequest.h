@@ -93,6 +93,14 @@ class RequestDetail {
   const FwRowFilter* GetExceptionFilter() const { return exceptionFilter_; }
   void SetExceptionFilter(const FwRowFilter* filter) { exceptionFilter_ = filter; }
 
+  // A request that must not wait for a collection (asked from an event loop): the
+  // agent answers it from current cached rows or, when a collection is due, sends
+  // nothing and marks it (WouldWait) for the host to ask again where it may wait.
+  bool IsCacheOnly() const { return cacheOnly_; }
+  void SetCacheOnly(bool only) { cacheOnly_ = only; }
+  bool WouldWait() const { return wouldWait_; }
+  void SetWouldWait() { wouldWait_ = true; }
+
  private:
   std::string applicationName_;
   std::string tableName_;
@@ -105,6 +113,8 @@ class RequestDetail {
   std::vector<std::pair<std::string, std::string>> requestInfo_;
   FwRowSink* rowSink_ = nullptr;
   const FwRowFilter* exceptionFilter_ = nullptr;
+  bool cacheOnly_ = false;
+  bool wouldWait_ = false;
 };
 
 // Where the request is aimed: the main node, one subnode, or (history) every subnode.

@@ -137,7 +137,8 @@ ApiResponse AgentApi::tables() const {
   return ok(json.take());
 }
 
-ApiResponse AgentApi::table(const std::string& groupName, const QueryParams& query) const {
+ApiResponse AgentApi::table(const std::string& groupName, const QueryParams& query,
+                            bool withoutWaiting) const {
   XRV_TRACE_FN();
   if (auto refused =
           checkParams(query, {"node", "type", "parm", "filter", "interval", "request"})) {
@@ -202,9 +203,15 @@ ApiResponse AgentApi::table(const std::string& groupName, const QueryParams& que
     node.clear();
   }
 
+  request.cacheOnly = withoutWaiting;
   const SampleResult result = sampleTable(*manager, request);
   if (!result.ok) {
     return errorResponse(503, "table " + group->table + " refused the request");
+  }
+  if (result.wouldWait) {
+    ApiResponse later;
+    later.wouldWait = true;
+    return later;
   }
   JsonWriter json;
   json.beginObject().key("group").value(group->name).key("node");

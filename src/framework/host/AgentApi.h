@@ -37,6 +37,9 @@ struct ApiResponse {
   int status = 200;
   std::string body;
   const char* contentType = "application/json";
+  // Asked to answer without waiting, the answer needs a collection: ask again
+  // where waiting is allowed. Nothing else is set.
+  bool wouldWait = false;
 };
 
 // {"error": text} with `status`.
@@ -51,7 +54,9 @@ class AgentApi {
 
   ApiResponse health() const;
   ApiResponse tables() const;
-  ApiResponse table(const std::string& group, const QueryParams& query) const;
+  // `withoutWaiting`: answered from current cached rows only, else wouldWait.
+  ApiResponse table(const std::string& group, const QueryParams& query,
+                    bool withoutWaiting = false) const;
   ApiResponse nodes() const;
   ApiResponse events(const QueryParams& query) const;
   ApiResponse audit() const;

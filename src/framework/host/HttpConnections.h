@@ -4,10 +4,10 @@
 // request head. A connection's head clock starts when it is accepted and again when
 // an answer has gone out; a connection whose request head is not complete
 // `headSeconds` later (a client trickling a byte every few seconds, or saying
-// nothing at all) is shut down by a sweep once a second. The event loop closes it
+// nothing at all) is shut down by a sweep once a second. Its event loop closes it
 // then, as any connection whose peer went away.
 //
-// Thread-safe: the event loop reports connections and heads, the sweep runs on a
+// Thread-safe: the event loops report connections and heads, the sweep runs on a
 // thread of its own; one lock guards the table, and a descriptor is shut down only
 // while its connection is in the table (the loop reports a connection closed before
 // it closes the descriptor).
@@ -29,7 +29,7 @@ class HttpConnections {
   HttpConnections(const HttpConnections&) = delete;
   HttpConnections& operator=(const HttpConnections&) = delete;
 
-  // From the event loop.
+  // From the event loops.
   void opened(MHD_Connection* connection, void** socketContext);
   void closed(void** socketContext);
   void headDone(MHD_Connection* connection);

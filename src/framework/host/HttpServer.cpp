@@ -10,9 +10,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
+#include <thread>
 
 #include "framework/api/ReadFile.h"
 #include "framework/api/Trace.h"
@@ -25,6 +28,7 @@ namespace XRV::host {
 namespace {
 
 constexpr const char kRealm[] = "xrvagent";
+constexpr const char kStopping[] = "the agent is stopping";
 // Descriptors kept for everything but HTTP (scripts' pipes, files, the trace).
 constexpr rlim_t kReservedDescriptors = 256;
 
@@ -125,12 +129,14 @@ struct HttpServer::Impl {
   MHD_Daemon* daemon = nullptr;
   HttpConnections connections;
   HttpWorkers workers;
+  std::atomic<bool> stopping{false};  // requests from now on are answered 503
 
   Impl(AgentApi& agentApi, const HttpLimits& httpLimits)
       : api(agentApi), limits(httpLimits), connections(httpLimits.headSeconds),
         workers(httpLimits.threads) {}
 
-  ApiResponse answer(const Request& request, MHD_Connection* connection) {
+  ApiResponse answer(const Request& request, MHD_Connection* connection,
+                     bool withoutWaiting = false) {
     QueryParams query;
     MHD_get_connection_values(connection, MHD_GET_ARGUMENT_KIND, collectArgument, &query);
     switch (request.match.route) {
@@ -139,7 +145,7 @@ struct HttpServer::Impl {
       case Route::TABLES:
         return api.tables();
       case Route::TABLE:
-        return api.table(request.match.group, query);
+        return api.table(request.match.group, query, withoutWaiting);
       case Route::NODES:
         return api.nodes();
       case Route::EVENTS:
@@ -244,13 +250,28 @@ struct HttpServer::Impl {
       request->answered = true;
       return queue(connection, api.health(), false);
     }
+    if (stopping.load()) {
+      request->answered = true;
+      return refuse(connection, 503, kStopping);
+    }
+    if (request->match.route == Route::TABLE) {
+      // Most table requests find their rows current in the cache: answered on the
+      // loop at once, without two thread switches. Only one that needs a collection
+      // goes to a worker.
+      ApiResponse now = answer(*request, connection, true);
+      if (!now.wouldWait) {
+        request->answered = true;
+        return queue(connection, now, now.status >= 400);
+      }
+    }
     request->submitted = true;
     MHD_suspend_connection(connection);
     if (!workers.submit([this, connection, request] {
           request->answer = answer(*request, connection);
           MHD_resume_connection(connection);
         })) {
-      request->answer = errorResponse(503, "too many requests waiting, try again");
+      request->answer = errorResponse(
+          503, stopping.load() ? kStopping : "too many requests waiting, try again");
       MHD_resume_connection(connection);
     }
     return MHD_YES;
@@ -378,12 +399,17 @@ void HttpServer::start() {
   if (tls) {
     flags |= MHD_USE_TLS;
   }
+  // A second loop on a second processor overlaps reading one request with answering
+  // another; more loops than processors only add switches.
+  const unsigned loops =
+      std::clamp(std::thread::hardware_concurrency(), 1u, std::max(impl.limits.eventLoops, 1u));
   impl.daemon = MHD_start_daemon(
       flags, 0, nullptr, nullptr, accessHandler, &impl, MHD_OPTION_LISTEN_SOCKET, impl.listenFd,
       MHD_OPTION_CONNECTION_LIMIT, impl.limits.maxConnections, MHD_OPTION_PER_IP_CONNECTION_LIMIT,
       impl.limits.maxPerAddress, MHD_OPTION_CONNECTION_TIMEOUT, impl.limits.idleSeconds,
       MHD_OPTION_CONNECTION_MEMORY_LIMIT, impl.limits.maxHeadBytes,
-      MHD_OPTION_NOTIFY_COMPLETED, requestCompleted, &impl, MHD_OPTION_NOTIFY_CONNECTION,
+      MHD_OPTION_THREAD_POOL_SIZE, loops, MHD_OPTION_NOTIFY_COMPLETED, requestCompleted, &impl,
+      MHD_OPTION_NOTIFY_CONNECTION,
       connectionChanged, &impl, MHD_OPTION_EXTERNAL_LOGGER, logFromLibrary, nullptr,
       tls ? MHD_OPTION_HTTPS_MEM_CERT : MHD_OPTION_END, impl.certificate.c_str(),
       MHD_OPTION_HTTPS_MEM_KEY, impl.key.c_str(), MHD_OPTION_END);
@@ -401,16 +427,15 @@ void HttpServer::stop() {
   if (impl.daemon == nullptr) {
     return;
   }
-  // No new connection; the requests being worked on finish and resume their
-  // connections (a suspended connection must be resumed before the daemon goes).
-  const int listening = MHD_quiesce_daemon(impl.daemon);
+  // The requests being worked on finish and resume their connections (a suspended
+  // connection must be resumed before the daemon goes); later ones are refused.
+  // The listening socket stays with the daemon until it stops: taking it out of
+  // the event loops while they run races with the loops themselves.
+  impl.stopping.store(true);
   impl.workers.stop();
   impl.connections.stop();
-  MHD_stop_daemon(impl.daemon);
+  MHD_stop_daemon(impl.daemon);  // closes the listening socket
   impl.daemon = nullptr;
-  if (listening >= 0) {
-    close(listening);
-  }
   malloc_trim(0);
 }
 

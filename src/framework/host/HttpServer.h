@@ -3,10 +3,11 @@
 // HttpServer: the agent's embedded HTTP server. It routes requests to AgentApi and
 // writes its answers; see AgentApi.h for the endpoints.
 //
-// One event loop (epoll) holds every connection, however slow or idle, at the cost
-// of its memory only; the work of a request (sampling a table may wait for a
-// collection) is handed to a small pool of threads while the loop goes on serving
-// the others. /healthz is answered by the loop itself.
+// A few event loops (epoll, one per processor up to `eventLoops`) hold every
+// connection, however slow or idle, at the cost of its memory only. A loop answers
+// /healthz and a table request whose rows are current in the cache itself; other
+// work (a table that needs a collection, which may take as long as its script) is
+// handed to a small pool of threads while the loops go on serving the others.
 //
 // Limits, each answered with a JSON error and the connection closed after it:
 //   - the request head (request line and headers) must arrive whole within
@@ -36,7 +37,8 @@ namespace XRV::host {
 class AgentApi;
 
 struct HttpLimits {
-  int threads = 8;                  // request work, besides the event loop
+  int threads = 8;                  // request work, besides the event loops
+  unsigned eventLoops = 4;          // at most, and no more than there are processors
   unsigned maxConnections = 4096;   // bounded by the descriptors the process may open
   unsigned maxPerAddress = 256;     // 0: no limit
   unsigned headSeconds = 10;

@@ -1,12 +1,12 @@
 #pragma once
 
 // HttpWorkers: the threads that do the work of HTTP requests (sampling a table may
-// wait for a collection) while the event loop goes on serving other connections.
+// wait for a collection) while the event loops go on serving other connections.
 //
 // A bounded queue: when `kMaxQueued` requests already wait, submit() refuses (the
 // server answers 503) instead of letting a flood grow memory. stop() runs what is
 // queued and returns once every thread has ended: each job resumes a suspended
-// connection, which must happen before the event loop is stopped.
+// connection, which must happen before the event loops are stopped.
 //
 // Thread-safe.
 

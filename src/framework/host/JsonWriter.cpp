@@ -7,6 +7,13 @@
 
 namespace XRV::host {
 
+namespace {
+
+// The characters a JSON string cannot hold as they stand.
+bool needsEscape(unsigned char c) { return c < 0x20 || c == '"' || c == '\\' || c == 0x7F; }
+
+}  // namespace
+
 void appendJsonString(std::string& out, std::string_view text) {
   static constexpr char kHex[] = "0123456789abcdef";
   std::string valid;
@@ -17,8 +24,14 @@ void appendJsonString(std::string& out, std::string_view text) {
     text = valid;
   }
   out.push_back('"');
-  for (const char character : text) {
-    const auto c = static_cast<unsigned char>(character);
+  size_t plain = 0;  // start of the run of characters copied as they stand
+  for (size_t i = 0; i < text.size(); ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    if (!needsEscape(c)) {
+      continue;
+    }
+    out.append(text.data() + plain, i - plain);
+    plain = i + 1;
     switch (c) {
       case '"':
         out.append("\\\"");
@@ -36,15 +49,12 @@ void appendJsonString(std::string& out, std::string_view text) {
         out.append("\\t");
         break;
       default:
-        if (c < 0x20 || c == 0x7F) {
-          out.append("\\u00");
-          out.push_back(kHex[c >> 4]);
-          out.push_back(kHex[c & 0xF]);
-        } else {
-          out.push_back(character);
-        }
+        out.append("\\u00");
+        out.push_back(kHex[c >> 4]);
+        out.push_back(kHex[c & 0xF]);
     }
   }
+  out.append(text.data() + plain, text.size() - plain);
   out.push_back('"');
 }
 

@@ -73,6 +73,7 @@ SampleResult sampleTable(TableManager& manager, const SampleRequest& request) {
   if (request.parameter) {
     detail.SetParameter(request.parameter->c_str());
   }
+  detail.SetCacheOnly(request.cacheOnly);
   RowCollector collector;
   detail.SetRowSink(&collector);
 
@@ -90,6 +91,7 @@ SampleResult sampleTable(TableManager& manager, const SampleRequest& request) {
   fwRequest->TakeSampleDestructor();
   fwRequest.reset();
   result.ok = true;
+  result.wouldWait = detail.WouldWait();
   result.rows = collector.take();
   XRV_TRACE_DETAIL("Table %s answered with %zu rows", manager.GetTableName(), result.rows.size());
   return result;

@@ -23,11 +23,13 @@ struct SampleRequest {
   std::string filter;
   int64_t interval = 0;  // sampling interval in seconds; 0 for none
   std::string requestId;
+  bool cacheOnly = false;  // answer from current cached rows or not at all (wouldWait)
 };
 
 struct SampleResult {
   bool ok = false;                // false when the table server refused the request
   std::vector<std::string> rows;  // packed rows, in the order sent
+  bool wouldWait = false;         // a cache-only request that needs a collection: no rows
 };
 
 // The name the request information item "_REQ_TYPE" gives `type`.
