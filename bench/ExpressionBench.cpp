@@ -20,7 +20,7 @@
 
 #include "definition/Metric.h"
 #include "definition/XMLConfigParser.h"
-#include "framework/api/Trace.h"
+#include "framework/Trace.h"
 #include "provider/ResultInstance.h"
 #include "provider/ResultMetric.h"
 #include "provider/ResultsManager.h"

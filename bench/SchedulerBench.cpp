@@ -23,15 +23,15 @@
 #include "definition/AttributeGroupMeta.h"
 #include "definition/DefinitionCheck.h"
 #include "definition/Metric.h"
-#include "framework/api/Configuration.h"
-#include "framework/api/FwClock.h"
-#include "framework/api/Trace.h"
+#include "framework/Configuration.h"
+#include "framework/FwClock.h"
+#include "framework/Trace.h"
 #include "provider/ResultInstance.h"
 #include "provider/ResultMetric.h"
 #include "provider/ResultsManager.h"
 #include "provider/UAClientClassList.h"
-#include "runtime/RefreshThread.h"
-#include "runtime/ThreadPool.h"
+#include "scheduling/RefreshThread.h"
+#include "scheduling/ThreadPool.h"
 
 namespace {
 

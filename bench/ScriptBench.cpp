@@ -23,7 +23,7 @@
 #include <string>
 
 #include "definition/Metric.h"
-#include "framework/api/Trace.h"
+#include "framework/Trace.h"
 #include "sources/command/CommandWithTimeout.h"
 #include "sources/command/ShellQueryClass.h"
 

@@ -3,7 +3,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include "framework/api/Trace.h"
+#include "framework/Trace.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 #include <cstring>
 
 #include "definition/XMLConfigParser.h"
-#include "framework/api/Configuration.h"
-#include "framework/api/Trace.h"
+#include "framework/Configuration.h"
+#include "framework/Trace.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "definition/AttributeGroupMeta.h"
-#include "framework/api/Trace.h"
+#include "framework/Trace.h"
 
 XRV::String instanceName;
 

@@ -7,8 +7,8 @@
 #include "definition/AgentSettings.h"
 #include "definition/ConfigXMLParser.h"
 #include "foundation/HashMap.h"
-#include "framework/api/Configuration.h"
-#include "framework/api/Trace.h"
+#include "framework/Configuration.h"
+#include "framework/Trace.h"
 
 namespace {
 

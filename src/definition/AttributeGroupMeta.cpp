@@ -7,7 +7,7 @@
 #include "definition/XMLConfigParser.h"
 #include "foundation/HashMap.h"
 #include "foundation/Utilities.h"
-#include "framework/api/Trace.h"
+#include "framework/Trace.h"
 
 namespace {
 

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "foundation/List.h"
-#include "framework/api/FwRequest.h"
+#include "framework/FwRequest.h"
 
 class AttributeMeta;
 class HashMap;

@@ -6,8 +6,8 @@
 
 #include "definition/Parser.h"
 #include "foundation/FatalExit.h"
-#include "framework/api/ReadFile.h"
-#include "framework/api/Trace.h"
+#include "framework/ReadFile.h"
+#include "framework/Trace.h"
 
 namespace {
 ConfigXMLParser* activeDispatcher = nullptr;

@@ -10,8 +10,8 @@
 #include "definition/DefinitionWarnings.h"
 #include "definition/Parser.h"
 #include "foundation/HashMap.h"
-#include "framework/api/ReadFile.h"
-#include "framework/api/Trace.h"
+#include "framework/ReadFile.h"
+#include "framework/Trace.h"
 
 namespace {
 

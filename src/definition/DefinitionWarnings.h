@@ -4,7 +4,7 @@
 // word, an unusual column size). They are traced; a tool that checks definitions
 // (xrvctl validate) also collects them through a sink.
 
-#include "framework/api/Trace.h"
+#include "framework/Trace.h"
 
 class DefinitionWarningSink {
  public:

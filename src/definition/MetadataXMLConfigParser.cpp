@@ -11,7 +11,7 @@
 #include "definition/XMLConfigParser.h"
 #include "foundation/List.h"
 #include "foundation/String.h"
-#include "framework/api/Trace.h"
+#include "framework/Trace.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include "definition/Expression.h"
 #include "foundation/Utilities.h"
-#include "framework/api/Trace.h"
+#include "framework/Trace.h"
 
 namespace {
 

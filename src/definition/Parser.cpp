@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "definition/XMLHandler.h"
-#include "framework/api/Trace.h"
+#include "framework/Trace.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include "definition/AgentSettings.h"
 #include "definition/XMLConfigParser.h"
-#include "framework/api/Trace.h"
+#include "framework/Trace.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include "definition/Expression.h"
 #include "definition/Metric.h"
 #include "foundation/HashMap.h"
-#include "framework/api/Trace.h"
+#include "framework/Trace.h"
 
 namespace {
 

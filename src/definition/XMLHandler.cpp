@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "framework/api/Trace.h"
+#include "framework/Trace.h"
 
 namespace {
 // Longer messages are cut; the parser's own messages need a fraction of this.

@@ -6,7 +6,7 @@
 #include <csignal>
 #include <cstdio>
 
-#include "framework/api/Trace.h"
+#include "framework/Trace.h"
 
 void exit_with_notification(int code) {
   XRV_TRACE_FN();

@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "framework/api/Trace.h"
+#include "framework/Trace.h"
 
 namespace {
 

@@ -20,7 +20,7 @@
 
 #include <cstdint>
 
-#include "framework/api/FwLock.h"
+#include "framework/FwLock.h"
 
 class HashMapIterator;
 

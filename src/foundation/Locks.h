@@ -9,8 +9,8 @@
 
 #include <pthread.h>
 
-#include "framework/api/FwLock.h"
-#include "framework/api/ThreadAnnotations.h"
+#include "framework/FwLock.h"
+#include "framework/ThreadAnnotations.h"
 
 class XRV_CAPABILITY("mutex") PthreadMutex {
  public:

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "framework/api/Trace.h"
+#include "framework/Trace.h"
 
 namespace {
 

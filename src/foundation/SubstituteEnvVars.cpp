@@ -6,8 +6,8 @@
 #include "foundation/String.h"
 #include "foundation/StringTokenizer.h"
 #include "foundation/Utilities.h"
-#include "framework/api/Configuration.h"
-#include "framework/api/Trace.h"
+#include "framework/Configuration.h"
+#include "framework/Trace.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "foundation/Utilities.h"
-#include "framework/api/Trace.h"
+#include "framework/Trace.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "framework/api/FwLocale.h"
-#include "framework/api/Trace.h"
+#include "framework/FwLocale.h"
+#include "framework/Trace.h"
 
 namespace {
 

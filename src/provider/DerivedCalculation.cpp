@@ -11,7 +11,7 @@
 
 #include "foundation/Locks.h"
 #include "foundation/UTF8String.h"
-#include "framework/api/Trace.h"
+#include "framework/Trace.h"
 #include "provider/ResultInstance.h"
 #include "provider/ResultMetric.h"
 #include "provider/ResultsManager.h"
@@ -82,23 +82,23 @@ void ResultsManager::calculateDerived(const char* requestId, StorageBehavior beh
     return;
   }
   {
-    PthreadMutexLock lock(newResultsLock_);
-    if (!newResults_.empty()) {
+    PthreadMutexLock lock(store_.newLock);
+    if (!store_.newEmpty()) {
       XRV_TRACE_DETAIL("Using the new list");
-      for (ResultInstance* row = newResults_.head(); row != nullptr; row = ResultList::next(row)) {
+      for (ResultInstance* row = store_.firstNew(); row != nullptr; row = ResultList::next(row)) {
         internalCalculateDerived(requestId, row, behavior);
       }
       return;
     }
   }
-  PthreadMutexLock lock(resultsLock_);
+  PthreadMutexLock lock(store_.activeLock);
   calculateDerivedOnActive(requestId, behavior);
 }
 
 void ResultsManager::calculateDerivedOnActive(const char* requestId, StorageBehavior behavior) {
   XRV_TRACE_FN();
   XRV_TRACE_DETAIL("Using the active list");
-  for (ResultInstance* row = active_.head(); row != nullptr; row = ResultList::next(row)) {
+  for (ResultInstance* row = store_.firstActive(); row != nullptr; row = ResultList::next(row)) {
     internalCalculateDerived(requestId, row, behavior);
   }
 }

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <chrono>
 
-#include "framework/api/FwClock.h"
-#include "framework/api/Trace.h"
+#include "framework/FwClock.h"
+#include "framework/Trace.h"
 #include "provider/ResultsManager.h"
 
 namespace {

@@ -3,7 +3,7 @@
 #include "definition/AttributeGroupMeta.h"
 #include "definition/AttributeMeta.h"
 #include "definition/Metric.h"
-#include "framework/api/Trace.h"
+#include "framework/Trace.h"
 #include "provider/ResultsManager.h"
 
 void addMetricsFromGroup(ResultsManager* provider, const AttributeGroupMeta* meta) {

@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "framework/api/Trace.h"
+#include "framework/Trace.h"
 
 namespace {
 

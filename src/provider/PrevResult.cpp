@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "foundation/UTF8String.h"
-#include "framework/api/Trace.h"
+#include "framework/Trace.h"
 
 PrevResult::PrevResult(const ResultMetric& current, time_t now) : time_(now) {
   if (current.getMetric() != nullptr) {

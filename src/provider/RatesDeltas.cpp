@@ -7,9 +7,10 @@
 #include <string>
 
 #include "foundation/UTF8String.h"
-#include "framework/api/FwClock.h"
-#include "framework/api/Trace.h"
+#include "framework/FwClock.h"
+#include "framework/Trace.h"
 #include "provider/PrevResult.h"
+#include "provider/PreviousSample.h"
 #include "provider/ResultInstance.h"
 #include "provider/ResultMetric.h"
 #include "provider/ResultsManager.h"
@@ -85,12 +86,6 @@ void setNumber(ResultMetric* target, const Number& number) {
 
 }  // namespace
 
-PrevResultInstance* ResultsManager::getPrevResultInstance(const char* name) {
-  XRV_TRACE_FN();
-  XRV_TRACE_DETAIL("Searching for previous instance named %s\n", name);
-  return static_cast<PrevResultInstance*>(previous_.get(name));
-}
-
 PrevResult* ResultsManager::getPrevResult(ResultMetric* metric, PrevResultInstance* instance) {
   PrevResult* previous = instance->find(metric->getMetricName());
   if (previous == nullptr) {
@@ -104,70 +99,29 @@ PrevResult* ResultsManager::getPrevResult(ResultMetric* metric, PrevResultInstan
 
 void ResultsManager::clearPrevResultList() {
   XRV_TRACE_FN();
-  previous_.foreach ([](const char*, const void* value,
-                        void*) { delete static_cast<const PrevResultInstance*>(value); },
-                     nullptr);
   previous_.clear();
-  previousOrder_.clear();
-}
-
-PrevResultInstance* ResultsManager::findOrAddPrevResultInstance(const char* name, size_t position,
-                                                                int rated) {
-  if (position < previousOrder_.size()) {
-    PrevResultInstance* candidate = previousOrder_[position];
-    if (strcmp(candidate->getName(), name) == 0) {
-      return candidate;
-    }
-  }
-  PrevResultInstance* instance = getPrevResultInstance(name);
-  if (instance == nullptr) {
-    XRV_TRACE_SITE();
-    XRV_TRACE_DETAIL("This instance of %s is new.", name);
-    instance = new PrevResultInstance(name);
-    // Room for exactly the values a row of this group keeps, in one block.
-    instance->reserve(static_cast<size_t>(rated));
-    previous_.put(instance->getName(), instance);
-  }
-  return instance;
-}
-
-void ResultsManager::prefetchPrevious(size_t position) const {
-  // Usually the rows come in the order of the last sample: the previous values of the
-  // rows ahead are those at the same places in it. Two steps: the entry itself a
-  // little earlier, its values once the entry is in the cache.
-  constexpr size_t kAhead = RowPrefetcher::kRowsAhead;
-  if (position + 2 * kAhead < previousOrder_.size()) {
-    __builtin_prefetch(previousOrder_[position + 2 * kAhead]);
-  }
-  if (position + kAhead < previousOrder_.size()) {
-    previousOrder_[position + kAhead]->prefetchValues();
-  }
 }
 
 void ResultsManager::processRatesDeltas() {
   XRV_TRACE_FN();
-  const unsigned generation = ++previousGeneration_;
+  previous_.beginSample();
   const time_t now = fwTime();
   const int rated = countRateOrDeltaMetrics();
   std::vector<PrevResultInstance*> order;
-  int seen = 0;
   {
-    PthreadMutexLock lock(newResultsLock_);
-    order.reserve(static_cast<size_t>(newResults_.count()));
-    RowPrefetcher prefetcher(newResults_.head(), RowPrefetcher::kReading);
-    for (ResultInstance* row = newResults_.head(); row != nullptr; row = ResultList::next(row)) {
+    PthreadMutexLock lock(store_.newLock);
+    order.reserve(static_cast<size_t>(store_.newCount()));
+    RowPrefetcher prefetcher(store_.firstNew(), RowPrefetcher::kReading);
+    for (ResultInstance* row = store_.firstNew(); row != nullptr; row = ResultList::next(row)) {
       prefetcher.next();
-      prefetchPrevious(order.size());
+      previous_.prefetch(order.size());
       const char* name = row->getInstanceName();
       if (name == nullptr) {
         XRV_TRACE_DETAIL("WARNING: Skipping ResultInstance with name == NULL");
         continue;
       }
-      PrevResultInstance* instance = findOrAddPrevResultInstance(name, order.size(), rated);
-      if (instance->getGeneration() != generation) {
-        instance->setGeneration(generation);
-        ++seen;
-      }
+      PrevResultInstance* instance = previous_.findOrAdd(name, order.size(), rated);
+      previous_.markSeen(instance);
       order.push_back(instance);
       for (ResultMetric* value = row->getFirstMetric(); value != nullptr;
            value = static_cast<ResultMetric*>(value->getNextElement())) {
@@ -181,39 +135,16 @@ void ResultsManager::processRatesDeltas() {
   if (isAggregating() || isReplacingRowsByKey()) {
     // Rows that this sample did not replace stay; so do their previous values.
     XRV_TRACE_DETAIL("preserving previous results for unchanged instances");
-    PthreadMutexLock lock(resultsLock_);
-    for (ResultInstance* row = active_.head(); row != nullptr; row = ResultList::next(row)) {
+    PthreadMutexLock lock(store_.activeLock);
+    for (ResultInstance* row = store_.firstActive(); row != nullptr; row = ResultList::next(row)) {
       const char* name = row->getInstanceName();
-      auto* instance = name == nullptr ? nullptr : getPrevResultInstance(name);
-      if (instance != nullptr && instance->getGeneration() != generation) {
-        XRV_TRACE_DETAIL("preserving unchanged entry for instance %s", name);
-        instance->setGeneration(generation);
-        ++seen;
+      auto* instance = name == nullptr ? nullptr : previous_.find(name);
+      if (instance != nullptr) {
+        previous_.markSeen(instance);
       }
     }
   }
-  dropStalePrevResults(seen);
-  previousOrder_ = std::move(order);
-}
-
-void ResultsManager::dropStalePrevResults(int seen) {
-  XRV_TRACE_FN();
-  if (seen == previous_.getCount()) {
-    return;  // every entry was seen: nothing to walk
-  }
-  std::vector<PrevResultInstance*> stale;
-  HashMapIterator it = previous_.iterator();
-  while (it.hasNext()) {
-    it.next();
-    auto* instance = static_cast<PrevResultInstance*>(it.getData());
-    if (instance->getGeneration() != previousGeneration_) {
-      stale.push_back(instance);
-    }
-  }
-  for (PrevResultInstance* instance : stale) {
-    previous_.remove(instance->getName(), nullptr);
-    delete instance;
-  }
+  previous_.endSample(std::move(order));
 }
 
 void ResultsManager::computeRateDelta(PrevResult* previous, ResultMetric* current) {

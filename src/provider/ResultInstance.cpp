@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "foundation/Prefetch.h"
-#include "framework/api/Trace.h"
+#include "framework/Trace.h"
 #include "provider/ResultMetric.h"
 
 namespace {

@@ -8,7 +8,7 @@
 
 #include "foundation/String.h"
 #include "foundation/UTF8String.h"
-#include "framework/api/Trace.h"
+#include "framework/Trace.h"
 
 namespace {
 

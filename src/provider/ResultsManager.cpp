@@ -7,9 +7,9 @@
 
 #include "definition/AttributeGroupMeta.h"
 #include "foundation/Utilities.h"
-#include "framework/api/Configuration.h"
-#include "framework/api/FwClock.h"
-#include "framework/api/Trace.h"
+#include "framework/Configuration.h"
+#include "framework/FwClock.h"
+#include "framework/Trace.h"
 #include "provider/FlowControlSummaryThread.h"
 #include "provider/PrevResult.h"
 #include "provider/ResultInstance.h"
@@ -52,15 +52,13 @@ void registerRowFilterParser(const char* grammar, RowFilterParser parser) {
 ResultsManager::ResultsManager(const char* applicationName, const char* attributeGroup,
                                int objectType)
     : UAClientClass(applicationName, attributeGroup, objectType),
-      activeByName_(256),
-      previous_(256),
       requestIntervals_(16) {
   XRV_TRACE_FN();
   constructorHelper();
 }
 
 ResultsManager::ResultsManager(const ResultsManager* source, const char* subnodeKey)
-    : UAClientClass(source, subnodeKey), activeByName_(256), previous_(256), requestIntervals_(16) {
+    : UAClientClass(source, subnodeKey), requestIntervals_(16) {
   XRV_TRACE_FN();
   constructorHelper();
   derivedMetrics_ = source->derivedMetrics_;
@@ -89,25 +87,24 @@ void ResultsManager::constructorHelper() {
   }
   auto name = [&upper](const char* suffix) { return "CDP_" + upper + suffix; };
 
+  int cacheSize = 100;
   char* value = getGroupSetting("_PURE_EVENT_CACHE_SIZE");
   if (value != nullptr) {
-    pureCacheSize_ = atoi(value);
+    cacheSize = atoi(value);
     XRV_TRACE_DETAIL("Attribute group %s will have custom event cache size of %d", group,
-                     pureCacheSize_);
+                     cacheSize);
   } else {
     char* global = fwGetEnv("CDP_PURE_EVENT_CACHE_SIZE", nullptr);
     if (global != nullptr) {
-      pureCacheSize_ = atoi(global);
+      cacheSize = atoi(global);
       XRV_TRACE_DETAIL(
           "Setting the pure event cache size for attribute group %s to global value %d", group,
-          pureCacheSize_);
+          cacheSize);
       free(global);
     }
   }
   free(value);
-  if (pureCacheSize_ < 0) {
-    pureCacheSize_ = 0;
-  }
+  pureCache_.setSize(cacheSize);
 
   value = getGroupSetting("_AGGREGATE_RESULTS");
   aggregate_ = flagIsOn(value);
@@ -129,6 +126,7 @@ void ResultsManager::constructorHelper() {
                      name("_REPLACE_ROWS_BY_KEY").c_str(), group);
   }
   free(value);
+  store_.setIndexed(aggregate_ || replaceRowsByKey_);
 
   value = getGroupSetting("_PURGE_INTERVAL");
   purgeInterval_ = value == nullptr ? 0 : atoi(value);
@@ -163,6 +161,7 @@ void ResultsManager::constructorHelper() {
 
   value = getGroupSetting("_REPLACE_WITH_LATEST");
   replaceWithLatest_ = flagIsOn(value);
+  pureCache_.setReplaceWithLatest(replaceWithLatest_);
   if (replaceWithLatest_) {
     XRV_TRACE_DETAIL(
         "Attribute group %s will store its pure event cache using the latest "
@@ -228,16 +227,11 @@ void ResultsManager::readFloodControlSettings() {
         "would never reset; disabling flood control");
     threshold = EVENT_SEND_ALL;
   }
-  {
-    // Events arriving meanwhile read the threshold under the cache lock.
-    PthreadMutexLock lock(pureCacheLock_);
-    floodThreshold_ = threshold;
-    summaryInterval_.store(interval < 0 ? 0 : interval);
-  }
+  pureCache_.configure(threshold, interval);
   XRV_TRACE_DETAIL("%s:%s Flood control: summary interval = %d, threshold = %d",
                    getAttributeGroup(), getSubnodeKey() == nullptr ? "none" : getSubnodeKey(),
-                   summaryInterval_.load(), threshold);
-  if (summaryInterval_.load() > 0) {
+                   pureCache_.summaryInterval(), threshold);
+  if (pureCache_.summaryInterval() > 0) {
     addSummarizationClass(this);
   } else {
     removeSummaryQuery();
@@ -361,16 +355,16 @@ void ResultsManager::collectData(const char* subnode) {
   XRV_TRACE_FN();
   if (isPureEventBased()) {
     {
-      PthreadMutexLock cacheLock(pureCacheLock_);
-      PthreadMutexLock newLock(newResultsLock_);
-      for (ResultInstance* event = pureCache_.head(); event != nullptr;
+      PthreadMutexLock cacheLock(pureCache_.lock);
+      PthreadMutexLock newLock(store_.newLock);
+      for (ResultInstance* event = pureCache_.first(); event != nullptr;
            event = ResultList::next(event)) {
         ResultInstance* copy = event->getDeepCopy();
-        if (summaryInterval_.load() > 0 && !copy->isSummary()) {
+        if (pureCache_.summaryInterval() > 0 && !copy->isSummary()) {
           copy->clearDerivedMetrics();
           internalCalculateDerived(nullptr, copy, STORE_INTERVAL_DATA);
         }
-        newResults_.append(copy);
+        store_.appendNew(copy);
       }
     }
     updateResults();
@@ -423,65 +417,37 @@ void ResultsManager::addResultInstance(ResultInstance* row) {
   if (row == nullptr) {
     return;
   }
-  PthreadMutexLock lock(newResultsLock_);
-  newResults_.append(row);
+  PthreadMutexLock lock(store_.newLock);
+  store_.appendNew(row);
 }
 
 void ResultsManager::addResultInstanceDirectly(ResultInstance* row) {
   XRV_TRACE_FN();
-  PthreadMutexLock lock(resultsLock_);
-  active_.append(row);
-  indexRow(row, false);
+  PthreadMutexLock lock(store_.activeLock);
+  store_.appendActive(row);
 }
 
 void ResultsManager::addHeadResultInstance(ResultInstance* row) {
   XRV_TRACE_FN();
-  PthreadMutexLock lock(resultsLock_);
-  active_.prepend(row);
-  indexRow(row, true);
+  PthreadMutexLock lock(store_.activeLock);
+  store_.prependActive(row);
 }
 
 void ResultsManager::removeResultInstance(ResultInstance* row) {
   XRV_TRACE_FN();
-  PthreadMutexLock lock(resultsLock_);
-  unindexRow(row);
-  active_.unlink(row);
+  {
+    PthreadMutexLock lock(store_.activeLock);
+    store_.unlinkActive(row);
+  }
   delete row;
-}
-
-bool ResultsManager::usesIndex() const { return aggregate_ || replaceRowsByKey_; }
-
-void ResultsManager::indexRow(ResultInstance* row, bool overrideEarlier) {
-  const char* name = row->getInstanceName();
-  if (!usesIndex() || name == nullptr) {
-    return;
-  }
-  if (!activeByName_.contains(name)) {
-    activeByName_.put(strdup(name), row);
-  } else if (overrideEarlier) {
-    activeByName_.put(name, row);  // the stored key stays
-  }
-}
-
-void ResultsManager::unindexRow(ResultInstance* row) {
-  const char* name = row->getInstanceName();
-  if (!usesIndex() || name == nullptr || activeByName_.get(name) != row) {
-    return;
-  }
-  const char* key = nullptr;
-  activeByName_.remove(name, &key);
-  free(const_cast<char*>(key));
-}
-
-void ResultsManager::clearIndex() {
-  activeByName_.foreach (freeKey, nullptr);
-  activeByName_.clear();
 }
 
 void ResultsManager::removeNewResultInstance(ResultInstance* row, bool deleteIt) {
   XRV_TRACE_FN();
-  PthreadMutexLock lock(newResultsLock_);
-  newResults_.unlink(row);
+  {
+    PthreadMutexLock lock(store_.newLock);
+    store_.unlinkNew(row);
+  }
   if (deleteIt) {
     delete row;
   }
@@ -489,32 +455,39 @@ void ResultsManager::removeNewResultInstance(ResultInstance* row, bool deleteIt)
 
 void ResultsManager::clearResultSet() {
   XRV_TRACE_FN();
-  PthreadMutexLock lock(resultsLock_);
-  clearIndex();
-  active_.clear();
+  PthreadMutexLock lock(store_.activeLock);
+  store_.clearActive();
 }
 
 void ResultsManager::clearNewResultSet() {
   XRV_TRACE_FN();
-  PthreadMutexLock lock(newResultsLock_);
-  newResults_.clear();
+  PthreadMutexLock lock(store_.newLock);
+  store_.clearNew();
 }
 
 int ResultsManager::getResultInstanceCount() {
-  PthreadMutexLock lock(resultsLock_);
-  return active_.count();
+  PthreadMutexLock lock(store_.activeLock);
+  return store_.activeCount();
+}
+
+void ResultsManager::visitRows(const std::function<void(const ResultInstance& row)>& visit) {
+  PthreadMutexLock lock(store_.activeLock);
+  for (const ResultInstance* row = store_.firstActive(); row != nullptr;
+       row = ResultList::next(row)) {
+    visit(*row);
+  }
 }
 
 void ResultsManager::acquireResultsLock() {
   XRV_TRACE_FN();
   XRV_TRACE_DETAIL("Acquiring the Results lock");
-  resultsLock_.lock();
+  store_.activeLock.lock();
 }
 
 void ResultsManager::releaseResultsLock() {
   XRV_TRACE_FN();
   XRV_TRACE_DETAIL("Releasing the Results lock");
-  resultsLock_.unlock();
+  store_.activeLock.unlock();
 }
 
 void ResultsManager::updateResults() {
@@ -522,12 +495,11 @@ void ResultsManager::updateResults() {
   // The rows that leave the table are deleted once the locks are released: a request
   // waits for the rows to change places, not for thousands of values to be freed.
   ResultList leaving;
-  PthreadMutexLock resultsLock(resultsLock_);
-  PthreadMutexLock newLock(newResultsLock_);
+  PthreadMutexLock resultsLock(store_.activeLock);
+  PthreadMutexLock newLock(store_.newLock);
   if (!aggregate_ && !replaceRowsByKey_) {
     XRV_TRACE_DETAIL("Aggregate is off, replacing old results with new ones");
-    leaving.takeAll(active_);
-    active_.takeAll(newResults_);
+    store_.replaceActiveWithNew(&leaving);
     previousRequestHistorical_ = false;
     return;
   }
@@ -552,18 +524,17 @@ void ResultsManager::updateResults() {
     formatTimeStamp(truncateTimestamp_ ? oldest : oldest - local.tm_sec, oldestValid,
                     sizeof oldestValid);
   }
-  bool wasEmpty = active_.empty();
-  while (ResultInstance* row = newResults_.head()) {
-    newResults_.unlink(row);
+  bool wasEmpty = store_.activeEmpty();
+  while (ResultInstance* row = store_.firstNew()) {
+    store_.unlinkNew(row);
     if (purging) {
       row->setTimestamp(current);
     }
     const char* name = row->getInstanceName();
-    auto* match = name == nullptr ? nullptr : static_cast<ResultInstance*>(activeByName_.get(name));
+    ResultInstance* match = store_.findActive(name);
     if (match != nullptr) {
       XRV_TRACE_DETAIL("old result instance matched the current name %s", name);
-      active_.replace(match, row);
-      activeByName_.put(name, row);  // same name: the stored key stays
+      store_.replaceActive(match, row);
       leaving.append(match);
     } else {
       if (wasEmpty) {
@@ -574,20 +545,18 @@ void ResultsManager::updateResults() {
         XRV_TRACE_DETAIL("new result instance  didn't match any old ones, adding %s",
                          name == nullptr ? "" : name);
       }
-      active_.append(row);
-      indexRow(row, false);
+      store_.appendActive(row);
     }
   }
   if (purgeInterval_ > 0) {
-    ResultInstance* row = active_.head();
+    ResultInstance* row = store_.firstActive();
     while (row != nullptr) {
       ResultInstance* following = ResultList::next(row);
       if (strcmp(row->getTimestamp(), oldestValid) < 0) {
         XRV_TRACE_DETAIL("purging...... %s curr=%s, inst time=%s",
                          row->getInstanceName() == nullptr ? "" : row->getInstanceName(), current,
                          row->getTimestamp());
-        unindexRow(row);
-        active_.unlink(row);
+        store_.unlinkActive(row);
         leaving.append(row);
       }
       row = following;
@@ -634,8 +603,8 @@ void ResultsManager::filterNewResults() {
   if (filter == nullptr) {
     return;
   }
-  PthreadMutexLock lock(newResultsLock_);
-  for (ResultInstance* row = newResults_.head(); row != nullptr; row = ResultList::next(row)) {
+  PthreadMutexLock lock(store_.newLock);
+  for (ResultInstance* row = store_.firstNew(); row != nullptr; row = ResultList::next(row)) {
     row->setPassesFilter(passesFilter(*filter, row));
   }
 }
@@ -646,8 +615,8 @@ void ResultsManager::checkFilter() {
   if (filter == nullptr) {
     return;
   }
-  PthreadMutexLock lock(resultsLock_);
-  for (ResultInstance* row = active_.head(); row != nullptr; row = ResultList::next(row)) {
+  PthreadMutexLock lock(store_.activeLock);
+  for (ResultInstance* row = store_.firstActive(); row != nullptr; row = ResultList::next(row)) {
     row->setPassesFilter(passesFilter(*filter, row));
   }
 }
@@ -692,10 +661,10 @@ void ResultsManager::printResultInstances() {
   if (!XRV_TRACE_ENABLED(TRACE_DETAIL)) {
     return;
   }
-  PthreadMutexLock lock(resultsLock_);
+  PthreadMutexLock lock(store_.activeLock);
   XRV::String text;
   int index = 0;
-  for (ResultInstance* row = active_.head(); row != nullptr; row = ResultList::next(row)) {
+  for (ResultInstance* row = store_.firstActive(); row != nullptr; row = ResultList::next(row)) {
     XRV_TRACE_DETAIL("Instance: #%d", index++);
     for (ResultMetric* value = row->getFirstMetric(); value != nullptr;
          value = static_cast<ResultMetric*>(value->getNextElement())) {

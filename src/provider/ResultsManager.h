@@ -12,8 +12,12 @@
 // sendEventData: derived values, filter, flood control, the pure-event cache, and
 // out to the framework at once.
 //
+// The parts it holds: ResultStore (the active and new rows, their locks and the
+// name index), PureEventCache (the last events and the flood control) and
+// PreviousSample (the previous values for deltas and rates).
+//
 // Locks, always taken in this order: the collection mutex (one collection at a
-// time; a second caller returns at once), the results lock, the new-results lock;
+// time; a second caller returns at once), the store's active lock, its new lock;
 // the pure-event cache has its own lock, and all derived calculation of the process
 // is serialised by one global lock.
 
@@ -27,12 +31,14 @@
 #include "foundation/Locks.h"
 #include "foundation/String.h"
 #include "provider/PerfObject.h"
+#include "provider/PreviousSample.h"
+#include "provider/PureEventCache.h"
 #include "provider/ResultList.h"
+#include "provider/ResultStore.h"
 #include "provider/UAClientClass.h"
 
 class AttributeMeta;
 class PrevResult;
-class PrevResultInstance;
 class ResultInstance;
 class ResultMetric;
 class ResultsManager;
@@ -42,13 +48,6 @@ class ResultsManager;
 enum StorageBehavior {
   STORE_INTERVAL_DATA,
   READ_INTERVAL_DATA,
-};
-
-// Flood-control thresholds of event groups; N >= 1 sends every N-th duplicate.
-enum FLOOD_THRESHOLD {
-  EVENT_SEND_NONE = -1,
-  EVENT_SEND_FIRST = -2,
-  EVENT_SEND_ALL = -3,
 };
 
 // The values a derived attribute can use while it is computed: the row's values in
@@ -111,21 +110,16 @@ class ResultsManager : public UAClientClass {
   void collectData(const char* subnode) override;
   // The data source's part: fill the new list (addResultInstance).
   virtual void internalCollectData(const char* subnode) = 0;
-  // True while a collection runs.
-  bool isCollecting();
+  bool isCollecting() override;
   // Reads the flood control and filter settings; start() runs it once, a
   // configuration change again.
   virtual void reset();
   void start() override;
 
   // --- What the data source reports ---
-  virtual const char* getPerfObjectName() = 0;
-  virtual int getPerfObjectStatus() = 0;
-  virtual int getPerfErrorCode() = 0;
-  // The return code and standard error of the last command the data source ran (the
-  // status groups show them); a copy, safe beside a collection.
-  virtual int getCollectionReturnCode() { return 0; }
-  virtual std::string getCollectionStdErr() { return ""; }
+  const char* getPerfObjectName() override = 0;
+  int getPerfObjectStatus() override = 0;
+  int getPerfErrorCode() override = 0;
   // The configuration properties the provider reads.
   virtual std::vector<std::string> getPropertyNames();
   UAClientClass* subnodeCopy(const char* subnodeKey, UAClientClassList* list) override;
@@ -136,39 +130,42 @@ class ResultsManager : public UAClientClass {
   // --- Rows ---
   // Appends to the new list (the data source, from internalCollectData). The
   // provider owns the row from now on.
-  void addResultInstance(ResultInstance* row) XRV_EXCLUDES(newResultsLock_);
+  void addResultInstance(ResultInstance* row) XRV_EXCLUDES(store_.newLock);
   // Appends to (or puts at the head of) the active list directly.
-  void addResultInstanceDirectly(ResultInstance* row) XRV_EXCLUDES(resultsLock_);
-  void addHeadResultInstance(ResultInstance* row) XRV_EXCLUDES(resultsLock_);
+  void addResultInstanceDirectly(ResultInstance* row) XRV_EXCLUDES(store_.activeLock);
+  void addHeadResultInstance(ResultInstance* row) XRV_EXCLUDES(store_.activeLock);
   // Unlinks and deletes an active row.
-  void removeResultInstance(ResultInstance* row) XRV_EXCLUDES(resultsLock_);
-  void removeNewResultInstance(ResultInstance* row, bool deleteIt) XRV_EXCLUDES(newResultsLock_);
-  void clearResultSet() override XRV_EXCLUDES(resultsLock_);
-  void clearNewResultSet() XRV_EXCLUDES(newResultsLock_);
+  void removeResultInstance(ResultInstance* row) XRV_EXCLUDES(store_.activeLock);
+  void removeNewResultInstance(ResultInstance* row, bool deleteIt) XRV_EXCLUDES(store_.newLock);
+  void clearResultSet() override XRV_EXCLUDES(store_.activeLock);
+  void clearNewResultSet() XRV_EXCLUDES(store_.newLock);
   void clearPrevResultList();
-  int getResultInstanceCount() XRV_EXCLUDES(resultsLock_);
+  int getResultInstanceCount() XRV_EXCLUDES(store_.activeLock);
   // The first active / new row; walk on with ResultList::next(). Hold the matching
   // lock while walking.
-  ResultInstance* firstResultInstance() XRV_REQUIRES(resultsLock_) { return active_.head(); }
-  ResultInstance* firstNewResultInstance() XRV_REQUIRES(newResultsLock_) {
-    return newResults_.head();
+  ResultInstance* firstResultInstance() XRV_REQUIRES(store_.activeLock) { return store_.firstActive(); }
+  void visitRows(const std::function<void(const ResultInstance& row)>& visit) override
+      XRV_EXCLUDES(store_.activeLock);
+  ResultInstance* firstNewResultInstance() XRV_REQUIRES(store_.newLock) {
+    return store_.firstNew();
   }
-  void acquireResultsLock() XRV_ACQUIRE(resultsLock_);
-  void releaseResultsLock() XRV_RELEASE(resultsLock_);
-  void acquireNewResultsLock() XRV_ACQUIRE(newResultsLock_) { newResultsLock_.lock(); }
-  void releaseNewResultsLock() XRV_RELEASE(newResultsLock_) { newResultsLock_.unlock(); }
+  void acquireResultsLock() XRV_ACQUIRE(store_.activeLock);
+  void releaseResultsLock() XRV_RELEASE(store_.activeLock);
+  void acquireNewResultsLock() XRV_ACQUIRE(store_.newLock) { store_.newLock.lock(); }
+  void releaseNewResultsLock() XRV_RELEASE(store_.newLock) { store_.newLock.unlock(); }
   // Merges the new list into the active list.
-  virtual void updateResults() XRV_EXCLUDES(resultsLock_, newResultsLock_);
+  virtual void updateResults() XRV_EXCLUDES(store_.activeLock, store_.newLock);
   // The previous sample was requested for history: interval data are purged once.
-  void setPreviousRequestHistorical(bool historical) { previousRequestHistorical_ = historical; }
+  void setPreviousRequestHistorical(bool historical) override {
+    previousRequestHistorical_ = historical;
+  }
   bool isPreviousRequestHistorical() const { return previousRequestHistorical_; }
 
   // --- Deltas, rates and derived attributes ---
-  void processRatesDeltas() XRV_EXCLUDES(resultsLock_, newResultsLock_);
+  void processRatesDeltas() XRV_EXCLUDES(store_.activeLock, store_.newLock);
   void computeRateDelta(PrevResult* previous, ResultMetric* current);
   // The same with the sample's time given: one sample reads the clock once.
   void computeRateDelta(PrevResult* previous, ResultMetric* current, time_t now);
-  PrevResultInstance* getPrevResultInstance(const char* name);
   PrevResult* getPrevResult(ResultMetric* metric, PrevResultInstance* instance);
   // Derived values of the new rows, or of the active rows when the new list is empty.
   void calculateDerived(const char* requestId, StorageBehavior behavior);
@@ -180,20 +177,19 @@ class ResultsManager : public UAClientClass {
   // from inside a DerivedEvaluator call (the derived calculation lock held).
   DerivedState* getDerivedState() { return derivedState_.get(); }
   void setDerivedState(std::unique_ptr<DerivedState> state) { derivedState_ = std::move(state); }
-  // The sampling interval of the request `requestId` (framework requests with an
-  // interval file it here); 0 when unknown.
-  void setRequestInterval(const char* requestId, int seconds);
-  // The request has ended: forgets its interval (nothing when it had none).
-  void removeRequestInterval(const char* requestId);
+  void setRequestInterval(const char* requestId, int seconds) override;
+  // Nothing when the request had no interval.
+  void removeRequestInterval(const char* requestId) override;
+  // 0 when unknown.
   int getRequestInterval(const char* requestId);
 
   // --- Filter ---
-  void checkFilter() XRV_EXCLUDES(resultsLock_);
+  void checkFilter() XRV_EXCLUDES(store_.activeLock);
   bool resultPassesFilter(ResultInstance* row);
 
   // --- Packing rows for the framework ---
   void sendDataToAFW(GenericAgentBase* agent, const char* originNode) override
-      XRV_EXCLUDES(resultsLock_);
+      XRV_EXCLUDES(store_.activeLock);
   // An event row arrived: derived values, filter, flood control and the cache
   // decide whether it is sent and kept. True when the provider kept the row; false
   // when the caller still owns it and must delete it.
@@ -204,24 +200,24 @@ class ResultsManager : public UAClientClass {
   // --- Pure-event cache and flood control ---
   // Under the cache lock: finds a duplicate, stores or replaces, and decides. True
   // when the row is to be sent; *stored tells whether the cache kept it.
-  bool updatePureCache(ResultInstance* row, bool* stored) XRV_REQUIRES(pureCacheLock_);
+  bool updatePureCache(ResultInstance* row, bool* stored) XRV_REQUIRES(pureCache_.lock);
   // Puts the row at the head of the cache and trims it; false when the cache holds
   // nothing (size 0).
-  bool addToPureCache(ResultInstance* row) XRV_REQUIRES(pureCacheLock_);
-  void clearPureCache() XRV_EXCLUDES(pureCacheLock_);
-  int getPureCacheCount() XRV_EXCLUDES(pureCacheLock_);
+  bool addToPureCache(ResultInstance* row) XRV_REQUIRES(pureCache_.lock);
+  void clearPureCache() XRV_EXCLUDES(pureCache_.lock);
+  int getPureCacheCount() XRV_EXCLUDES(pureCache_.lock);
   // Same key values (hidden ones skipped) and the same derived values.
   bool instancesMatch(const ResultInstance* a, const ResultInstance* b);
   // Marks every cached event that is no summary yet as one and sends it.
-  void sendSummaryEvents() XRV_EXCLUDES(pureCacheLock_);
-  int getSummaryInterval() const { return summaryInterval_.load(); }
-  int getFloodThreshold() XRV_EXCLUDES(pureCacheLock_) {
-    PthreadMutexLock lock(pureCacheLock_);
-    return floodThreshold_;
+  void sendSummaryEvents() XRV_EXCLUDES(pureCache_.lock);
+  int getSummaryInterval() const { return pureCache_.summaryInterval(); }
+  int getFloodThreshold() XRV_EXCLUDES(pureCache_.lock) {
+    PthreadMutexLock lock(pureCache_.lock);
+    return pureCache_.threshold();
   }
   time_t getNextSummary() const { return nextSummary_.load(); }
   void setNextSummary(time_t when) { nextSummary_.store(when); }
-  void removeSummaryQuery();
+  void removeSummaryQuery() override;
   static void addSummarizationClass(ResultsManager* provider);
 
   // --- Row shape (off unless the data source turns them on) ---
@@ -231,11 +227,6 @@ class ResultsManager : public UAClientClass {
   void setCheckMetricCounts(bool on) { checkMetricCounts_ = on; }
   // Byte-string values are in UTF-8 already (else in the local code page).
   void setInputIsUTF8(bool utf8) { inputIsUTF8_ = utf8; }
-  // The managed system name event rows carry; the agent's own when not set (subnode
-  // copies get their subnode's).
-  void setOriginNode(const char* msn) { originNode_.assign(msn == nullptr ? "" : msn); }
-  // The managed system name set with setOriginNode; "" when none was.
-  const char* getOriginNode() const { return originNode_.c_str(); }
 
   // --- Settings and counters ---
   bool isAggregating() const { return aggregate_; }
@@ -244,11 +235,11 @@ class ResultsManager : public UAClientClass {
   bool isCollectionDisabled() const { return collectionDisabled_; }
   bool isReplacingWithLatest() const { return replaceWithLatest_; }
   bool isTruncatingTimestamps() const { return truncateTimestamp_; }
-  int getPureCacheSize() const { return pureCacheSize_; }
+  int getPureCacheSize() const { return pureCache_.getSize(); }
   int64_t getCacheHitCount() const { return cacheHits_.load(); }
   int64_t getCollectionCount() const { return collections_.load(); }
 
-  void printResultInstances() XRV_EXCLUDES(resultsLock_);
+  void printResultInstances() XRV_EXCLUDES(store_.activeLock);
 
  protected:
   // From internalCollectData: this collection brought nothing new and the active rows
@@ -274,21 +265,10 @@ class ResultsManager : public UAClientClass {
                   const ResultMetric* value);
   ResultMetric* calculateSimpleDerived(const Metric* metric, const ResultInstance* row);
   void calculateDerivedOnActive(const char* requestId, StorageBehavior behavior)
-      XRV_REQUIRES(resultsLock_);
+      XRV_REQUIRES(store_.activeLock);
   bool hasIntervalBasedDerived() const;
   // Forgets the expression language's interval data (takes the derived lock).
   void purgeDerivedState();
-  // A new entry gets room for `rated` previous values.
-  PrevResultInstance* findOrAddPrevResultInstance(const char* name, size_t position, int rated);
-  // Starts loading the previous values of the rows a few places after `position`.
-  void prefetchPrevious(size_t position) const;
-  // Deletes the previous values of rows that were not seen in this collection.
-  void dropStalePrevResults(int seen);
-  // The name index of the active rows, kept only when rows are replaced by key.
-  bool usesIndex() const;
-  void indexRow(ResultInstance* row, bool overrideEarlier) XRV_REQUIRES(resultsLock_);
-  void unindexRow(ResultInstance* row) XRV_REQUIRES(resultsLock_);
-  void clearIndex() XRV_REQUIRES(resultsLock_);
 
   // Collection.
   PthreadMutex collectingMutex_;
@@ -296,22 +276,12 @@ class ResultsManager : public UAClientClass {
   std::atomic<int64_t> cacheHits_{0};
   std::atomic<int64_t> collections_{0};
 
-  // Rows.
-  PthreadMutex resultsLock_ XRV_ACQUIRED_BEFORE(newResultsLock_);
-  PthreadMutex newResultsLock_;
-  ResultList active_ XRV_GUARDED_BY(resultsLock_);
-  // Instance name (owned copy) -> the first active row of that name.
-  HashMap activeByName_ XRV_GUARDED_BY(resultsLock_);
-  ResultList newResults_ XRV_GUARDED_BY(newResultsLock_);
+  // Rows: the active and new lists with their locks, and the name index.
+  ResultStore store_;
   std::atomic<bool> previousRequestHistorical_{false};
 
-  // Previous sample: instance name (the entry's own) -> PrevResultInstance, and the
-  // same entries in the order the last sample brought its rows (rows mostly come in
-  // the same order, so most lookups are a walk along this list). Touched only by the
-  // collecting thread.
-  HashMap previous_;
-  std::vector<PrevResultInstance*> previousOrder_;
-  unsigned previousGeneration_ = 0;
+  // Previous sample, for deltas and rates: touched only by the collecting thread.
+  PreviousSample previous_;
   std::vector<const Metric*> derivedMetrics_;
   std::unique_ptr<DerivedState> derivedState_;  // under the derived calculation lock
 
@@ -326,25 +296,20 @@ class ResultsManager : public UAClientClass {
   bool collectionDisabled_ = false;
   bool replaceWithLatest_ = false;
   bool truncateTimestamp_ = false;
-  int pureCacheSize_ = 100;
   bool timestampColumn_ = false;
   bool instanceNameColumn_ = false;
   bool checkMetricCounts_ = false;
   bool inputIsUTF8_ = false;
-  XRV::String originNode_;
 
-  // Pure-event cache and flood control.
-  PthreadMutex pureCacheLock_;
-  ResultList pureCache_ XRV_GUARDED_BY(pureCacheLock_);
-  std::atomic<int> summaryInterval_{0};
-  int floodThreshold_ XRV_GUARDED_BY(pureCacheLock_) = EVENT_SEND_ALL;
+  // Pure-event cache and flood control, and the provider's place in the summary queue.
+  PureEventCache pureCache_;
   std::atomic<time_t> nextSummary_{0};
   std::atomic<bool> summaryQueued_{false};
 
   // Filter. A reset replaces it while an event may be checked against it on another
   // thread: whoever evaluates holds a reference.
   std::shared_ptr<const RowFilter> currentFilter() const XRV_EXCLUDES(filterLock_);
-  void filterNewResults() XRV_EXCLUDES(newResultsLock_);
+  void filterNewResults() XRV_EXCLUDES(store_.newLock);
   bool passesFilter(const RowFilter& filter, ResultInstance* row);
   mutable PthreadMutex filterLock_;
   std::shared_ptr<const RowFilter> filter_ XRV_GUARDED_BY(filterLock_);

@@ -9,10 +9,10 @@
 
 #include "definition/AttributeGroupMeta.h"
 #include "definition/AttributeMeta.h"
-#include "framework/api/Framework.h"
-#include "framework/api/FwClock.h"
-#include "framework/api/FwRequest.h"
-#include "framework/api/Trace.h"
+#include "framework/Framework.h"
+#include "framework/FwClock.h"
+#include "framework/FwRequest.h"
+#include "framework/Trace.h"
 #include "provider/ResultInstance.h"
 #include "provider/ResultMetric.h"
 #include "provider/ResultsManager.h"
@@ -144,7 +144,7 @@ void ResultsManager::sendDataToAFW(GenericAgentBase* agent, const char* originNo
   }
   const int rowSize = meta->rowSize();
   std::vector<char> buffer(static_cast<size_t>(rowSize));  // the one allocation of a request
-  PthreadMutexLock lock(resultsLock_);
+  PthreadMutexLock lock(store_.activeLock);
   char stamp[17];
   getTimeStamp(stamp);
 
@@ -173,8 +173,8 @@ void ResultsManager::sendDataToAFW(GenericAgentBase* agent, const char* originNo
   }
 
   int sent = 0;
-  RowPrefetcher prefetcher(active_.head(), RowPrefetcher::kReading);
-  for (const ResultInstance* row = active_.head(); row != nullptr; row = ResultList::next(row)) {
+  RowPrefetcher prefetcher(store_.firstActive(), RowPrefetcher::kReading);
+  for (const ResultInstance* row = store_.firstActive(); row != nullptr; row = ResultList::next(row)) {
     prefetcher.next();
     if (!packRow(row, buffer.data(), originNode, stamp, isPureEventBased())) {
       continue;
@@ -184,14 +184,14 @@ void ResultsManager::sendDataToAFW(GenericAgentBase* agent, const char* originNo
           "Send Row failed. Data rows lost - attribute group=%s, subnodeKey=%s, row "
           "count=%d, numRowsSent=%d, rowSize=%d, refreshInterval=%d, "
           "intervalBased=%s, derived count=%d",
-          getAttributeGroup(), getSubnodeKey() == nullptr ? "" : getSubnodeKey(), active_.count(),
+          getAttributeGroup(), getSubnodeKey() == nullptr ? "" : getSubnodeKey(), store_.activeCount(),
           sent, rowSize, getRefreshInterval(), intervalBased ? "true" : "false",
           getDerivedMetricCount());
       break;
     }
     ++sent;
   }
-  XRV_TRACE_DETAIL("Sent %d of %d rows of %s", sent, active_.count(), getAttributeGroup());
+  XRV_TRACE_DETAIL("Sent %d of %d rows of %s", sent, store_.activeCount(), getAttributeGroup());
 }
 
 bool ResultsManager::packEvent(const ResultInstance* row, std::vector<char>* buffer) {
@@ -205,8 +205,8 @@ bool ResultsManager::packEvent(const ResultInstance* row, std::vector<char>* buf
   char stamp[17];
   formatTimeStampMillis(fwTimeMillis(), stamp, sizeof stamp);
   char origin[64];
-  const char* node = originNode_.c_str();
-  if (originNode_.empty()) {
+  const char* node = getOriginNode();
+  if (*node == '\0') {
     node = fwGetOriginNode(origin, sizeof origin) ? origin : "";
   }
   return packRow(row, buffer->data(), node, stamp, true);

@@ -12,9 +12,9 @@
 #include "foundation/String.h"
 #include "foundation/UTF8String.h"
 #include "foundation/Utilities.h"
-#include "framework/api/Configuration.h"
-#include "framework/api/FwClock.h"
-#include "framework/api/Trace.h"
+#include "framework/Configuration.h"
+#include "framework/FwClock.h"
+#include "framework/Trace.h"
 
 // Per-group settings, read once when the provider is made (GROUP is the attribute
 // group's name in upper case):
@@ -267,6 +267,10 @@ void UAClientClass::start() {
 void UAClientClass::shutdownExternalProcesses() {
   XRV_TRACE_FN();
   // The base starts no processes; data sources that do override this.
+}
+
+void UAClientClass::visitRows(const std::function<void(const ResultInstance& row)>& /*visit*/) {
+  // The base holds no rows.
 }
 
 void UAClientClass::setGenericAgentInUse(bool inUse) {

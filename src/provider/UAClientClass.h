@@ -17,6 +17,7 @@
 #include <atomic>
 #include <cstdint>
 #include <ctime>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -24,11 +25,12 @@
 #include "foundation/HashMap.h"
 #include "foundation/List.h"
 #include "foundation/Locks.h"
-#include "framework/api/FwRequest.h"
+#include "framework/FwRequest.h"
 
 class AttributeGroupMeta;
 class AttributeMeta;
 class GenericAgentBase;
+class ResultInstance;
 class UAClientClassList;
 class UTF8String;
 
@@ -98,6 +100,29 @@ class UAClientClass : public ListElement {
   virtual std::vector<UAClientClass*> getQueryReferences() = 0;
   // Stops the child processes and connections this provider started.
   virtual void shutdownExternalProcesses();
+  // True while a collection runs.
+  virtual bool isCollecting() { return false; }
+  // Calls `visit` for each current row, in order, while the rows cannot change; the
+  // row is valid only during the call, and `visit` must not call back into this
+  // provider. A provider without rows visits nothing.
+  virtual void visitRows(const std::function<void(const ResultInstance& row)>& visit);
+
+  // --- What the data source reports (ResultsManager asks its data source) ---
+  // These defaults describe a provider without a data source: active, no error.
+  virtual const char* getPerfObjectName() { return attributeGroup_; }
+  virtual int getPerfObjectStatus() { return 0; }
+  virtual int getPerfErrorCode() { return 0; }
+  // The return code and standard error of the last command the data source ran (the
+  // status groups show them); a copy, safe beside a collection.
+  virtual int getCollectionReturnCode() { return 0; }
+  virtual std::string getCollectionStdErr() { return ""; }
+
+  // --- Where rows are reported ---
+  // The managed system name event rows carry; the agent's own when not set (subnode
+  // copies get their subnode's). Set before the provider serves requests.
+  void setOriginNode(const char* msn) { originNode_.assign(msn == nullptr ? "" : msn); }
+  // The managed system name set with setOriginNode; "" when none was.
+  const char* getOriginNode() const { return originNode_.c_str(); }
 
   // --- Requests ---
   // Files the filter of a framework request under its id (a copy).
@@ -107,6 +132,17 @@ class UAClientClass : public ListElement {
   HashMap* getOutstandingRequests() { return &outstandingRequests_; }
   void lockOutstandingRequestHash() XRV_ACQUIRE(requestLock_) { requestLock_.getLock(); }
   void unlockOutstandingRequestHash() XRV_RELEASE(requestLock_) { requestLock_.releaseLock(); }
+  // The sampling interval of the request `requestId` (framework requests with an
+  // interval file it here, for the interval functions of formulas); forgotten when
+  // the request ends. Providers without formulas ignore both.
+  virtual void setRequestInterval(const char* /*requestId*/, int /*seconds*/) {}
+  virtual void removeRequestInterval(const char* /*requestId*/) {}
+  // The rows just sent answered a history request (true) or a current one: rows
+  // kept only for history are purged at the next merge.
+  virtual void setPreviousRequestHistorical(bool /*historical*/) {}
+  // The provider leaves the agent (its subnode went): no more flood-control
+  // summaries for it.
+  virtual void removeSummaryQuery() {}
 
   // --- Metrics ---
   virtual void addMetricObject(Metric* metric);
@@ -221,6 +257,7 @@ class UAClientClass : public ListElement {
   bool onlyForcedCollections_ = false;
   std::atomic<bool> zombie_{false};
   char* subnodeKey_ = nullptr;
+  std::string originNode_;
   HashMap outstandingRequests_;  // guarded by requestLock_ (owned keys and filter lists)
   LockObject requestLock_;
   std::atomic<bool> onQueue_{false};

@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "definition/AgentSettings.h"
-#include "framework/api/Trace.h"
+#include "framework/Trace.h"
 #include "provider/UAClientClass.h"
 
 namespace {

@@ -1,6 +1,6 @@
 #include "runtime/ActionCallback.h"
 
-#include "framework/api/Trace.h"
+#include "framework/Trace.h"
 
 int actionCallback(const FwCommand& command) {
   XRV_TRACE_FN();

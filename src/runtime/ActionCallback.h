@@ -7,7 +7,7 @@
 // that it did not run. An operator who wants the framework's own libraries to run
 // actions instead sets CDP_DP_REGISTER_ACTION_CALLBACK to "N" (see fwInit).
 
-#include "framework/api/Framework.h"
+#include "framework/Framework.h"
 
 // The status every action gets from this build: not run.
 inline constexpr int kActionNotRun = 1;

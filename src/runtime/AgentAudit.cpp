@@ -1,7 +1,7 @@
 #include "runtime/AgentAudit.h"
 
 #include "definition/AgentSettings.h"
-#include "framework/api/Trace.h"
+#include "framework/Trace.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 // The agent's own audit records (start-up completed, shutting down), filed with the
 // framework when it keeps an audit trail; nothing is written when it does not.
 
-#include "framework/api/Framework.h"
+#include "framework/Framework.h"
 
 // Files one record of the component "QBXAgent" for this agent's application, e.g.
 // ("The agent is shutting down.", "Shutdown", "Stop", "XRV9001I").

@@ -7,9 +7,9 @@
 #include <cstdlib>
 #include <string>
 
-#include "framework/api/Configuration.h"
-#include "framework/api/Framework.h"
-#include "framework/api/Trace.h"
+#include "framework/Configuration.h"
+#include "framework/Framework.h"
+#include "framework/Trace.h"
 #include "runtime/AgentSignals.h"
 #include "runtime/AgentStartup.h"
 

@@ -7,8 +7,8 @@
 #include <cerrno>
 #include <ctime>
 
-#include "framework/api/Framework.h"
-#include "framework/api/Trace.h"
+#include "framework/Framework.h"
+#include "framework/Trace.h"
 #include "runtime/AgentAudit.h"
 
 volatile sig_atomic_t shutdownSignaled = 0;

@@ -18,7 +18,7 @@
 // (AgentSignals.h).
 
 #include "definition/AgentSettings.h"
-#include "framework/api/FwLocale.h"
+#include "framework/FwLocale.h"
 
 // The process locale found at start-up.
 extern const FwLocale* applicationLocale;

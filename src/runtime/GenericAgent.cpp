@@ -11,13 +11,13 @@
 
 #include "definition/AttributeGroupMeta.h"
 #include "foundation/HashMap.h"
-#include "framework/api/Framework.h"
-#include "framework/api/Trace.h"
+#include "framework/Framework.h"
+#include "framework/Trace.h"
 #include "provider/ResultsManager.h"
 #include "provider/UAClientClass.h"
 #include "runtime/AgentGlobals.h"
-#include "runtime/CollectDataJob.h"
-#include "runtime/ThreadPool.h"
+#include "scheduling/CollectDataJob.h"
+#include "scheduling/ThreadPool.h"
 #include "subnode/SubnodeManager.h"
 
 namespace {
@@ -216,9 +216,9 @@ void GenericAgent::TakeSampleConstructor() {
       if (receivesRequestInfo_) {
         target.provider->setRequestInfo(requestInfoId(), requestInformation_);
       }
-      auto* results = dynamic_cast<ResultsManager*>(target.provider);
-      if (intervalToFile && results != nullptr) {
-        results->setRequestInterval(detail->GetRequestId(), static_cast<int>(sampleInterval_));
+      if (intervalToFile) {
+        target.provider->setRequestInterval(detail->GetRequestId(),
+                                            static_cast<int>(sampleInterval_));
       }
     }
     tsFreeQueryList(targets);
@@ -276,9 +276,8 @@ void GenericAgent::TakeSampleDestructor() {
     if (receivesRequestInfo_) {
       target.provider->removeRequestInfo(requestInfoId());
     }
-    auto* results = dynamic_cast<ResultsManager*>(target.provider);
-    if (intervalFiled && results != nullptr) {
-      results->removeRequestInterval(requestId);
+    if (intervalFiled) {
+      target.provider->removeRequestInterval(requestId);
     }
   }
   tsFreeQueryList(targets);
@@ -387,9 +386,7 @@ std::vector<GenericAgent::Target> GenericAgent::tsGetQueryList() {
     if (listed == 0) {
       // The framework named no subnodes: every subnode of the group.
       for (UAClientClass* provider : getSubnodeManager().pinAllSubnodeQueryClasses(meta_)) {
-        auto* results = dynamic_cast<ResultsManager*>(provider);
-        targets.push_back(
-            Target{provider, results == nullptr ? "" : results->getOriginNode(), true});
+        targets.push_back(Target{provider, provider->getOriginNode(), true});
       }
     }
     return targets;
@@ -518,10 +515,8 @@ void GenericAgent::tsSubmitData(std::vector<Target>& targets, Collections* colle
       XRV_TRACE_DETAIL("Returning fresh data for %s:%s", group, key);
     }
     provider->sendDataToAFW(this, targets[slot].node.c_str());
-    if (auto* results = dynamic_cast<ResultsManager*>(provider)) {
-      // Kept rows that only a history request wanted are purged at the next merge.
-      results->setPreviousRequestHistorical(isHistoryRequest());
-    }
+    // Kept rows that only a history request wanted are purged at the next merge.
+    provider->setPreviousRequestHistorical(isHistoryRequest());
   }
 }
 

@@ -30,7 +30,7 @@
 #include <string>
 #include <vector>
 
-#include "framework/api/FwRequest.h"
+#include "framework/FwRequest.h"
 
 class AttributeGroupMeta;
 class UAClientClass;

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <string>
 
-#include "framework/api/Trace.h"
+#include "framework/Trace.h"
 #include "runtime/ReadSetting.h"
 
 namespace {

@@ -6,7 +6,7 @@
 
 #include "definition/AttributeGroupMeta.h"
 #include "definition/Metric.h"
-#include "framework/api/Trace.h"
+#include "framework/Trace.h"
 #include "provider/GroupMetrics.h"
 #include "provider/PerfObject.h"
 #include "provider/ResultInstance.h"
@@ -39,17 +39,12 @@ ProviderStatus statusOf(UAClientClass* provider) {
   s.refreshInterval = provider->getRefreshInterval();
   s.skippedIntervals = provider->getSkippedIntervals();
   s.stats = provider->getPerfstats();
-  // Every provider of the agent is a ResultsManager; the check keeps a stranger out.
-  if (auto* results = dynamic_cast<ResultsManager*>(provider)) {
-    const char* name = results->getPerfObjectName();
-    s.objectName = name == nullptr ? s.group : name;
-    s.status = results->getPerfObjectStatus();
-    s.errorCode = results->getPerfErrorCode();
-    s.returnCode = results->getCollectionReturnCode();
-    s.standardError = results->getCollectionStdErr();
-  } else {
-    s.objectName = s.group;
-  }
+  const char* name = provider->getPerfObjectName();
+  s.objectName = name == nullptr ? s.group : name;
+  s.status = provider->getPerfObjectStatus();
+  s.errorCode = provider->getPerfErrorCode();
+  s.returnCode = provider->getCollectionReturnCode();
+  s.standardError = provider->getCollectionStdErr();
   return s;
 }
 

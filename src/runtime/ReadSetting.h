@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "framework/api/Configuration.h"
+#include "framework/Configuration.h"
 
 // True with the value in *value when `name` is set; false (and *value untouched)
 // when it is not.

@@ -36,7 +36,7 @@
 #include <string>
 #include <vector>
 
-#include "framework/api/FwRequest.h"
+#include "framework/FwRequest.h"
 
 class AttributeGroupMeta;
 

@@ -6,11 +6,11 @@
 #include "definition/AttributeGroupMeta.h"
 #include "definition/AttributeMeta.h"
 #include "definition/Metric.h"
-#include "framework/api/Trace.h"
+#include "framework/Trace.h"
 #include "provider/GroupMetrics.h"
 #include "provider/ResultInstance.h"
 #include "provider/ResultMetric.h"
-#include "runtime/ThreadPool.h"
+#include "scheduling/ThreadPool.h"
 
 ThreadPoolStatus::ThreadPoolStatus(const char* applicationName, const char* attributeGroup,
                                    AttributeGroupMeta* meta, ThreadPool* pool)

@@ -17,8 +17,8 @@
 #include "definition/Metric.h"
 #include "foundation/UTF8String.h"
 #include "foundation/Utilities.h"
-#include "framework/api/Configuration.h"
-#include "framework/api/Trace.h"
+#include "framework/Configuration.h"
+#include "framework/Trace.h"
 #include "provider/GroupMetrics.h"
 #include "provider/NumericParser.h"
 #include "provider/ResultInstance.h"
@@ -210,9 +210,9 @@ UAClientClass* nextProvider(UAClientClass* provider) {
 }
 
 // The discovery groups' own providers (no subnode copies), in list order.
-std::vector<ResultsManager*> discoveryProviders(UAClientClassList& providers,
+std::vector<UAClientClass*> discoveryProviders(UAClientClassList& providers,
                                                 SubnodeManager& manager) {
-  std::vector<ResultsManager*> found;
+  std::vector<UAClientClass*> found;
   manager.acquireLock();
   for (UAClientClass* provider = providers.getFirst(); provider != nullptr;
        provider = nextProvider(provider)) {
@@ -221,9 +221,7 @@ std::vector<ResultsManager*> discoveryProviders(UAClientClassList& providers,
         provider->getSubnodeKey() != nullptr) {
       continue;
     }
-    if (auto* results = dynamic_cast<ResultsManager*>(provider)) {
-      found.push_back(results);
-    }
+    found.push_back(provider);
   }
   manager.releaseLock();
   return found;
@@ -261,14 +259,14 @@ void prepareConfiguredSubnodes(UAClientClassList& providers, SubnodeManager& man
   }
 }
 
-void updateGroup(ResultsManager* group, SubnodeManager& manager) {
+void updateGroup(UAClientClass* group, SubnodeManager& manager) {
   XRV_TRACE_FN();
   XRV_TRACE_DETAIL("Updating discovery attribute group %s", group->getAttributeGroup());
   group->collectData(group->getSubnodeKey());
   manager.discoveryAttributeGroupWasUpdated(group);
 }
 
-int intervalOf(const ResultsManager* group) {
+int intervalOf(const UAClientClass* group) {
   int interval = group->getRefreshInterval();
   return interval > 0 ? interval : kDefaultDiscoveryInterval;
 }
@@ -279,7 +277,7 @@ int updateDiscoveryAttributeGroups(UAClientClassList& providers, SubnodeManager&
   XRV_TRACE_FN();
   prepareConfiguredSubnodes(providers, manager);
   int updated = 0;
-  for (ResultsManager* group : discoveryProviders(providers, manager)) {
+  for (UAClientClass* group : discoveryProviders(providers, manager)) {
     updateGroup(group, manager);
     ++updated;
   }
@@ -303,13 +301,13 @@ void* periodicallyUpdateDiscoveryAttributeGroups(void* /*unused*/) {
   }
   UAClientClassList& providers = queryClassList();
   SubnodeManager& manager = getSubnodeManager();
-  std::unordered_map<const ResultsManager*, Clock::time_point> due;
+  std::unordered_map<const UAClientClass*, Clock::time_point> due;
   XRV_TRACE_DETAIL("Discovery update thread started");
   for (;;) {
     Clock::time_point now = Clock::now();
     Clock::time_point next = now + std::chrono::seconds(kDefaultDiscoveryInterval);
     prepareConfiguredSubnodes(providers, manager);
-    for (ResultsManager* group : discoveryProviders(providers, manager)) {
+    for (UAClientClass* group : discoveryProviders(providers, manager)) {
       if (stopRequested()) {
         break;
       }

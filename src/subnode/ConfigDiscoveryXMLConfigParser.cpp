@@ -22,7 +22,7 @@
 #include "definition/DefinitionWarnings.h"
 #include "definition/Metric.h"
 #include "definition/XMLConfigParser.h"
-#include "framework/api/Trace.h"
+#include "framework/Trace.h"
 #include "provider/UAClientClassList.h"
 #include "subnode/ConfigDiscovery.h"
 

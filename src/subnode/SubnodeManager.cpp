@@ -16,9 +16,9 @@
 #include "definition/AgentSettings.h"
 #include "definition/AttributeGroupMeta.h"
 #include "foundation/List.h"
-#include "framework/api/Configuration.h"
-#include "framework/api/Framework.h"
-#include "framework/api/Trace.h"
+#include "framework/Configuration.h"
+#include "framework/Framework.h"
+#include "framework/Trace.h"
 #include "provider/PerfObject.h"
 #include "provider/ResultInstance.h"
 #include "provider/ResultList.h"
@@ -117,7 +117,7 @@ struct SubnodeManager::Subnode {
 };
 
 struct SubnodeManager::DiscoverySource {
-  ResultsManager* provider;
+  UAClientClass* provider;
   std::vector<std::string> msns;  // in the order found
 };
 
@@ -393,7 +393,7 @@ SubnodeManager::Subnode* SubnodeManager::findSubnode(const char* msn) const {
 }
 
 SubnodeManager::DiscoverySource* SubnodeManager::findDiscoverySource(
-    const ResultsManager* discoveryProvider) const {
+    const UAClientClass* discoveryProvider) const {
   return static_cast<DiscoverySource*>(dagToMSNs_.get(pointerKey(discoveryProvider).c_str()));
 }
 
@@ -425,7 +425,7 @@ void SubnodeManager::updateAwaitingCount() {
 
 bool SubnodeManager::addSubnode(const char* msn, const char* key, const char* type,
                                 const char* affinity, const char* version,
-                                ResultsManager* discoveryProvider, bool online) {
+                                UAClientClass* discoveryProvider, bool online) {
   XRV_TRACE_FN();
   if (msn == nullptr || *msn == '\0' || key == nullptr || type == nullptr) {
     XRV_TRACE_ERROR("Failed due to missing args: msn=%p, key=%p, type=%p",
@@ -440,7 +440,7 @@ bool SubnodeManager::addSubnode(const char* msn, const char* key, const char* ty
 
 bool SubnodeManager::addSubnodeLocked(const char* msn, const char* key, const char* type,
                                       const char* affinity, const char* version,
-                                      ResultsManager* discoveryProvider, bool online) {
+                                      UAClientClass* discoveryProvider, bool online) {
   XRV_TRACE_FN();
   Subnode* subnode = findSubnode(msn);
   bool listed = false;
@@ -530,10 +530,7 @@ void SubnodeManager::createSubnode(Subnode* subnode) {
       continue;
     }
     subnode->providers.add(provider);
-    auto* results = dynamic_cast<ResultsManager*>(provider);
-    if (results != nullptr) {
-      results->setOriginNode(msn);
-    }
+    provider->setOriginNode(msn);
     XRV_TRACE_DETAIL("Attribute group %s serves msn=\"%s\"", provider->getAttributeGroup(), msn);
   }
   if (subnode->providers.getCount() == 0) {
@@ -647,10 +644,7 @@ bool SubnodeManager::removeSubnodeLocked(const char* msnArgument) {
     auto* provider = static_cast<UAClientClass*>(subnode->providers.get(i));
     removeAGToQueriesEntry(provider->getAttributeGroup(), provider);
     providers_->removeClientClass(provider);
-    auto* results = dynamic_cast<ResultsManager*>(provider);
-    if (results != nullptr) {
-      results->removeSummaryQuery();
-    }
+    provider->removeSummaryQuery();
     provider->setZombie(true);
     zombies_.push_back(Zombie{provider});
     XRV_TRACE_DETAIL("Queued the %s provider of msn=\"%s\" for the zombie killer",
@@ -708,13 +702,9 @@ bool SubnodeManager::isActiveLocked(const Subnode* subnode) const {
   XRV_TRACE_FN();
   XRV_TRACE_DETAIL("checking subnode %s", subnode->msn.c_str());
   for (int i = 0; i < subnode->providers.getCount(); ++i) {
-    auto* results =
-        dynamic_cast<ResultsManager*>(static_cast<UAClientClass*>(subnode->providers.get(i)));
-    if (results == nullptr) {
-      continue;
-    }
-    int code = results->getPerfErrorCode();
-    XRV_TRACE_DETAIL("checking attr group %s, errcode %d", results->getAttributeGroup(), code);
+    auto* provider = static_cast<UAClientClass*>(subnode->providers.get(i));
+    int code = provider->getPerfErrorCode();
+    XRV_TRACE_DETAIL("checking attr group %s, errcode %d", provider->getAttributeGroup(), code);
     if (code == OBJECT_ACTIVE || code == NO_INSTANCES_RETURNED) {
       return true;
     }
@@ -751,7 +741,7 @@ void SubnodeManager::collectionDone(UAClientClass* provider) {
 
 // --- Discovery ---
 
-std::string SubnodeManager::applicationNameForMSNs(const ResultsManager* discoveryProvider) const {
+std::string SubnodeManager::applicationNameForMSNs(const UAClientClass* discoveryProvider) const {
   XRV_TRACE_FN();
   if (!settings_.applicationName.empty()) {
     return settings_.applicationName;
@@ -764,43 +754,40 @@ std::string SubnodeManager::applicationNameForMSNs(const ResultsManager* discove
 }
 
 std::vector<SubnodeManager::DiscoveredRow> SubnodeManager::readDiscoveryRows(
-    ResultsManager* discoveryProvider) {
+    UAClientClass* discoveryProvider) {
   XRV_TRACE_FN();
   std::vector<DiscoveredRow> rows;
-  discoveryProvider->acquireResultsLock();
-  for (ResultInstance* row = discoveryProvider->firstResultInstance(); row != nullptr;
-       row = ResultList::next(row)) {
-    const ResultMetric* key = row->findMetric(kKeyColumn);
-    const ResultMetric* type = row->findMetric(kTypeColumn);
-    const ResultMetric* affinity = row->findMetric(kAffinityColumn);
-    const ResultMetric* version = row->findMetric(kVersionColumn);
+  discoveryProvider->visitRows([&](const ResultInstance& row) {
+    const ResultMetric* key = row.findMetric(kKeyColumn);
+    const ResultMetric* type = row.findMetric(kTypeColumn);
+    const ResultMetric* affinity = row.findMetric(kAffinityColumn);
+    const ResultMetric* version = row.findMetric(kVersionColumn);
     if (key == nullptr || type == nullptr || affinity == nullptr || version == nullptr) {
       XRV_TRACE_ERROR(
           "DAG row is missing a metric, skipping: key = %08x type = %08x aff = %08x "
           "ver = %08x",
           shortAddress(key), shortAddress(type), shortAddress(affinity), shortAddress(version));
-      continue;
+      return;
     }
-    if (!row->passesFilter()) {
+    if (!row.passesFilter()) {
       XRV_TRACE_DETAIL("DAG row of %s does not pass the filter, skipping",
                        discoveryProvider->getAttributeGroup());
-      continue;
+      return;
     }
-    const ResultMetric* status = row->findMetric(kStatusColumn);
+    const ResultMetric* status = row.findMetric(kStatusColumn);
     DiscoveredRow found{metricText(key), metricText(type), metricText(affinity),
                         metricText(version), status == nullptr || metricText(status) == kOnline};
     if (found.key.empty() || found.type.empty()) {
       XRV_TRACE_ERROR("DAG row of %s has an empty subnode key or type, skipping",
                       discoveryProvider->getAttributeGroup());
-      continue;
+      return;
     }
     rows.push_back(std::move(found));
-  }
-  discoveryProvider->releaseResultsLock();
+  });
   return rows;
 }
 
-void SubnodeManager::discoveryAttributeGroupWasUpdated(ResultsManager* discoveryProvider) {
+void SubnodeManager::discoveryAttributeGroupWasUpdated(UAClientClass* discoveryProvider) {
   XRV_TRACE_FN();
   if (discoveryProvider == nullptr) {
     XRV_TRACE_ERROR("No discovery provider given");
@@ -870,7 +857,7 @@ void SubnodeManager::discoveryAttributeGroupWasUpdated(ResultsManager* discovery
 
 bool SubnodeManager::updateDiscoveryAttributeGroupForSubnode(const char* msn) {
   XRV_TRACE_FN();
-  std::vector<ResultsManager*> sources;
+  std::vector<UAClientClass*> sources;
   {
     PthreadMutexLock guard(lock_);
     HashMapIterator it = dagToMSNs_.iterator();
@@ -889,7 +876,7 @@ bool SubnodeManager::updateDiscoveryAttributeGroupForSubnode(const char* msn) {
     XRV_TRACE_ERROR("No discovery attribute group found msn=\"%s\"", msn == nullptr ? "" : msn);
     return false;
   }
-  for (ResultsManager* source : sources) {
+  for (UAClientClass* source : sources) {
     XRV_TRACE_DETAIL("Updating discovery attribute group %s for msn=\"%s\"",
                      source->getAttributeGroup(), msn);
     source->collectData(source->getSubnodeKey());
@@ -1066,7 +1053,7 @@ bool SubnodeManager::removeAGToQueriesEntry(const char* attributeGroup, UAClient
   return true;
 }
 
-bool SubnodeManager::addDAGToMSNsEntry(ResultsManager* discoveryProvider, const char* msn) {
+bool SubnodeManager::addDAGToMSNsEntry(UAClientClass* discoveryProvider, const char* msn) {
   XRV_TRACE_FN();
   if (discoveryProvider == nullptr || msn == nullptr) {
     return false;
@@ -1085,7 +1072,7 @@ bool SubnodeManager::addDAGToMSNsEntry(ResultsManager* discoveryProvider, const 
   return true;
 }
 
-bool SubnodeManager::removeDAGToMSNsEntry(ResultsManager* discoveryProvider, const char* msn) {
+bool SubnodeManager::removeDAGToMSNsEntry(UAClientClass* discoveryProvider, const char* msn) {
   XRV_TRACE_FN();
   DiscoverySource* source =
       discoveryProvider == nullptr ? nullptr : findDiscoverySource(discoveryProvider);
@@ -1215,13 +1202,12 @@ int SubnodeManager::runGarbageCollection() {
         }
         XRV_TRACE_DETAIL("Query Object %08x is a root-- no other objects refer to it",
                          shortAddress(provider));
-        auto* results = dynamic_cast<ResultsManager*>(provider);
         const char* busy = nullptr;
         if (provider->genericAgentInUse()) {
           busy = "in use by a framework request";
         } else if (provider->isOnQueue()) {
           busy = "queued for a collection";
-        } else if (results != nullptr && results->isCollecting()) {
+        } else if (provider->isCollecting()) {
           busy = "collecting";
         }
         if (busy != nullptr) {

@@ -50,7 +50,6 @@
 #include "foundation/Locks.h"
 
 class AttributeGroupMeta;
-class ResultsManager;
 class UAClientClass;
 class UAClientClassList;
 
@@ -122,7 +121,7 @@ class SubnodeManager {
   // managed it updates the registration to `online`. False when an argument is
   // missing.
   bool addSubnode(const char* msn, const char* key, const char* type, const char* affinity,
-                  const char* version, ResultsManager* discoveryProvider, bool online = true)
+                  const char* version, UAClientClass* discoveryProvider, bool online = true)
       XRV_EXCLUDES(lock_);
   // Deregisters the subnode, takes its providers out of the manager's list and the
   // maps, marks them zombies and queues them for the zombie killer. False when the
@@ -143,7 +142,7 @@ class SubnodeManager {
   // Subnode_Affinity, Subnode_Version, Subnode_Status), adds or updates every subnode
   // they name and removes the subnodes it found before and no longer reports (unless
   // another discovery group still does).
-  void discoveryAttributeGroupWasUpdated(ResultsManager* discoveryProvider) XRV_EXCLUDES(lock_);
+  void discoveryAttributeGroupWasUpdated(UAClientClass* discoveryProvider) XRV_EXCLUDES(lock_);
   // Collects the discovery groups that found `msn` and processes their rows. False
   // when no discovery group found it.
   bool updateDiscoveryAttributeGroupForSubnode(const char* msn) XRV_EXCLUDES(lock_);
@@ -181,9 +180,9 @@ class SubnodeManager {
   bool removeAGToQueriesEntry(const char* attributeGroup, UAClientClass* provider)
       XRV_REQUIRES(lock_);
   // Notes that `discoveryProvider` found `msn`; false when noted already.
-  bool addDAGToMSNsEntry(ResultsManager* discoveryProvider, const char* msn) XRV_REQUIRES(lock_);
+  bool addDAGToMSNsEntry(UAClientClass* discoveryProvider, const char* msn) XRV_REQUIRES(lock_);
   // False when it was not noted.
-  bool removeDAGToMSNsEntry(ResultsManager* discoveryProvider, const char* msn) XRV_REQUIRES(lock_);
+  bool removeDAGToMSNsEntry(UAClientClass* discoveryProvider, const char* msn) XRV_REQUIRES(lock_);
 
   // --- The zombie killer ---
   // Starts the thread that runs a garbage-collection pass every
@@ -209,11 +208,11 @@ class SubnodeManager {
   struct DiscoveredRow;
 
   Subnode* findSubnode(const char* msn) const XRV_REQUIRES(lock_);
-  DiscoverySource* findDiscoverySource(const ResultsManager* discoveryProvider) const
+  DiscoverySource* findDiscoverySource(const UAClientClass* discoveryProvider) const
       XRV_REQUIRES(lock_);
   bool isListedByDiscovery(const char* msn) const XRV_REQUIRES(lock_);
   bool addSubnodeLocked(const char* msn, const char* key, const char* type, const char* affinity,
-                        const char* version, ResultsManager* discoveryProvider, bool online)
+                        const char* version, UAClientClass* discoveryProvider, bool online)
       XRV_REQUIRES(lock_);
   void createSubnode(Subnode* subnode) XRV_REQUIRES(lock_);
   bool removeSubnodeLocked(const char* msn) XRV_REQUIRES(lock_);
@@ -224,8 +223,8 @@ class SubnodeManager {
   void registerSubnode(Subnode* subnode) XRV_REQUIRES(lock_);
   void deregisterSubnode(Subnode* subnode) XRV_REQUIRES(lock_);
   void updateAwaitingCount() XRV_REQUIRES(lock_);
-  std::string applicationNameForMSNs(const ResultsManager* discoveryProvider) const;
-  std::vector<DiscoveredRow> readDiscoveryRows(ResultsManager* discoveryProvider);
+  std::string applicationNameForMSNs(const UAClientClass* discoveryProvider) const;
+  std::vector<DiscoveredRow> readDiscoveryRows(UAClientClass* discoveryProvider);
   void zombieKiller(unsigned generation) XRV_EXCLUDES(killerLock_);
 
   const SubnodeManagerSettings settings_;

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "foundation/Utilities.h"
-#include "framework/api/Configuration.h"
+#include "framework/Configuration.h"
 #include "support/TestConfiguration.h"
 #include "support/TraceCapture.h"
 

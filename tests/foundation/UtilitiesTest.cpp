@@ -6,7 +6,7 @@
 #include <cstring>
 #include <string>
 
-#include "framework/api/FwLocale.h"
+#include "framework/FwLocale.h"
 #include "support/TestConfiguration.h"
 
 namespace {

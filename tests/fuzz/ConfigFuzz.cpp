@@ -8,9 +8,9 @@
 #include <string>
 #include <string_view>
 
-#include "framework/api/ConfigFile.h"
-#include "framework/api/Trace.h"
-#include "framework/api/TraceRules.h"
+#include "framework/ConfigFile.h"
+#include "framework/Trace.h"
+#include "framework/TraceRules.h"
 
 namespace {
 

@@ -14,7 +14,7 @@
 #include "definition/AttributeMeta.h"
 #include "definition/DefinitionCheck.h"
 #include "definition/Parser.h"
-#include "framework/api/Trace.h"
+#include "framework/Trace.h"
 
 namespace {
 

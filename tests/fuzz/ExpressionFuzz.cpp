@@ -13,7 +13,7 @@
 
 #include "definition/Metric.h"
 #include "foundation/UTF8String.h"
-#include "framework/api/Trace.h"
+#include "framework/Trace.h"
 #include "provider/ResultMetric.h"
 #include "provider/expression/IntervalData.h"
 #include "provider/expression/Parsers.h"

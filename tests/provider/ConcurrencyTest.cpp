@@ -13,7 +13,7 @@
 #include "ProviderTestSupport.h"
 #include "definition/AgentSettings.h"
 #include "definition/AttributeGroupMeta.h"
-#include "framework/api/Configuration.h"
+#include "framework/Configuration.h"
 #include "provider/ResultInstance.h"
 #include "support/FrameworkDouble.h"
 

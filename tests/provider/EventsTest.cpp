@@ -10,7 +10,7 @@
 #include "ProviderTestSupport.h"
 #include "definition/AgentSettings.h"
 #include "definition/AttributeGroupMeta.h"
-#include "framework/api/Configuration.h"
+#include "framework/Configuration.h"
 #include "provider/FlowControlSummaryThread.h"
 #include "provider/ResultInstance.h"
 #include "support/FrameworkDouble.h"

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "definition/Metric.h"
-#include "framework/api/FwRequest.h"
+#include "framework/FwRequest.h"
 #include "provider/ResultsManager.h"
 #include "support/FrameworkDouble.h"
 

@@ -18,10 +18,10 @@
 #include "definition/AgentSettings.h"
 #include "definition/AttributeGroupMeta.h"
 #include "foundation/HashMap.h"
-#include "framework/api/Configuration.h"
+#include "framework/Configuration.h"
 #include "provider/UAClientClassList.h"
 #include "runtime/AgentGlobals.h"
-#include "runtime/ThreadPool.h"
+#include "scheduling/ThreadPool.h"
 #include "subnode/SubnodeManager.h"
 #include "support/FrameworkDouble.h"
 

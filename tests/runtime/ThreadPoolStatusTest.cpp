@@ -8,7 +8,7 @@
 #include "ProviderTestSupport.h"
 #include "definition/AgentSettings.h"
 #include "definition/AttributeGroupMeta.h"
-#include "runtime/ThreadPool.h"
+#include "scheduling/ThreadPool.h"
 
 namespace {
 

@@ -16,7 +16,7 @@
 #include "ProviderTestSupport.h"
 #include "definition/AgentSettings.h"
 #include "definition/AttributeGroupMeta.h"
-#include "framework/api/Configuration.h"
+#include "framework/Configuration.h"
 #include "provider/UAClientClassList.h"
 #include "support/FrameworkDouble.h"
 #include "support/TestConfiguration.h"

@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "framework/api/Framework.h"
-#include "framework/api/FwRequest.h"
+#include "framework/Framework.h"
+#include "framework/FwRequest.h"
 #include "support/TraceCapture.h"
 
 namespace XRV::testing {

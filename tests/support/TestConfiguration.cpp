@@ -5,7 +5,7 @@
 #include <fstream>
 #include <stdexcept>
 
-#include "framework/api/Configuration.h"
+#include "framework/Configuration.h"
 
 namespace XRV::testing {
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "framework/api/Trace.h"
+#include "framework/Trace.h"
 
 namespace XRV::testing {
 

@@ -10,7 +10,7 @@
 #include "definition/AttributeGroupMeta.h"
 #include "definition/AttributeMeta.h"
 #include "definition/DefinitionCheck.h"
-#include "framework/api/Configuration.h"
+#include "framework/Configuration.h"
 #include "provider/PerfObject.h"
 #include "provider/ResultsManager.h"
 #include "provider/UAClientClassList.h"

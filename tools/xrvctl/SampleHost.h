@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "framework/api/Framework.h"
-#include "framework/api/FwRequest.h"
+#include "framework/Framework.h"
+#include "framework/FwRequest.h"
 
 class SampleHost : public FrameworkHost, public FwRowSink {
  public:

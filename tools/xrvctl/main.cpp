@@ -16,7 +16,7 @@
 #include "StopCommand.h"
 #include "ValidateCommand.h"
 #include "definition/AgentSettings.h"
-#include "framework/api/Trace.h"
+#include "framework/Trace.h"
 
 int main(int argc, char** argv) {
   // The tool reports problems itself; trace lines only when asked for.

@@ -4,8 +4,8 @@
 #include <vector>
 
 #include "foundation/UTF8String.h"
-#include "framework/api/FwClock.h"
-#include "framework/api/Trace.h"
+#include "framework/FwClock.h"
+#include "framework/Trace.h"
 #include "provider/ResultInstance.h"
 #include "provider/ResultMetric.h"
 #include "provider/expression/IntervalData.h"

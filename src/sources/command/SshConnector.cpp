@@ -2,7 +2,7 @@
 
 #include <atomic>
 
-#include "framework/api/Trace.h"
+#include "framework/Trace.h"
 #include "provider/PerfObject.h"
 
 namespace {

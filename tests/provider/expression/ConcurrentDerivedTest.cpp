@@ -16,7 +16,7 @@
 #include "definition/AgentSettings.h"
 #include "definition/AttributeGroupMeta.h"
 #include "definition/XMLConfigParser.h"
-#include "framework/api/Configuration.h"
+#include "framework/Configuration.h"
 
 namespace {
 

@@ -14,7 +14,7 @@
 #include "definition/AttributeGroupMeta.h"
 #include "definition/XMLConfigParser.h"
 #include "foundation/HashMap.h"
-#include "framework/api/Configuration.h"
+#include "framework/Configuration.h"
 #include "provider/ResultInstance.h"
 #include "provider/ResultMetric.h"
 #include "support/FrameworkDouble.h"

@@ -24,8 +24,8 @@
 
 #include "foundation/HashMap.h"
 #include "foundation/String.h"
-#include "framework/api/FwClock.h"
-#include "framework/api/Trace.h"
+#include "framework/FwClock.h"
+#include "framework/Trace.h"
 #include "sources/command/SshConnector.h"
 #include "support/TraceCapture.h"
 

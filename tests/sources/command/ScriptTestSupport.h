@@ -14,7 +14,7 @@
 #include "definition/AgentSettings.h"
 #include "definition/AttributeGroupMeta.h"
 #include "definition/DefinitionCheck.h"
-#include "framework/api/Configuration.h"
+#include "framework/Configuration.h"
 #include "provider/UAClientClassList.h"
 #include "sources/command/ShellQueryClass.h"
 

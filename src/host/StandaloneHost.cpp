@@ -1,0 +1,340 @@
+#include "host/StandaloneHost.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <charconv>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "framework/Configuration.h"
+#include "framework/Trace.h"
+#include "host/AgentApi.h"
+#include "host/HttpServer.h"
+#include "host/ListenAddress.h"
+#include "host/RowJson.h"
+
+namespace XRV::host {
+namespace {
+
+// An origin node name has at most 32 characters (the ORIGINNODE column).
+constexpr size_t kMaxNodeName = 32;
+// How long the main loop waits for the process to end after shutdown() came from
+// outside the orderly road.
+constexpr int kExitGraceMillis = 5000;
+
+std::string setting(const char* name) {
+  char* value = fwGetEnv(name, nullptr);
+  std::string text = value == nullptr ? "" : value;
+  free(value);
+  return text;
+}
+
+// `name` as a number from `low` to `high`; the default, and a complaint in *warning,
+// when it is set to anything else.
+long numberSetting(const char* name, long low, long high, long fallback, std::string* warning) {
+  const std::string text = setting(name);
+  if (text.empty()) {
+    return fallback;
+  }
+  long value = 0;
+  const auto [end, status] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (status != std::errc() || end != text.data() + text.size() || value < low || value > high) {
+    if (warning != nullptr) {
+      *warning += std::string(warning->empty() ? "" : "; ") + name + "=" + text +
+                  " is not a number from " + std::to_string(low) + " to " + std::to_string(high) +
+                  ", using " + std::to_string(fallback);
+    }
+    return fallback;
+  }
+  return value;
+}
+
+std::string text(const char* value) { return value == nullptr ? std::string() : value; }
+
+int64_t nowMillis() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+}  // namespace
+
+HostSettings HostSettings::fromConfiguration(std::string* warning) {
+  XRV_TRACE_FN();
+  HostSettings settings;
+  const std::string listen = setting("XRV_HTTP_LISTEN");
+  if (!listen.empty()) {
+    settings.listen = listen;
+  }
+  HttpLimits& http = settings.http;
+  http.threads = static_cast<int>(numberSetting("XRV_HTTP_THREADS", 1, 64, http.threads, warning));
+  auto limit = [warning](const char* name, long low, long high, unsigned fallback) {
+    return static_cast<unsigned>(numberSetting(name, low, high, fallback, warning));
+  };
+  http.maxConnections = limit("XRV_HTTP_MAX_CONNECTIONS", 16, 1000000, http.maxConnections);
+  http.maxPerAddress = limit("XRV_HTTP_MAX_CONNECTIONS_PER_ADDRESS", 0, 1000000, http.maxPerAddress);
+  http.headSeconds = limit("XRV_HTTP_HEAD_TIMEOUT", 1, 3600, http.headSeconds);
+  http.idleSeconds = limit("XRV_HTTP_IDLE_TIMEOUT", 1, 86400, http.idleSeconds);
+  http.maxHeaders = limit("XRV_HTTP_MAX_HEADERS", 1, 10000, http.maxHeaders);
+  http.tlsCertificateFile = setting("XRV_HTTP_TLS_CERT");
+  http.tlsKeyFile = setting("XRV_HTTP_TLS_KEY");
+  http.usersFile = setting("XRV_HTTP_USERS_FILE");
+  settings.eventBuffer = static_cast<size_t>(numberSetting(
+      "XRV_EVENT_BUFFER", 1, 10000000, static_cast<long>(settings.eventBuffer), warning));
+  settings.adminToken = setting("XRV_ADMIN_TOKEN");
+  XRV_TRACE_DETAIL("HTTP on %s with %d threads, %zu events kept, shutdown through HTTP %s",
+                   settings.listen.c_str(), settings.http.threads, settings.eventBuffer,
+                   settings.adminToken.empty() ? "disabled" : "enabled");
+  return settings;
+}
+
+StandaloneHost::StandaloneHost() : wakeFd_(eventfd(0, EFD_CLOEXEC)) {
+  if (wakeFd_ < 0) {
+    XRV_TRACE_FN();
+    XRV_TRACE_ERROR("eventfd failed, errno = %d", errno);
+  }
+}
+
+StandaloneHost::~StandaloneHost() {
+  server_.reset();
+  if (wakeFd_ >= 0) {
+    close(wakeFd_);
+  }
+}
+
+int StandaloneHost::run(int /*argc*/, char** /*argv*/) {
+  XRV_TRACE_FN();
+  std::string problem;
+  const HostSettings settings = HostSettings::fromConfiguration(&problem);
+  if (!problem.empty()) {
+    fprintf(stderr, "xrv-agent: %s\n", problem.c_str());
+  }
+  ListenAddress address;
+  if (!parseListenAddress(settings.listen, &address, &problem)) {
+    fprintf(stderr, "xrv-agent: XRV_HTTP_LISTEN %s\n", problem.c_str());
+    startFailed_ = true;
+    setServing(0);
+    return 1;
+  }
+
+  eventStore_ = std::make_unique<EventRing>(settings.eventBuffer);
+  events_.store(eventStore_.get(), std::memory_order_release);
+  catalog_.loadDefinition();
+  api_ = std::make_unique<AgentApi>(catalog_, nodes_, *eventStore_, audit_, settings.adminToken,
+                                    [this] { requestStop(); });
+  server_ = std::make_unique<HttpServer>(*api_, settings.http);
+  if (!server_->bind(address, &problem)) {
+    fprintf(stderr, "xrv-agent: %s\n", problem.c_str());
+    XRV_TRACE_ERROR("%s", problem.c_str());
+    startFailed_ = true;
+    setServing(0);
+    return 1;
+  }
+
+  if (FwAgentLoader loader = loader_.load()) {
+    const int status = loader();
+    XRV_TRACE_DETAIL("Agent loader returned %d", status);
+  } else {
+    XRV_TRACE_ERROR("No agent loader registered, serving no agent");
+  }
+
+  server_->start();
+  address.port = server_->port();
+  printf("xrv-agent: serving the HTTP API on http://%s/\n", address.toString().c_str());
+  fflush(stdout);
+  setServing(address.port);
+
+  const StopReason reason = waitForStop();
+  XRV_TRACE_DETAIL("Stopping: %s", reason == ORDERLY ? "orderly shutdown" : "framework shutdown");
+  if (reason == ORDERLY && stoppingHook_ != nullptr) {
+    stoppingHook_();
+  }
+  server_->stop();
+  if (reason == ORDERLY) {
+    if (terminateHook_ != nullptr) {
+      terminateHook_();
+    }
+  } else {
+    // The signal road ends the process itself; tearing down under its feet would
+    // only race with it.
+    poll(nullptr, 0, kExitGraceMillis);
+  }
+  setServing(0);
+  return 0;
+}
+
+void StandaloneHost::setServing(int port) {
+  std::lock_guard<std::mutex> lock(servingMutex_);
+  httpPort_ = port;
+  runEnded_ = port == 0;
+  servingChanged_.notify_all();
+}
+
+bool StandaloneHost::waitUntilServing(std::chrono::milliseconds timeout) {
+  std::unique_lock<std::mutex> lock(servingMutex_);
+  servingChanged_.wait_for(lock, timeout, [this] { return httpPort_ != 0 || runEnded_; });
+  return httpPort_ != 0;
+}
+
+void StandaloneHost::wake(StopReason reason) {
+  int expected = NOT_STOPPING;
+  stopReason_.compare_exchange_strong(expected, reason);
+  const uint64_t one = 1;
+  // Async-signal-safe: shutdown() comes here from signal handlers.
+  [[maybe_unused]] ssize_t written = write(wakeFd_, &one, sizeof one);
+}
+
+StandaloneHost::StopReason StandaloneHost::waitForStop() {
+  XRV_TRACE_FN();
+  while (stopReason_.load() == NOT_STOPPING) {
+    struct pollfd wait = {wakeFd_, POLLIN, 0};
+    // Without its eventfd the loop looks at the flag ten times a second.
+    if (poll(&wait, 1, wakeFd_ < 0 ? 100 : -1) > 0) {
+      uint64_t count = 0;
+      [[maybe_unused]] ssize_t got = read(wakeFd_, &count, sizeof count);
+    }
+  }
+  return static_cast<StopReason>(stopReason_.load());
+}
+
+void StandaloneHost::requestStop() {
+  XRV_TRACE_FN();
+  wake(ORDERLY);
+}
+
+void StandaloneHost::shutdown(int /*mode*/) { wake(FRAMEWORK_SHUTDOWN); }
+
+void StandaloneHost::initBasicServices(const char* programName) {
+  XRV_TRACE_FN();
+  XRV_TRACE_DETAIL("Basic services for %s", text(programName).c_str());
+}
+
+void StandaloneHost::setAffinity(const char* affinity) {
+  XRV_TRACE_FN();
+  nodes_.setMainAffinity(text(affinity));
+}
+
+void StandaloneHost::setAffinityVersion(int version) {
+  XRV_TRACE_FN();
+  nodes_.setMainAffinity("AFF_V" + std::to_string(version));
+}
+
+void StandaloneHost::setAffinityFeature(const char* feature) {
+  XRV_TRACE_FN();
+  XRV_TRACE_DETAIL("Affinity feature %s", text(feature).c_str());
+}
+
+void StandaloneHost::setNodeType(const char* nodeType) {
+  XRV_TRACE_FN();
+  nodes_.setMainType(text(nodeType));
+  std::lock_guard<std::mutex> lock(originMutex_);
+  nodeType_ = text(nodeType);
+}
+
+void StandaloneHost::setProductVersion(const char* version) {
+  XRV_TRACE_FN();
+  nodes_.setMainVersion(text(version));
+}
+
+void StandaloneHost::registerAgentLoader(FwAgentLoader loader) {
+  XRV_TRACE_FN();
+  loader_ = loader;
+}
+
+void StandaloneHost::registerCommandCallback(const char* commandName,
+                                             FwCommandCallback /*callback*/) {
+  XRV_TRACE_FN();
+  // This host receives no actions: nothing will call the callback.
+  XRV_TRACE_DETAIL("Action callback for %s noted; this host sends no actions",
+                   text(commandName).c_str());
+}
+
+bool StandaloneHost::originNode(char* buffer, size_t size) {
+  XRV_TRACE_FN();
+  std::string name;
+  {
+    std::lock_guard<std::mutex> lock(originMutex_);
+    if (originNode_.empty()) {
+      // HOST:NODETYPE, the host being the configured host name (CTAFW_HOSTNAME) or
+      // the system's, without its domain; cut so that the whole fits.
+      std::string host = setting("CTAFW_HOSTNAME");
+      if (host.empty()) {
+        char system[256] = {};
+        gethostname(system, sizeof system - 1);
+        host = system;
+        host = host.substr(0, host.find('.'));
+      }
+      const std::string suffix = nodeType_.empty() ? "" : ":" + nodeType_;
+      const size_t room = suffix.size() < kMaxNodeName ? kMaxNodeName - suffix.size() : 0;
+      originNode_ = (host.empty() ? "localhost" : host).substr(0, room) + suffix;
+      nodes_.setMainNode(originNode_);
+    }
+    name = originNode_;
+  }
+  if (name.size() + 1 > size) {
+    return false;
+  }
+  memcpy(buffer, name.c_str(), name.size() + 1);
+  return true;
+}
+
+int StandaloneHost::subnodeRegister(const FwSubnodeRegistration& registration) {
+  XRV_TRACE_FN();
+  nodes_.registerSubnode(registration);
+  return FW_SUBNODE_OK;
+}
+
+int StandaloneHost::subnodeDeregister(const char* msn) {
+  XRV_TRACE_FN();
+  return nodes_.deregisterSubnode(msn) ? FW_SUBNODE_OK : FW_SUBNODE_FAILED;
+}
+
+int StandaloneHost::auditRecord(const FwAuditRecord& record) {
+  audit_.add(record);
+  return 0;
+}
+
+void StandaloneHost::tableManagerCreated(TableManager* manager) {
+  XRV_TRACE_FN();
+  catalog_.managerCreated(manager);
+}
+
+void StandaloneHost::tableManagerDestroyed(TableManager* manager) {
+  XRV_TRACE_FN();
+  catalog_.managerDestroyed(manager);
+}
+
+int StandaloneHost::eventArrived(TableManager* manager, const char* row, int length,
+                                 bool continuation) {
+  XRV_TRACE_FN();
+  EventRing* ring = events_.load(std::memory_order_acquire);
+  const CatalogGroup* group =
+      manager == nullptr ? nullptr : catalog_.findGroupByTable(manager->GetTableName());
+  if (ring == nullptr || group == nullptr || row == nullptr || length <= 0) {
+    return 1;
+  }
+  std::vector<DecodedColumn> columns;
+  if (!decodeRow(group->columns, group->rowSize, row, static_cast<size_t>(length), &columns)) {
+    XRV_TRACE_ERROR("Event row of %d bytes does not fit table %s", length, group->table.c_str());
+    return 1;
+  }
+  StoredEvent event;
+  event.timeMillis = nowMillis();
+  event.group = group->name;
+  if (!columns.empty() && !columns.front().isNumber()) {
+    event.node = columns.front().text;  // ORIGINNODE
+  }
+  JsonWriter json;
+  writeColumnsJson(json, columns);
+  event.rowJson = json.take();
+  event.continuation = continuation;
+  ring->add(std::move(event));
+  return 0;
+}
+
+}  // namespace XRV::host
