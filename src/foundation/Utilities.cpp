@@ -65,6 +65,18 @@ bool convertInto(const char* text, size_t length, const char* from, const char* 
 
 char* allocatedCopy(bool ok, XRV::String* text) { return ok ? text->release() : nullptr; }
 
+// False (with `out` emptied when there is one) when there is nothing to convert.
+bool readyToConvert(const char* text, const char* codePage, XRV::String* out) {
+  if (out == nullptr) {
+    return false;
+  }
+  if (text == nullptr || codePage == nullptr) {
+    out->clear();
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 bool Utilities::isUTF8CodePage(const char* codePage) {
@@ -120,20 +132,33 @@ size_t Utilities::scanUTF8Character(const char* text, size_t available, bool* va
   return needed;
 }
 
-bool Utilities::isValidUTF8(const char* text, size_t length) {
-  size_t i = 0;
+namespace {
+
+// Where the first sequence at or after `from` that is not a whole UTF-8 character
+// starts (`length` when there is none), and in `*badSize` how many bytes it takes.
+size_t findInvalidUTF8(const char* text, size_t length, size_t from, size_t* badSize) {
+  size_t i = from;
   while (i < length) {
     if (static_cast<unsigned char>(text[i]) < 0x80) {
       ++i;
       continue;
     }
     bool valid = false;
-    i += scanUTF8Character(text + i, length - i, &valid);
+    size_t size = Utilities::scanUTF8Character(text + i, length - i, &valid);
     if (!valid) {
-      return false;
+      *badSize = size;
+      return i;
     }
+    i += size;
   }
-  return true;
+  return length;
+}
+
+}  // namespace
+
+bool Utilities::isValidUTF8(const char* text, size_t length) {
+  size_t badSize = 0;
+  return findInvalidUTF8(text, length, 0, &badSize) == length;
 }
 
 bool Utilities::appendRepairedUTF8(const char* text, size_t length, XRV::String* out) {
@@ -141,24 +166,14 @@ bool Utilities::appendRepairedUTF8(const char* text, size_t length, XRV::String*
     return false;
   }
   size_t runStart = 0;
-  size_t i = 0;
-  while (i < length) {
-    if (static_cast<unsigned char>(text[i]) < 0x80) {
-      ++i;
-      continue;
-    }
-    bool valid = false;
-    size_t size = scanUTF8Character(text + i, length - i, &valid);
-    if (valid) {
-      i += size;
-      continue;
-    }
-    if (!out->append(text + runStart, i - runStart) ||
+  size_t badSize = 0;
+  for (size_t bad = findInvalidUTF8(text, length, 0, &badSize); bad < length;
+       bad = findInvalidUTF8(text, length, runStart, &badSize)) {
+    if (!out->append(text + runStart, bad - runStart) ||
         !out->append(kReplacementCharacter, sizeof kReplacementCharacter - 1)) {
       return false;
     }
-    i += size;
-    runStart = i;
+    runStart = bad + badSize;
   }
   return out->append(text + runStart, length - runStart);
 }
@@ -166,11 +181,7 @@ bool Utilities::appendRepairedUTF8(const char* text, size_t length, XRV::String*
 bool Utilities::codePageToUTF8(const char* text, size_t length, const char* codePage,
                                XRV::String* out) {
   XRV_TRACE_FN();
-  if (out == nullptr) {
-    return false;
-  }
-  if (text == nullptr || codePage == nullptr) {
-    out->clear();
+  if (!readyToConvert(text, codePage, out)) {
     return false;
   }
   if (isASCII(text, length)) {
@@ -186,11 +197,7 @@ bool Utilities::codePageToUTF8(const char* text, size_t length, const char* code
 bool Utilities::UTF8ToCodePage(const char* text, size_t length, const char* codePage,
                                XRV::String* out) {
   XRV_TRACE_FN();
-  if (out == nullptr) {
-    return false;
-  }
-  if (text == nullptr || codePage == nullptr) {
-    out->clear();
+  if (!readyToConvert(text, codePage, out)) {
     return false;
   }
   if (isASCII(text, length) || isUTF8CodePage(codePage)) {

@@ -196,49 +196,33 @@ const char* ResultMetric::getTextBytes() const {
   return nullptr;
 }
 
-int ResultMetric::getIntValue() const {
+template <typename Number, typename FromDouble>
+Number ResultMetric::numberAs(FromDouble fromDouble) const {
   switch (kind()) {
     case RESULT_INT32:
-      return value_.i32;
+      return static_cast<Number>(value_.i32);
     case RESULT_INT64:
-      return static_cast<int>(value_.i64);
+      return static_cast<Number>(value_.i64);
     case RESULT_UINT64:
-      return static_cast<int>(value_.u64);
+      return static_cast<Number>(value_.u64);
     case RESULT_DOUBLE:
-      return truncateDouble<int>(value_.d, INT_MIN, INT_MAX);
+      return fromDouble(value_.d);
     default:
-      return 0;
+      return Number{};
   }
+}
+
+int ResultMetric::getIntValue() const {
+  return numberAs<int>([](double d) { return truncateDouble<int>(d, INT_MIN, INT_MAX); });
 }
 
 long long ResultMetric::getIntValue64() const {
-  switch (kind()) {
-    case RESULT_INT32:
-      return value_.i32;
-    case RESULT_INT64:
-      return value_.i64;
-    case RESULT_UINT64:
-      return static_cast<long long>(value_.u64);
-    case RESULT_DOUBLE:
-      return truncateDouble<long long>(value_.d, LLONG_MIN, LLONG_MAX);
-    default:
-      return 0;
-  }
+  return numberAs<long long>(
+      [](double d) { return truncateDouble<long long>(d, LLONG_MIN, LLONG_MAX); });
 }
 
 double ResultMetric::getDoubleValue() const {
-  switch (kind()) {
-    case RESULT_INT32:
-      return value_.i32;
-    case RESULT_INT64:
-      return static_cast<double>(value_.i64);
-    case RESULT_UINT64:
-      return static_cast<double>(value_.u64);
-    case RESULT_DOUBLE:
-      return value_.d;
-    default:
-      return 0.0;
-  }
+  return numberAs<double>([](double d) { return d; });
 }
 
 void ResultMetric::setMetricValue(int value) {
@@ -336,12 +320,8 @@ void ResultMetric::setValueFrom(const ResultMetric& other) {
   }
 }
 
-ResultMetric* ResultMetric::getDeepCopy() const {
-  XRV_TRACE_FN();
-  if (ownsNames()) {
-    return getDeepCopy(getMetricName(), getSurfMetricName());
-  }
-  auto* copy = new (std::nothrow) ResultMetric(getMetric(), RESULT_INT32);
+ResultMetric* ResultMetric::finishCopy(ResultMetric* copy) const {
+  XRV_TRACE_SITE();
   if (copy == nullptr) {
     XRV_TRACE_ERROR("Unable to copy the value of metric %s",
                     getMetricName() == nullptr ? "" : getMetricName());
@@ -351,17 +331,20 @@ ResultMetric* ResultMetric::getDeepCopy() const {
   return copy;
 }
 
+ResultMetric* ResultMetric::getDeepCopy() const {
+  XRV_TRACE_FN();
+  if (ownsNames()) {
+    return getDeepCopy(getMetricName(), getSurfMetricName());
+  }
+  auto* copy = new (std::nothrow) ResultMetric(getMetric(), RESULT_INT32);
+  return finishCopy(copy);
+}
+
 ResultMetric* ResultMetric::getDeepCopy(const char* name, const char* displayName) const {
   XRV_TRACE_FN();
   auto* copy = new (std::nothrow)
       ResultMetric(name, displayName, getRawMetricType(), RESULT_INT32, isKey(), isCounter());
-  if (copy == nullptr) {
-    XRV_TRACE_ERROR("Unable to copy the value of metric %s",
-                    getMetricName() == nullptr ? "" : getMetricName());
-    return nullptr;
-  }
-  copy->setValueFrom(*this);
-  return copy;
+  return finishCopy(copy);
 }
 
 void ResultMetric::toUTF8String(XRV::String* out) const {

@@ -170,6 +170,11 @@ class ResultMetric : public ListElement {
     const Metric* metric = getMetric();
     return metric != nullptr && (which == kOwnKey ? metric->getIsKey() : metric->isCounter());
   }
+  // Gives `copy` (a new value, or null when it could not be made) this value.
+  ResultMetric* finishCopy(ResultMetric* copy) const;
+  // The numeric value as `Number`; a double goes through `fromDouble`, a text is 0.
+  template <typename Number, typename FromDouble>
+  Number numberAs(FromDouble fromDouble) const;
   // Stores the names, type and key and counter flags in a new block of this value's
   // own (it must have none yet); on failure the names stay null.
   void makeOwnNames(const char* name, const char* displayName, RAW_METRIC_TYPE type, bool key,

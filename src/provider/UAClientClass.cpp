@@ -82,6 +82,19 @@ char* columnOf(char* row, const AttributeMeta* attribute) {
   return row + attribute->getOffset();
 }
 
+// Where `attribute`'s text goes in `row`; null when it has no place there or is not
+// of a text type (which is traced).
+char* textColumnOf(char* row, const AttributeMeta* attribute) {
+  XRV_TRACE_SITE();
+  char* column = columnOf(row, attribute);
+  if (column != nullptr && !isTextAttributeType(attribute->getType())) {
+    XRV_TRACE_ERROR("ERROR: Attribute is not of string type '%s' (%d)\n", attribute->getName(),
+                    attribute->getType());
+    return nullptr;
+  }
+  return column;
+}
+
 // Status texts of the data sources and the error codes they stand for. Filled while
 // the definition is read; the map is created by the first entry.
 class PerfObjEnumTable {
@@ -537,13 +550,8 @@ void UAClientClass::putInt(char* row, const AttributeMeta* attribute, int value)
 void UAClientClass::putString(char* row, const AttributeMeta* attribute, const char* text,
                               bool convert) {
   XRV_TRACE_SITE();
-  char* column = columnOf(row, attribute);
+  char* column = textColumnOf(row, attribute);
   if (column == nullptr) {
-    return;
-  }
-  if (!isTextAttributeType(attribute->getType())) {
-    XRV_TRACE_ERROR("ERROR: Attribute is not of string type '%s' (%d)\n", attribute->getName(),
-                    attribute->getType());
     return;
   }
   if (text == nullptr) {
@@ -578,13 +586,8 @@ void UAClientClass::putString(char* row, const AttributeMeta* attribute, const c
 void UAClientClass::putUTF8String(char* row, const AttributeMeta* attribute,
                                   const UTF8String* text) {
   XRV_TRACE_SITE();
-  char* column = columnOf(row, attribute);
+  char* column = textColumnOf(row, attribute);
   if (column == nullptr) {
-    return;
-  }
-  if (!isTextAttributeType(attribute->getType())) {
-    XRV_TRACE_ERROR("ERROR: Attribute is not of string type '%s' (%d)\n", attribute->getName(),
-                    attribute->getType());
     return;
   }
   int size = attribute->getSize();

@@ -92,28 +92,13 @@ class FilterParser : public ParserBase {
       advance();
       return checked(negatedLike ? program_->addUnary(NODE_NOT, like) : like);
     }
+    static constexpr std::pair<TokenKind, NodeOp> kComparison[] = {
+        {TOKEN_EQUAL, NODE_EQUAL},     {TOKEN_NOT_EQUAL, NODE_NOT_EQUAL},
+        {TOKEN_LESS, NODE_LESS},       {TOKEN_LESS_EQUAL, NODE_LESS_EQUAL},
+        {TOKEN_GREATER, NODE_GREATER}, {TOKEN_GREATER_EQUAL, NODE_GREATER_EQUAL}};
     NodeOp op;
-    switch (current_.kind) {
-      case TOKEN_EQUAL:
-        op = NODE_EQUAL;
-        break;
-      case TOKEN_NOT_EQUAL:
-        op = NODE_NOT_EQUAL;
-        break;
-      case TOKEN_LESS:
-        op = NODE_LESS;
-        break;
-      case TOKEN_LESS_EQUAL:
-        op = NODE_LESS_EQUAL;
-        break;
-      case TOKEN_GREATER:
-        op = NODE_GREATER;
-        break;
-      case TOKEN_GREATER_EQUAL:
-        op = NODE_GREATER_EQUAL;
-        break;
-      default:
-        return fail("expected a comparison or LIKE but found " + Lexer::describe(current_));
+    if (!operatorOf(kComparison, &op)) {
+      return fail("expected a comparison or LIKE but found " + Lexer::describe(current_));
     }
     advance();
     int32_t right = parseOperand();

@@ -17,18 +17,6 @@ class FormulaParser : public ParserBase {
   int32_t parse() { return atEnd(parseOr()); }
 
  private:
-  // The binary operator of the current token among `kinds` (pairs of token and node).
-  template <size_t N>
-  bool operatorOf(const std::pair<TokenKind, NodeOp> (&kinds)[N], NodeOp* op) const {
-    for (const auto& [token, node] : kinds) {
-      if (current_.kind == token) {
-        *op = node;
-        return true;
-      }
-    }
-    return false;
-  }
-
   int32_t parseOr() {
     static constexpr std::pair<TokenKind, NodeOp> kOr[] = {{TOKEN_OR, NODE_OR}};
     return binaryLevel([this](NodeOp* op) { return operatorOf(kOr, op); },

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "provider/expression/Lexer.h"
 #include "provider/expression/Program.h"
@@ -36,6 +37,18 @@ class ParserBase {
   // the error recorded, beyond Program::kMaxDepth. Every enter() is paired with leave().
   bool enter();
   void leave() { --nesting_; }
+
+  // The binary operator of the current token among `kinds` (pairs of token and node).
+  template <size_t N>
+  bool operatorOf(const std::pair<TokenKind, NodeOp> (&kinds)[N], NodeOp* op) const {
+    for (const auto& [token, node] : kinds) {
+      if (current_.kind == token) {
+        *op = node;
+        return true;
+      }
+    }
+    return false;
+  }
 
   // left { operator right }, where `operatorAt` tells the node of the current token
   // (false when it is none of this level's) and `next` parses an operand.

@@ -38,48 +38,32 @@ struct Value {
   uint32_t length;  // bytes of a text
   ExpressionType type;
 
-  static Value none() {
-    Value v;
-    v.i = 0;
-    v.length = 0;
-    v.type = EXPRESSION_NONE;
-    return v;
-  }
+  static Value none() { return of(EXPRESSION_NONE); }
   static Value boolean(bool value) {
-    Value v;
-    v.i = 0;
+    Value v = of(EXPRESSION_BOOLEAN);
     v.b = value;
-    v.length = 0;
-    v.type = EXPRESSION_BOOLEAN;
     return v;
   }
   // INT32 when `value` fits in 32 bits, else INT64.
   static Value integer(int64_t value) {
-    Value v;
+    Value v = of(value >= INT32_MIN && value <= INT32_MAX ? EXPRESSION_INT32 : EXPRESSION_INT64);
     v.i = value;
-    v.length = 0;
-    v.type = value >= INT32_MIN && value <= INT32_MAX ? EXPRESSION_INT32 : EXPRESSION_INT64;
     return v;
   }
   static Value int64(int64_t value) {
-    Value v;
+    Value v = of(EXPRESSION_INT64);
     v.i = value;
-    v.length = 0;
-    v.type = EXPRESSION_INT64;
     return v;
   }
   static Value real(double value) {
-    Value v;
+    Value v = of(EXPRESSION_DOUBLE);
     v.d = value;
-    v.length = 0;
-    v.type = EXPRESSION_DOUBLE;
     return v;
   }
   static Value text(const char* bytes, size_t length) {
-    Value v;
+    Value v = of(EXPRESSION_STRING);
     v.s = bytes;
     v.length = static_cast<uint32_t>(length);
-    v.type = EXPRESSION_STRING;
     return v;
   }
 
@@ -92,6 +76,16 @@ struct Value {
   std::string_view view() const { return {s, length}; }
   // A number as a double (meaningful for numbers only).
   double asDouble() const { return type == EXPRESSION_DOUBLE ? d : static_cast<double>(i); }
+
+ private:
+  // A zero value of `valueType`, for the factories to fill in.
+  static Value of(ExpressionType valueType) {
+    Value v;
+    v.i = 0;
+    v.length = 0;
+    v.type = valueType;
+    return v;
+  }
 };
 
 // How a value is named in error messages: its type, or a text with its content.
