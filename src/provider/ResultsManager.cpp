@@ -331,7 +331,6 @@ void ResultsManager::collectDataIfNeeded(const char* subnode) {
   } else {
     XRV_TRACE_DETAIL("Calling collectData on %s\n", getAttributeGroup());
   }
-  ++collections_;
   collectData(subnode);
 }
 

@@ -141,18 +141,10 @@ class ResultsManager : public UAClientClass {
   void clearNewResultSet() XRV_EXCLUDES(store_.newLock);
   void clearPrevResultList();
   int getResultInstanceCount() XRV_EXCLUDES(store_.activeLock);
-  // The first active / new row; walk on with ResultList::next(). Hold the matching
-  // lock while walking.
-  ResultInstance* firstResultInstance() XRV_REQUIRES(store_.activeLock) { return store_.firstActive(); }
   void visitRows(const std::function<void(const ResultInstance& row)>& visit) override
       XRV_EXCLUDES(store_.activeLock);
-  ResultInstance* firstNewResultInstance() XRV_REQUIRES(store_.newLock) {
-    return store_.firstNew();
-  }
   void acquireResultsLock() XRV_ACQUIRE(store_.activeLock);
   void releaseResultsLock() XRV_RELEASE(store_.activeLock);
-  void acquireNewResultsLock() XRV_ACQUIRE(store_.newLock) { store_.newLock.lock(); }
-  void releaseNewResultsLock() XRV_RELEASE(store_.newLock) { store_.newLock.unlock(); }
   // Merges the new list into the active list.
   virtual void updateResults() XRV_EXCLUDES(store_.activeLock, store_.newLock);
   // The previous sample was requested for history: interval data are purged once.
@@ -211,10 +203,6 @@ class ResultsManager : public UAClientClass {
   // Marks every cached event that is no summary yet as one and sends it.
   void sendSummaryEvents() XRV_EXCLUDES(pureCache_.lock);
   int getSummaryInterval() const { return pureCache_.summaryInterval(); }
-  int getFloodThreshold() XRV_EXCLUDES(pureCache_.lock) {
-    PthreadMutexLock lock(pureCache_.lock);
-    return pureCache_.threshold();
-  }
   time_t getNextSummary() const { return nextSummary_.load(); }
   void setNextSummary(time_t when) { nextSummary_.store(when); }
   void removeSummaryQuery() override;
@@ -231,13 +219,8 @@ class ResultsManager : public UAClientClass {
   // --- Settings and counters ---
   bool isAggregating() const { return aggregate_; }
   bool isReplacingRowsByKey() const { return replaceRowsByKey_; }
-  int getPurgeInterval() const { return purgeInterval_; }
   bool isCollectionDisabled() const { return collectionDisabled_; }
-  bool isReplacingWithLatest() const { return replaceWithLatest_; }
-  bool isTruncatingTimestamps() const { return truncateTimestamp_; }
-  int getPureCacheSize() const { return pureCache_.getSize(); }
   int64_t getCacheHitCount() const { return cacheHits_.load(); }
-  int64_t getCollectionCount() const { return collections_.load(); }
 
   void printResultInstances() XRV_EXCLUDES(store_.activeLock);
 
@@ -274,7 +257,6 @@ class ResultsManager : public UAClientClass {
   PthreadMutex collectingMutex_;
   bool keepActiveResults_ = false;  // collecting thread only
   std::atomic<int64_t> cacheHits_{0};
-  std::atomic<int64_t> collections_{0};
 
   // Rows: the active and new lists with their locks, and the name index.
   ResultStore store_;
