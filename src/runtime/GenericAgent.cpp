@@ -8,6 +8,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <utility>
 
 #include "definition/AttributeGroupMeta.h"
 #include "foundation/HashMap.h"
@@ -138,8 +139,8 @@ struct GenericAgent::Target {
   };
 
   UAClientClass* provider;
-  std::string node;  // the managed system its rows are sent for
-  bool subnode;      // a subnode's copy, marked in use while the sample holds it
+  std::string node;         // the managed system its rows are sent for
+  SubnodeProviderPin pin;   // a subnode's copy: holds it while the sample does
   Collection collection = NOT_SUBMITTED;
 };
 
@@ -349,15 +350,16 @@ bool GenericAgent::isHistoryRequest() const {
 bool GenericAgent::addSubnodeTarget(const char* msn, std::vector<Target>* targets) {
   XRV_TRACE_FN();
   SubnodeManager& subnodes = getSubnodeManager();
-  // Pinned under the manager's lock: the zombie killer keeps it until tsFreeQueryList.
-  UAClientClass* provider = subnodes.pinSubnodeQueryClass(msn, meta_);
-  if (provider == nullptr) {
+  // The pin keeps the provider until tsFreeQueryList, even if its subnode goes.
+  SubnodeProviderPin pin = subnodes.pinSubnodeQueryClass(msn, meta_);
+  if (!pin) {
     if (!subnodes.isManagingSubnode(msn)) {
       XRV_TRACE_ERROR("Subnode %s is not managed by this agent.", msn);
     }
     return false;
   }
-  targets->push_back(Target{provider, msn, true});
+  UAClientClass* provider = pin.get();
+  targets->push_back(Target{provider, msn, std::move(pin)});
   return true;
 }
 
@@ -385,8 +387,9 @@ std::vector<GenericAgent::Target> GenericAgent::tsGetQueryList() {
     }
     if (listed == 0) {
       // The framework named no subnodes: every subnode of the group.
-      for (UAClientClass* provider : getSubnodeManager().pinAllSubnodeQueryClasses(meta_)) {
-        targets.push_back(Target{provider, provider->getOriginNode(), true});
+      for (SubnodeProviderPin& pin : getSubnodeManager().pinAllSubnodeQueryClasses(meta_)) {
+        UAClientClass* provider = pin.get();
+        targets.push_back(Target{provider, provider->getOriginNode(), std::move(pin)});
       }
     }
     return targets;
@@ -397,7 +400,7 @@ std::vector<GenericAgent::Target> GenericAgent::tsGetQueryList() {
                     meta_->getGroupName());
     return targets;
   }
-  targets.push_back(Target{own, mainNode_, false});
+  targets.push_back(Target{own, mainNode_, {}});
   return targets;
 }
 
@@ -522,10 +525,5 @@ void GenericAgent::tsSubmitData(std::vector<Target>& targets, Collections* colle
 
 void GenericAgent::tsFreeQueryList(std::vector<Target>& targets) {
   XRV_TRACE_FN();
-  for (const Target& target : targets) {
-    if (target.subnode) {
-      target.provider->setGenericAgentInUse(false);
-    }
-  }
-  targets.clear();
+  targets.clear();  // ends the subnode copies' pins
 }

@@ -86,7 +86,7 @@ class GenericAgent : public GenericAgentBase {
   struct Collections;
 
   void ParseRequestInformation();
-  // The providers of this sample, marked in use; release with tsFreeQueryList.
+  // The providers of this sample, subnode copies pinned; release with tsFreeQueryList.
   std::vector<Target> tsGetQueryList();
   void tsCollectData(std::vector<Target>& targets, Collections* collections);
   void tsSubmitData(std::vector<Target>& targets, Collections* collections);

@@ -198,17 +198,19 @@ void RefreshThread::startTurn(UAClientClass* provider) {
     startJob(provider);
     return;
   }
-  // The template's turn is every copy's turn, in the subnode manager's order.
+  // The template's turn is every copy's turn, in the subnode manager's order. The
+  // pins hold the copies until they are claimed; from then on the on-queue mark holds
+  // each (until its job, or the collection here, takes it off the queue).
+  std::vector<SubnodeProviderPin> copies = subnodes_->pinAllSubnodeQueryClasses(meta);
   std::vector<UAClientClass*> collectHere;
-  subnodes_->forEachSubnodeQueryClass(provider->getAttributeGroup(), [&](UAClientClass* copy) {
+  for (const SubnodeProviderPin& copy : copies) {
     if (pool_ != nullptr) {
-      startJob(copy);
-    } else if (claim(copy)) {
-      collectHere.push_back(copy);
+      startJob(copy.get());
+    } else if (claim(copy.get())) {
+      collectHere.push_back(copy.get());
     }
-  });
-  // Without a pool the copies are collected here, outside the manager's lock; their
-  // on-queue mark keeps a removed subnode's copy from being deleted meanwhile.
+  }
+  copies.clear();
   for (UAClientClass* copy : collectHere) {
     collectInline(copy);
     copy->setOnQueue(false);

@@ -10,73 +10,57 @@
 // name (MSN). The manager keeps three maps:
 //   MSN -> the subnode and the providers serving it (in the order they were indexed);
 //   attribute group -> the subnode providers of that group (in the order added);
-//   discovery provider ("%p" of its address) -> the MSNs it found;
+//   discovery provider ("%p" of its address) -> the MSNs it found
+//   (SubnodeDiscoverySources.h);
 // registers and deregisters subnodes, answers which provider serves an MSN and an
 // attribute group, and runs the zombie killer: a thread that deletes the providers of
 // removed subnodes once nothing refers to them any more.
 //
+// The parts that are not bookkeeping live in files of their own: the settings
+// (SubnodeSettings.h), MSN generation (SubnodeManagedSystemNames.h), reading a
+// discovery group's rows (SubnodeDiscoveryRows.h), the framework registration
+// (SubnodeRegistration.h), the copies made for configured subnodes (SubnodeCopies.h)
+// and the zombie killer with its thread (SubnodeZombieCollector.h).
+//
 // Ownership: the providers of a live subnode belong to the provider list the manager
-// was given (queryClassList() by default); removeSubnode takes them out of that list,
-// and from then on the manager owns them (the zombie queue) until the zombie killer
-// deletes them, or the manager is destroyed. Texts passed in are copied.
+// was given (queryClassList() by default); removeSubnode takes them out of that list
+// and hands them to the zombie killer, which owns them until it deletes them or is
+// destroyed with the manager. Texts passed in are copied.
 //
-// Locks: one lock over the maps, the zombie queue and the provider list's subnode
-// changes (acquireLock/releaseLock, or taken by each operation itself). It is not
-// recursive: callbacks run under it (forEachSubnodeQueryClass) must not call back into
-// the manager. Framework registrations and provider queries (error codes, references,
+// Locks: lock_ guards the maps and the provider list's subnode changes
+// (acquireLock/releaseLock, or taken by each operation itself). It is not recursive:
+// callbacks run under it (forEachSubnodeQueryClass) must not call back into the
+// manager. Framework registrations and provider queries (error codes, references,
 // busy flags) are made while it is held; a discovery provider's results lock is never
-// taken while it is held. The zombie killer's control state has a lock of its own.
+// taken while it is held. The zombie killer's queue and thread have locks of their
+// own, taken after lock_.
 //
-// A provider pointer handed out by a lookup stays valid after the lock is released
-// only while the provider is live, or while it is pinned: marked in use
-// (setGenericAgentInUse) or on the collection queue (markOnQueue). The mark must be
-// set while the lock is still held, by the pin* lookups or inside the callback of
-// forEachSubnodeQueryClass; the zombie killer, which decides under the same lock,
-// never deletes a pinned provider. A caller that uses a provider without a pin works
-// with a pointer that may already be gone.
+// Provider lifetime: a provider pointer from a plain lookup is valid only while its
+// subnode is live, that is, while the caller holds lock_ or otherwise knows the
+// subnode stays. To use a provider beyond that, hold a SubnodeProviderPin: the pin*
+// lookups make one under lock_, and the zombie killer, which decides under lock_ too,
+// never deletes a pinned provider. A provider on the collection queue (markOnQueue,
+// set under lock_ inside forEachSubnodeQueryClass or while a pin is held) is kept the
+// same way until it comes off the queue.
 //
 // Thread-safety: every public operation may be called from any thread.
 
-#include <pthread.h>
-
 #include <atomic>
-#include <cstddef>
 #include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "foundation/HashMap.h"
 #include "foundation/Locks.h"
+#include "subnode/SubnodeDiscoverySources.h"
+#include "subnode/SubnodeManagedSystemNames.h"
+#include "subnode/SubnodeProviderPin.h"
+#include "subnode/SubnodeSettings.h"
+#include "subnode/SubnodeZombieCollector.h"
 
 class AttributeGroupMeta;
 class UAClientClass;
 class UAClientClassList;
-
-// Bytes of a buffer that generateSubnodeManagedSystemName fills: an MSN has at most
-// 32 characters (the width of the ORIGINNODE column), and the NUL.
-inline constexpr size_t SUBNODE_MSN_BUFFER_SIZE = 33;
-
-// What the manager is configured with. fromConfiguration() reads the agent-wide
-// settings (with their traces); tests fill the fields themselves.
-struct SubnodeManagerSettings {
-  // CDP_DP_INITIAL_CONFIG_DISCOVERY_NODE_STATE: "UP" (any case, the default) registers
-  // new subnodes at once; "DOWN" holds them back until data has been collected.
-  bool registerNewNodes = true;
-  // The host name put in front of subnode keys in MSNs: CTAFW_HOSTNAME when
-  // CDP_DP_USE_HOSTNAME_IN_SUBNODE_MSN is on; empty for none.
-  std::string msnHostName;
-  // CDP_DP_EXCLUDE_SUBNODE_TYPE_FROM_MSN: subnodes of this type have MSNs without
-  // their type; empty for none.
-  std::string excludedType;
-  // CDP_DP_GARBAGE_COLLECTION_INTERVAL: seconds between zombie-killer passes.
-  int garbageCollectionInterval = 600;
-  // The application whose name makes the first part of discovered subnodes' MSNs;
-  // empty: the agent's (applicationSettings().applicationName) at the time of use.
-  std::string applicationName;
-
-  static SubnodeManagerSettings fromConfiguration();
-};
 
 class SubnodeManager {
  public:
@@ -158,11 +142,12 @@ class SubnodeManager {
   // `meta` is null).
   std::vector<UAClientClass*> getAllSubnodeQueryClasses(const AttributeGroupMeta* meta)
       XRV_EXCLUDES(lock_);
-  // The two lookups above, with each provider found pinned (marked in use) before the
-  // lock is released. The caller ends each pin with setGenericAgentInUse(false).
-  UAClientClass* pinSubnodeQueryClass(const char* msn, const AttributeGroupMeta* meta)
+  // getSubnodeQueryClass and getAllSubnodeQueryClasses, with each provider found
+  // pinned before the lock is released; the provider stays valid while its pin lives.
+  // An empty pin when there is none.
+  SubnodeProviderPin pinSubnodeQueryClass(const char* msn, const AttributeGroupMeta* meta)
       XRV_EXCLUDES(lock_);
-  std::vector<UAClientClass*> pinAllSubnodeQueryClasses(const AttributeGroupMeta* meta)
+  std::vector<SubnodeProviderPin> pinAllSubnodeQueryClasses(const AttributeGroupMeta* meta)
       XRV_EXCLUDES(lock_);
   // Calls `fn` for every subnode provider of the group, in the order added, while
   // holding the lock. `fn` must not call back into the manager.
@@ -187,9 +172,9 @@ class SubnodeManager {
   // --- The zombie killer ---
   // Starts the thread that runs a garbage-collection pass every
   // garbageCollectionInterval seconds. False when it runs already or cannot start.
-  bool startZombieKiller() XRV_EXCLUDES(killerLock_);
+  bool startZombieKiller();
   // Wakes the thread and waits for it to end; returns at once when none runs.
-  void stopZombieKiller() XRV_EXCLUDES(killerLock_);
+  void stopZombieKiller();
   // One garbage-collection pass, on the caller's thread. Returns the number of
   // providers deleted.
   int runGarbageCollection() XRV_EXCLUDES(lock_);
@@ -197,20 +182,11 @@ class SubnodeManager {
 
  private:
   struct Subnode;
-  struct DiscoverySource;
-  struct Zombie {
-    UAClientClass* provider;
-  };
   UAClientClass* findSubnodeQueryClassLocked(const char* msn, const AttributeGroupMeta* meta)
       XRV_REQUIRES(lock_);
   std::vector<UAClientClass*> allSubnodeQueryClassesLocked(const AttributeGroupMeta* meta)
       XRV_REQUIRES(lock_);
-  struct DiscoveredRow;
-
   Subnode* findSubnode(const char* msn) const XRV_REQUIRES(lock_);
-  DiscoverySource* findDiscoverySource(const UAClientClass* discoveryProvider) const
-      XRV_REQUIRES(lock_);
-  bool isListedByDiscovery(const char* msn) const XRV_REQUIRES(lock_);
   bool addSubnodeLocked(const char* msn, const char* key, const char* type, const char* affinity,
                         const char* version, UAClientClass* discoveryProvider, bool online)
       XRV_REQUIRES(lock_);
@@ -223,27 +199,18 @@ class SubnodeManager {
   void registerSubnode(Subnode* subnode) XRV_REQUIRES(lock_);
   void deregisterSubnode(Subnode* subnode) XRV_REQUIRES(lock_);
   void updateAwaitingCount() XRV_REQUIRES(lock_);
-  std::string applicationNameForMSNs(const UAClientClass* discoveryProvider) const;
-  std::vector<DiscoveredRow> readDiscoveryRows(UAClientClass* discoveryProvider);
-  void zombieKiller(unsigned generation) XRV_EXCLUDES(killerLock_);
 
   const SubnodeManagerSettings settings_;
-  UAClientClassList* const providers_;
-
+  const SubnodeManagedSystemNames names_;
   PthreadMutex lock_;
+  UAClientClassList* const providers_ XRV_PT_GUARDED_BY(lock_);  // its subnode changes
   HashMap msnToQueries_ XRV_GUARDED_BY(lock_);  // MSN (the Subnode's own) -> Subnode*, owned
   HashMap agToQueries_ XRV_GUARDED_BY(lock_);   // group (owned) -> List* of UAClientClass*
-  HashMap dagToMSNs_ XRV_GUARDED_BY(lock_);     // "%p" (owned) -> DiscoverySource*, owned
-  std::vector<Zombie> zombies_ XRV_GUARDED_BY(lock_);
+  SubnodeDiscoverySources discoveries_ XRV_GUARDED_BY(lock_);  // discovery provider -> MSNs
   // Subnodes held back by the DOWN node state; read without the lock by collectionDone.
   std::atomic<int> awaitingData_{0};
-
-  PthreadMutex killerLock_;
-  pthread_cond_t killerWake_;
-  // Bumped by every start and stop; a killer thread runs while it is the one it
-  // started with.
-  unsigned killerGeneration_ XRV_GUARDED_BY(killerLock_) = 0;
-  std::thread killer_ XRV_GUARDED_BY(killerLock_);
+  // The removed subnodes' providers. Declared after lock_, which it takes in its passes.
+  SubnodeZombieCollector zombies_;
 };
 
 // The process-wide manager: the one installed by setSubnodeManagerForTesting, else

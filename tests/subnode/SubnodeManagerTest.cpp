@@ -144,7 +144,7 @@ class SubnodeManagerTest : public ::testing::Test {
     return names;
   }
 
-  FrameworkDouble framework_{"detail:SubnodeManager.cpp"};
+  FrameworkDouble framework_{"detail:Subnode*.cpp"};
   DeletionLog deleted_;
   UAClientClassList list_;
   std::unique_ptr<SubnodeManager> manager_;
@@ -596,16 +596,20 @@ TEST_F(SubnodeManagerTest, APinnedLookupKeepsTheProviderFromTheZombieKiller) {
   const AttributeGroupMeta* meta = template1->getAttributeGroupMeta();
   // Pinned in the lookup itself: no moment in which the subnode's removal and a
   // garbage collection could take the provider from under its finder.
-  ASSERT_EQ(subnodes.pinSubnodeQueryClass("XR:web01:ABC", meta), web01);
-  std::vector<UAClientClass*> all = subnodes.pinAllSubnodeQueryClasses(meta);
+  SubnodeProviderPin pin = subnodes.pinSubnodeQueryClass("XR:web01:ABC", meta);
+  ASSERT_EQ(pin.get(), web01);
+  std::vector<SubnodeProviderPin> all = subnodes.pinAllSubnodeQueryClasses(meta);
   ASSERT_EQ(all.size(), 2u);
   ASSERT_TRUE(subnodes.removeSubnode("XR:web01:ABC"));
+  EXPECT_FALSE(subnodes.pinSubnodeQueryClass("XR:web01:ABC", meta));
   EXPECT_EQ(subnodes.runGarbageCollection(), 0);
-  web01->setGenericAgentInUse(false);
+  // A move hands the hold on: the pin left behind ends nothing when it goes.
+  SubnodeProviderPin moved = std::move(pin);
+  pin = SubnodeProviderPin();
+  EXPECT_EQ(subnodes.runGarbageCollection(), 0);
+  moved.reset();
   EXPECT_EQ(subnodes.runGarbageCollection(), 0) << "the second pin still holds it";
-  for (UAClientClass* provider : all) {
-    provider->setGenericAgentInUse(false);
-  }
+  all.clear();
   EXPECT_EQ(subnodes.runGarbageCollection(), 1);
   EXPECT_EQ(deleted_.get(), Strings{"G1/web01"});
 }
@@ -637,7 +641,11 @@ TEST_F(SubnodeManagerTest, ZombieKillerDeletesOnlyUnreferencedIdleProviders) {
     SubnodeProvider* other = copy(template1, "web02");
     ASSERT_TRUE(subnodes.addSubnode("XR:web01:ABC", "web01", "ABC", "", "", nullptr));
     ASSERT_TRUE(subnodes.addSubnode("XR:web02:ABC", "web02", "ABC", "", "", nullptr));
-    victim->setGenericAgentInUse(c.hold == IN_USE);
+    SubnodeProviderPin pin;
+    if (c.hold == IN_USE) {
+      pin = subnodes.pinSubnodeQueryClass("XR:web01:ABC", template1->getAttributeGroupMeta());
+      ASSERT_EQ(pin.get(), victim);
+    }
     victim->setOnQueue(c.hold == ON_QUEUE);
     if (c.hold == READ_BY_LIVE || c.hold == READ_BY_ZOMBIE) {
       other->references = {victim};
@@ -665,7 +673,7 @@ TEST_F(SubnodeManagerTest, ZombieKillerDeletesOnlyUnreferencedIdleProviders) {
                                                address));
       }
       // Released, it goes with the next pass.
-      victim->setGenericAgentInUse(false);
+      pin.reset();
       victim->setOnQueue(false);
       other->references.clear();
       EXPECT_EQ(subnodes.runGarbageCollection(), 1);
@@ -689,12 +697,23 @@ TEST_F(SubnodeManagerTest, ZombieKillerThreadCollectsAndStopsPromptly) {
   SubnodeManagerSettings settings;
   settings.garbageCollectionInterval = 1;
   SubnodeManager& subnodes = manager(settings);
-  copy(base("G1"), "web01");
+  SubnodeProvider* template1 = base("G1");
+  SubnodeProvider* web01 = copy(template1, "web01");
   ASSERT_TRUE(subnodes.addSubnode("XR:web01:ABC", "web01", "ABC", "", "", nullptr));
   ASSERT_TRUE(subnodes.startZombieKiller());
   EXPECT_FALSE(subnodes.startZombieKiller());
+  SubnodeProviderPin pin =
+      subnodes.pinSubnodeQueryClass("XR:web01:ABC", template1->getAttributeGroupMeta());
   ASSERT_TRUE(subnodes.removeSubnode("XR:web01:ABC"));
+  // The thread's pass keeps the pinned provider, and takes it once the pin is gone.
+  const std::string kept = "Query Object " + hexAddress(web01) +
+                           " is not quiescent (in use by a framework request)-- keeping it";
   auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!framework_.trace().hasText(kept) && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  EXPECT_TRUE(deleted_.get().empty());
+  pin.reset();
   while (deleted_.get().empty() && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
