@@ -16,6 +16,8 @@ void exit_with_notification(int code) {
     ssize_t ignored = write(STDERR_FILENO, message, static_cast<size_t>(length));
     (void)ignored;
   }
+  // POSIX calls: a signal to this very thread and the end of only this thread have no
+  // std::thread form.
   pthread_kill(pthread_self(), SIGTERM);
   pthread_exit(nullptr);
 }

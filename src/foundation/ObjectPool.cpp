@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-namespace objectpool {
+namespace XRV::objectpool {
 
 namespace {
 
@@ -38,4 +38,4 @@ void* mapSlab(size_t bytes) noexcept {
   return reinterpret_cast<void*>(aligned);
 }
 
-}  // namespace objectpool
+}  // namespace XRV::objectpool

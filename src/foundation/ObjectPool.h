@@ -3,8 +3,9 @@
 // ObjectPool<T>: memory for objects that are made and destroyed by the tens of
 // thousands on every collection (the values and rows of a sample). A class opts in with
 //
-//   static void* operator new(size_t size) { return ObjectPool<Row>::allocate(size); }
-//   static void operator delete(void* block, size_t size) { ObjectPool<Row>::release(block, size);
+//   static void* operator new(size_t size) { return XRV::ObjectPool<Row>::allocate(size); }
+//   static void operator delete(void* block, size_t size) {
+//     XRV::ObjectPool<Row>::release(block, size);
 //   }
 //
 // (and the std::nothrow_t form of operator new through allocateOrNull).
@@ -40,6 +41,8 @@
 #define XRV_POOL_DISABLED 1
 #endif
 #endif
+
+namespace XRV {
 
 namespace objectpool {
 
@@ -312,3 +315,5 @@ class ObjectPool {
     magazine->blocks[magazine->count++] = block;
   }
 };
+
+}  // namespace XRV

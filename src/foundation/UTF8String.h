@@ -58,12 +58,12 @@ class UTF8String {
 
   // Text values are made for every row of every collection: their objects come from
   // a pool, and short texts need no buffer of their own (see XRV::String).
-  static void* operator new(size_t size) { return ObjectPool<UTF8String>::allocate(size); }
+  static void* operator new(size_t size) { return XRV::ObjectPool<UTF8String>::allocate(size); }
   static void* operator new(size_t size, const std::nothrow_t&) noexcept {
-    return ObjectPool<UTF8String>::allocateOrNull(size);
+    return XRV::ObjectPool<UTF8String>::allocateOrNull(size);
   }
   static void operator delete(void* block, size_t size) {
-    ObjectPool<UTF8String>::release(block, size);
+    XRV::ObjectPool<UTF8String>::release(block, size);
   }
 
  private:

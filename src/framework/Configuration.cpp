@@ -5,20 +5,19 @@
 #include <cstring>
 #include <fstream>
 #include <map>
-#include <mutex>
-#include <shared_mutex>
 #include <sstream>
 
 #include "framework/ConfigFile.h"
+#include "framework/Mutex.h"
 #include "framework/ReadFile.h"
 #include "framework/Trace.h"
 
 namespace {
 
 struct ConfigurationStore {
-  std::shared_mutex mutex;
-  XRV::ConfigFile file;                                     // guarded by mutex
-  std::map<std::string, std::string, std::less<>> runtime;  // guarded by mutex
+  XRV::SharedMutex mutex;
+  XRV::ConfigFile file XRV_GUARDED_BY(mutex);
+  std::map<std::string, std::string, std::less<>> runtime XRV_GUARDED_BY(mutex);
 };
 
 ConfigurationStore& store() {
@@ -28,8 +27,7 @@ ConfigurationStore& store() {
 
 char* copyOf(const std::string& text) { return strdup(text.c_str()); }
 
-// REQUIRES: shared lock on the store.
-char* agentLookupLocked(ConfigurationStore& s, const char* name) {
+char* agentLookupLocked(ConfigurationStore& s, const char* name) XRV_REQUIRES_SHARED(s.mutex) {
   auto runtime = s.runtime.find(name);
   if (runtime != s.runtime.end()) {
     return copyOf(runtime->second);
@@ -70,7 +68,7 @@ bool loadAgentConfig(std::string* error) {
   XRV_TRACE_DETAIL("Read configuration file %s: %zu subnode sections", path,
                    parsed.subnodes().size());
   ConfigurationStore& s = store();
-  std::unique_lock lock(s.mutex);
+  XRV::WriterLock lock(s.mutex);
   s.file = std::move(parsed);
   return true;
 }
@@ -81,7 +79,7 @@ char* getConfigurationProperty(const char* name) {
     return nullptr;
   }
   ConfigurationStore& s = store();
-  std::shared_lock lock(s.mutex);
+  XRV::ReaderLock lock(s.mutex);
   return agentLookupLocked(s, name);
 }
 
@@ -91,7 +89,7 @@ void setConfigurationProperty(const char* name, const char* value) {
     return;
   }
   ConfigurationStore& s = store();
-  std::unique_lock lock(s.mutex);
+  XRV::WriterLock lock(s.mutex);
   if (value == nullptr) {
     auto entry = s.runtime.find(name);
     if (entry != s.runtime.end()) {
@@ -109,7 +107,7 @@ char* getSubnodeConfigurationProperty(const char* name, const char* subnodeType,
     return nullptr;
   }
   ConfigurationStore& s = store();
-  std::shared_lock lock(s.mutex);
+  XRV::ReaderLock lock(s.mutex);
   if (subnodeType != nullptr && subnodeKey != nullptr) {
     if (const XRV::ConfigSection* section = s.file.findSubnode(subnodeType, subnodeKey)) {
       if (const std::string* value = section->find(name)) {
@@ -136,7 +134,7 @@ bool getSubnodeSection(const char* subnodeType, const char* subnodeKey,
     return false;
   }
   ConfigurationStore& s = store();
-  std::shared_lock lock(s.mutex);
+  XRV::ReaderLock lock(s.mutex);
   const XRV::ConfigSection* section = s.file.findSubnode(subnodeType, subnodeKey);
   if (section == nullptr) {
     return false;
@@ -150,7 +148,7 @@ bool getSubnodeSection(const char* subnodeType, const char* subnodeKey,
 std::vector<XRV::SubnodeSectionName> listSubnodeSections() {
   XRV_TRACE_FN();
   ConfigurationStore& s = store();
-  std::shared_lock lock(s.mutex);
+  XRV::ReaderLock lock(s.mutex);
   std::vector<XRV::SubnodeSectionName> names;
   for (const XRV::ConfigSection& section : s.file.subnodes()) {
     names.push_back({section.type, section.key});
@@ -161,7 +159,7 @@ std::vector<XRV::SubnodeSectionName> listSubnodeSections() {
 void resetConfigurationForTesting() {
   XRV_TRACE_FN();
   ConfigurationStore& s = store();
-  std::unique_lock lock(s.mutex);
+  XRV::WriterLock lock(s.mutex);
   s.file = XRV::ConfigFile();
   s.runtime.clear();
 }

@@ -10,8 +10,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <mutex>
 
+#include "framework/Mutex.h"
 #include "framework/TraceRules.h"
 
 namespace XRV::trace {
@@ -23,10 +23,10 @@ namespace {
 constexpr int kStandardError = 2;
 
 struct TraceState {
-  std::mutex mutex;
-  TraceRuleSet rules;              // guarded by mutex
-  bool environmentLoaded = false;  // guarded by mutex
-  int ownFd = -1;                  // our descriptor once a file was set; guarded by mutex
+  XRV::Mutex mutex;
+  TraceRuleSet rules XRV_GUARDED_BY(mutex);
+  bool environmentLoaded XRV_GUARDED_BY(mutex) = false;
+  int ownFd XRV_GUARDED_BY(mutex) = -1;  // our descriptor once a file was set
   std::atomic<int> fd{kStandardError};
   std::atomic<Sink*> sink{nullptr};
 };
@@ -51,8 +51,8 @@ void bumpGeneration() {
   ruleGeneration.store(next, std::memory_order_relaxed);
 }
 
-// REQUIRES: s.mutex held.
-bool setOutputFileLocked(TraceState& s, const char* path, std::string* error) {
+bool setOutputFileLocked(TraceState& s, const char* path, std::string* error)
+    XRV_REQUIRES(s.mutex) {
   if (path == nullptr || *path == '\0') {
     if (s.ownFd >= 0) {
       dup2(kStandardError, s.ownFd);
@@ -78,8 +78,7 @@ bool setOutputFileLocked(TraceState& s, const char* path, std::string* error) {
   return true;
 }
 
-// REQUIRES: s.mutex held.
-void loadEnvironmentLocked(TraceState& s) {
+void loadEnvironmentLocked(TraceState& s) XRV_REQUIRES(s.mutex) {
   s.environmentLoaded = true;
   TraceRuleSet rules;
   std::string error;
@@ -94,7 +93,7 @@ void loadEnvironmentLocked(TraceState& s) {
   bumpGeneration();
 }
 
-void ensureEnvironmentLoaded(TraceState& s) {
+void ensureEnvironmentLoaded(TraceState& s) XRV_REQUIRES(s.mutex) {
   if (!s.environmentLoaded) {
     loadEnvironmentLocked(s);
   }
@@ -181,7 +180,7 @@ const char* Site::functionName() noexcept {
 uint64_t Site::refresh() noexcept {
   TraceState& s = state();
   const char* name = functionName();
-  std::lock_guard<std::mutex> lock(s.mutex);
+  XRV::MutexLock lock(s.mutex);
   ensureEnvironmentLoaded(s);
   uint64_t generation = ruleGeneration.load(std::memory_order_relaxed);
   uint64_t value = (generation << 32) | s.rules.maskFor(name, file_);
@@ -230,7 +229,7 @@ void writeText(Site& site, int line, const char* text) noexcept { write(site, li
 
 bool configure(const char* rules, std::string* error) {
   TraceState& s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
+  XRV::MutexLock lock(s.mutex);
   ensureEnvironmentLoaded(s);
   TraceRuleSet parsed;
   bool ok = parsed.parse(rules == nullptr ? "" : rules, error);
@@ -241,7 +240,7 @@ bool configure(const char* rules, std::string* error) {
 
 bool setOutputFile(const char* path, std::string* error) {
   TraceState& s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
+  XRV::MutexLock lock(s.mutex);
   ensureEnvironmentLoaded(s);
   return setOutputFileLocked(s, path, error);
 }
@@ -250,7 +249,7 @@ void setSink(Sink* sink) { state().sink.store(sink, std::memory_order_release); 
 
 void loadFromEnvironment() {
   TraceState& s = state();
-  std::lock_guard<std::mutex> lock(s.mutex);
+  XRV::MutexLock lock(s.mutex);
   loadEnvironmentLocked(s);
 }
 

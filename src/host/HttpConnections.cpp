@@ -22,7 +22,7 @@ void HttpConnections::opened(MHD_Connection* connection, void** socketContext) {
   auto* state = new State{info == nullptr ? -1 : info->connect_fd,
                           std::chrono::steady_clock::now(), true};
   *socketContext = state;
-  std::lock_guard<std::mutex> lock(mutex_);
+  XRV::MutexLock lock(mutex_);
   states_.insert(state);
   trimmed_ = false;
 }
@@ -33,7 +33,7 @@ void HttpConnections::closed(void** socketContext) {
     return;
   }
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    XRV::MutexLock lock(mutex_);
     states_.erase(state);
   }
   delete state;
@@ -43,7 +43,7 @@ void HttpConnections::closed(void** socketContext) {
 void HttpConnections::headDone(MHD_Connection* connection) {
   auto* state = static_cast<State*>(socketContextOf(connection));
   if (state != nullptr) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    XRV::MutexLock lock(mutex_);
     state->waitingForHead = false;
   }
 }
@@ -51,19 +51,19 @@ void HttpConnections::headDone(MHD_Connection* connection) {
 void HttpConnections::requestDone(MHD_Connection* connection) {
   auto* state = static_cast<State*>(socketContextOf(connection));
   if (state != nullptr) {
-    std::lock_guard<std::mutex> lock(mutex_);
+    XRV::MutexLock lock(mutex_);
     state->waitingForHead = true;
     state->since = std::chrono::steady_clock::now();
   }
 }
 
 size_t HttpConnections::count() {
-  std::lock_guard<std::mutex> lock(mutex_);
+  XRV::MutexLock lock(mutex_);
   return states_.size();
 }
 
 void HttpConnections::start() {
-  std::lock_guard<std::mutex> lock(mutex_);
+  XRV::MutexLock lock(mutex_);
   stopping_ = false;
   if (!sweeper_.joinable()) {
     sweeper_ = std::thread(&HttpConnections::sweep, this);
@@ -72,7 +72,7 @@ void HttpConnections::start() {
 
 void HttpConnections::stop() {
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    XRV::MutexLock lock(mutex_);
     stopping_ = true;
   }
   wake_.notify_all();
@@ -83,8 +83,14 @@ void HttpConnections::stop() {
 
 void HttpConnections::sweep() {
   XRV_TRACE_FN();
-  std::unique_lock<std::mutex> lock(mutex_);
-  while (!wake_.wait_for(lock, std::chrono::seconds(1), [this] { return stopping_; })) {
+  XRV::MutexLock lock(mutex_);
+  for (;;) {
+    const auto pauseEnd = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+    while (!stopping_ && wake_.wait_until(lock.native(), pauseEnd) != std::cv_status::timeout) {
+    }
+    if (stopping_) {
+      return;
+    }
     const auto deadline = std::chrono::steady_clock::now() - std::chrono::seconds(headSeconds_);
     size_t late = 0;
     for (State* state : states_) {

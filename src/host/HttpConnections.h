@@ -16,9 +16,10 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <mutex>
 #include <thread>
 #include <unordered_set>
+
+#include "framework/Mutex.h"
 
 namespace XRV::host {
 
@@ -49,12 +50,14 @@ class HttpConnections {
   void sweep();
 
   const unsigned headSeconds_;
-  std::mutex mutex_;
+  XRV::Mutex mutex_;
   std::condition_variable wake_;
-  std::unordered_set<State*> states_;
-  bool stopping_ = false;
-  bool trimmed_ = true;  // memory given back since the last connection closed
-  std::thread sweeper_;
+  // The states' fields too are read and written under mutex_.
+  std::unordered_set<State*> states_ XRV_GUARDED_BY(mutex_);
+  bool stopping_ XRV_GUARDED_BY(mutex_) = false;
+  // Memory given back since the last connection closed.
+  bool trimmed_ XRV_GUARDED_BY(mutex_) = true;
+  std::thread sweeper_;  // started and joined by the owner's thread
 };
 
 }  // namespace XRV::host

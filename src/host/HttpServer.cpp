@@ -109,7 +109,9 @@ std::string header(MHD_Connection* connection, const char* name) {
   return value == nullptr ? "" : value;
 }
 
-void logFromLibrary(void*, const char* format, va_list arguments) {
+// The library's messages: `format` is its own printf format.
+__attribute__((format(printf, 2, 0))) void logFromLibrary(void*, const char* format,
+                                                          va_list arguments) {
   XRV_TRACE_FN();
   char text[512];
   vsnprintf(text, sizeof text, format, arguments);

@@ -12,7 +12,7 @@ HttpWorkers::HttpWorkers(int threads) {
 
 bool HttpWorkers::submit(std::function<void()> job) {
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    XRV::MutexLock lock(mutex_);
     if (stopping_ || queue_.size() >= kMaxQueued) {
       return false;
     }
@@ -24,7 +24,7 @@ bool HttpWorkers::submit(std::function<void()> job) {
 
 void HttpWorkers::stop() {
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    XRV::MutexLock lock(mutex_);
     stopping_ = true;
   }
   work_.notify_all();
@@ -36,9 +36,11 @@ void HttpWorkers::stop() {
 }
 
 void HttpWorkers::run() {
-  std::unique_lock<std::mutex> lock(mutex_);
+  XRV::MutexLock lock(mutex_);
   for (;;) {
-    work_.wait(lock, [this] { return stopping_ || !queue_.empty(); });
+    while (!stopping_ && queue_.empty()) {
+      work_.wait(lock.native());
+    }
     if (queue_.empty()) {
       return;  // stopping, and nothing left to run
     }

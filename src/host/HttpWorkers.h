@@ -13,9 +13,10 @@
 #include <condition_variable>
 #include <deque>
 #include <functional>
-#include <mutex>
 #include <thread>
 #include <vector>
+
+#include "framework/Mutex.h"
 
 namespace XRV::host {
 
@@ -35,11 +36,11 @@ class HttpWorkers {
  private:
   void run();
 
-  std::mutex mutex_;
+  XRV::Mutex mutex_;
   std::condition_variable work_;
-  std::deque<std::function<void()>> queue_;
-  bool stopping_ = false;
-  std::vector<std::thread> threads_;
+  std::deque<std::function<void()>> queue_ XRV_GUARDED_BY(mutex_);
+  bool stopping_ XRV_GUARDED_BY(mutex_) = false;
+  std::vector<std::thread> threads_;  // made by the constructor, joined by stop()
 };
 
 }  // namespace XRV::host

@@ -169,15 +169,20 @@ int StandaloneHost::run(int /*argc*/, char** /*argv*/) {
 }
 
 void StandaloneHost::setServing(int port) {
-  std::lock_guard<std::mutex> lock(servingMutex_);
+  XRV::MutexLock lock(servingMutex_);
   httpPort_ = port;
   runEnded_ = port == 0;
   servingChanged_.notify_all();
 }
 
 bool StandaloneHost::waitUntilServing(std::chrono::milliseconds timeout) {
-  std::unique_lock<std::mutex> lock(servingMutex_);
-  servingChanged_.wait_for(lock, timeout, [this] { return httpPort_ != 0 || runEnded_; });
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  XRV::MutexLock lock(servingMutex_);
+  while (httpPort_ == 0 && !runEnded_) {
+    if (servingChanged_.wait_until(lock.native(), deadline) == std::cv_status::timeout) {
+      break;
+    }
+  }
   return httpPort_ != 0;
 }
 
@@ -232,7 +237,7 @@ void StandaloneHost::setAffinityFeature(const char* feature) {
 void StandaloneHost::setNodeType(const char* nodeType) {
   XRV_TRACE_FN();
   nodes_.setMainType(text(nodeType));
-  std::lock_guard<std::mutex> lock(originMutex_);
+  XRV::MutexLock lock(originMutex_);
   nodeType_ = text(nodeType);
 }
 
@@ -258,7 +263,7 @@ bool StandaloneHost::originNode(char* buffer, size_t size) {
   XRV_TRACE_FN();
   std::string name;
   {
-    std::lock_guard<std::mutex> lock(originMutex_);
+    XRV::MutexLock lock(originMutex_);
     if (originNode_.empty()) {
       // HOST:NODETYPE, the host being the configured host name (CTAFW_HOSTNAME) or
       // the system's, without its domain; cut so that the whole fits.

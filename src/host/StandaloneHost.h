@@ -29,10 +29,10 @@
 #include <chrono>
 #include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "framework/Framework.h"
+#include "framework/Mutex.h"
 #include "host/AuditTrail.h"
 #include "host/EventRing.h"
 #include "host/HttpServer.h"
@@ -126,13 +126,13 @@ class StandaloneHost : public FrameworkHost {
   std::unique_ptr<AgentApi> api_;
   std::unique_ptr<HttpServer> server_;
 
-  std::mutex originMutex_;
-  std::string originNode_;  // guarded by originMutex_
-  std::string nodeType_;    // guarded by originMutex_
+  XRV::Mutex originMutex_;
+  std::string originNode_ XRV_GUARDED_BY(originMutex_);
+  std::string nodeType_ XRV_GUARDED_BY(originMutex_);
 
-  std::mutex servingMutex_;
+  XRV::Mutex servingMutex_;
   std::condition_variable servingChanged_;
-  bool runEnded_ = false;  // guarded by servingMutex_
+  bool runEnded_ XRV_GUARDED_BY(servingMutex_) = false;
   std::atomic<int> httpPort_{0};
   std::atomic<bool> startFailed_{false};
 };

@@ -18,11 +18,6 @@
 
 namespace {
 
-PthreadMutex& derivedCalculateLock() {
-  static PthreadMutex lock;
-  return lock;
-}
-
 // The values of the row being calculated, then its derived values so far (reused
 // from row to row; only under the derived calculation lock).
 std::vector<const ResultMetric*>& derivedInputs() {
@@ -61,11 +56,16 @@ bool isComparison(char op) { return strchr("<>=!&|", op) != nullptr && op != '\0
 
 }  // namespace
 
+PthreadMutex& derivedCalculationLock() {
+  static PthreadMutex lock;
+  return lock;
+}
+
 void registerDerivedEvaluator(DerivedEvaluator evaluator) {
   installedEvaluator.store(evaluator, std::memory_order_release);
 }
 
-void ResultsManager::initGlobalDerivedLock() { derivedCalculateLock(); }
+void ResultsManager::initGlobalDerivedLock() { derivedCalculationLock(); }
 
 bool ResultsManager::hasIntervalBasedDerived() const {
   for (const Metric* metric : derivedMetrics_) {
@@ -109,7 +109,7 @@ void ResultsManager::internalCalculateDerived(const char* requestId, ResultInsta
   if (derivedMetrics_.empty() || row == nullptr) {
     return;
   }
-  PthreadMutexLock lock(derivedCalculateLock());
+  PthreadMutexLock lock(derivedCalculationLock());
   row->clearDerivedMetrics();
   DerivedEvaluator evaluator = installedEvaluator.load(std::memory_order_acquire);
   std::vector<const ResultMetric*>& inputs = derivedInputs();
@@ -149,7 +149,7 @@ void ResultsManager::internalCalculateDerived(const char* requestId, ResultInsta
 
 void ResultsManager::purgeDerivedState() {
   XRV_TRACE_FN();
-  PthreadMutexLock lock(derivedCalculateLock());
+  PthreadMutexLock lock(derivedCalculationLock());
   if (derivedState_ != nullptr) {
     derivedState_->purge();
   }

@@ -55,7 +55,7 @@ FlowControlSummaryThread::~FlowControlSummaryThread() { shutdown(); }
 
 void FlowControlSummaryThread::add(ResultsManager* provider) {
   XRV_TRACE_FN();
-  std::lock_guard<std::mutex> lock(mutex_);
+  XRV::MutexLock lock(mutex_);
   queue_.add(provider, fwTime());
   if (!thread_.joinable()) {
     stopping_ = false;
@@ -66,14 +66,16 @@ void FlowControlSummaryThread::add(ResultsManager* provider) {
 
 void FlowControlSummaryThread::remove(ResultsManager* provider) {
   XRV_TRACE_FN();
-  std::unique_lock<std::mutex> lock(mutex_);
+  XRV::MutexLock lock(mutex_);
   queue_.remove(provider);
-  changed_.wait(lock, [&] { return sending_ != provider; });
+  while (sending_ == provider) {
+    changed_.wait(lock.native());
+  }
   changed_.notify_all();
 }
 
 bool FlowControlSummaryThread::isQueued(const ResultsManager* provider) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  XRV::MutexLock lock(mutex_);
   return queue_.contains(provider);
 }
 
@@ -81,7 +83,7 @@ void FlowControlSummaryThread::shutdown() {
   XRV_TRACE_FN();
   std::thread stopped;
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    XRV::MutexLock lock(mutex_);
     stopping_ = true;
     stopped = std::move(thread_);
     changed_.notify_all();
@@ -93,17 +95,17 @@ void FlowControlSummaryThread::shutdown() {
 
 void FlowControlSummaryThread::flowControlSummaryMain() {
   XRV_TRACE_FN();
-  std::unique_lock<std::mutex> lock(mutex_);
+  XRV::MutexLock lock(mutex_);
   while (!stopping_) {
     ResultsManager* next = queue_.head();
     if (next == nullptr) {
-      changed_.wait_for(lock, kIdleWait);
+      changed_.wait_for(lock.native(), kIdleWait);
       continue;
     }
     time_t wait = next->getNextSummary() - fwTime();
     if (wait > 0) {
       // Woken early by a change of the queue: look at the head again.
-      changed_.wait_for(lock, std::chrono::seconds(wait));
+      changed_.wait_for(lock.native(), std::chrono::seconds(wait));
       continue;
     }
     queue_.pop();

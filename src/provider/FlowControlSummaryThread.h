@@ -6,14 +6,15 @@
 
 #include <condition_variable>
 #include <ctime>
-#include <mutex>
 #include <thread>
 #include <vector>
 
+#include "framework/Mutex.h"
+
 class ResultsManager;
 
-// The queue, ordered by next summary time (ascending). Not thread-safe: the thread
-// guards it.
+// The queue, ordered by next summary time (ascending). Not thread-safe: it is guarded
+// by the summary thread's mutex.
 class SummaryQueue {
  public:
   // Nothing when `provider` is queued already; otherwise its next summary becomes
@@ -37,24 +38,24 @@ class FlowControlSummaryThread {
   static FlowControlSummaryThread& instance();
 
   // Queues `provider` (see SummaryQueue::add); starts the thread on first use.
-  void add(ResultsManager* provider);
+  void add(ResultsManager* provider) XRV_EXCLUDES(mutex_);
   // Takes `provider` out of the queue; when the thread is sending its summaries right
   // now, waits until it is done, so the provider may be destroyed afterwards.
-  void remove(ResultsManager* provider);
-  bool isQueued(const ResultsManager* provider);
+  void remove(ResultsManager* provider) XRV_EXCLUDES(mutex_);
+  bool isQueued(const ResultsManager* provider) XRV_EXCLUDES(mutex_);
   // Stops the thread (it is started again by the next add).
-  void shutdown();
+  void shutdown() XRV_EXCLUDES(mutex_);
 
   ~FlowControlSummaryThread();
 
  private:
   FlowControlSummaryThread() = default;
-  void flowControlSummaryMain();
+  void flowControlSummaryMain() XRV_EXCLUDES(mutex_);
 
-  std::mutex mutex_;
+  XRV::Mutex mutex_;
   std::condition_variable changed_;
-  SummaryQueue queue_;
-  ResultsManager* sending_ = nullptr;  // whose summaries are being sent now
-  bool stopping_ = false;
-  std::thread thread_;
+  SummaryQueue queue_ XRV_GUARDED_BY(mutex_);
+  ResultsManager* sending_ XRV_GUARDED_BY(mutex_) = nullptr;  // whose summaries are being sent now
+  bool stopping_ XRV_GUARDED_BY(mutex_) = false;
+  std::thread thread_ XRV_GUARDED_BY(mutex_);
 };

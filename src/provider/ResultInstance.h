@@ -24,12 +24,12 @@ class ResultInstance : public ListElement {
   ResultInstance(const ResultInstance&) = delete;
   ResultInstance& operator=(const ResultInstance&) = delete;
 
-  static void* operator new(size_t size) { return ObjectPool<ResultInstance>::allocate(size); }
+  static void* operator new(size_t size) { return XRV::ObjectPool<ResultInstance>::allocate(size); }
   static void* operator new(size_t size, const std::nothrow_t&) noexcept {
-    return ObjectPool<ResultInstance>::allocateOrNull(size);
+    return XRV::ObjectPool<ResultInstance>::allocateOrNull(size);
   }
   static void operator delete(void* block, size_t size) {
-    ObjectPool<ResultInstance>::release(block, size);
+    XRV::ObjectPool<ResultInstance>::release(block, size);
   }
 
   // The row's name, or null when it has none.

@@ -47,12 +47,12 @@ class ResultMetric : public ListElement {
   ~ResultMetric() override;
 
   // A sample makes and destroys values by the hundred thousand: they reuse memory.
-  static void* operator new(size_t size) { return ObjectPool<ResultMetric>::allocate(size); }
+  static void* operator new(size_t size) { return XRV::ObjectPool<ResultMetric>::allocate(size); }
   static void* operator new(size_t size, const std::nothrow_t&) noexcept {
-    return ObjectPool<ResultMetric>::allocateOrNull(size);
+    return XRV::ObjectPool<ResultMetric>::allocateOrNull(size);
   }
   static void operator delete(void* block, size_t size) {
-    ObjectPool<ResultMetric>::release(block, size);
+    XRV::ObjectPool<ResultMetric>::release(block, size);
   }
 
   const char* getMetricName() const;

@@ -57,6 +57,10 @@ struct DerivedInputs {
   int count;
 };
 
+// The derived calculation lock: one for the process, held while any provider
+// computes derived values, and whenever a provider's DerivedState is touched.
+PthreadMutex& derivedCalculationLock();
+
 // What the expression language keeps per provider between calculations (the
 // samples of its interval functions). Owned by the provider; touched only under the
 // derived calculation lock.
@@ -167,8 +171,12 @@ class ResultsManager : public UAClientClass {
   static void initGlobalDerivedLock();
   // The expression language's data for this provider; null until it sets some. Only
   // from inside a DerivedEvaluator call (the derived calculation lock held).
-  DerivedState* getDerivedState() { return derivedState_.get(); }
-  void setDerivedState(std::unique_ptr<DerivedState> state) { derivedState_ = std::move(state); }
+  DerivedState* getDerivedState() XRV_REQUIRES(derivedCalculationLock()) {
+    return derivedState_.get();
+  }
+  void setDerivedState(std::unique_ptr<DerivedState> state) XRV_REQUIRES(derivedCalculationLock()) {
+    derivedState_ = std::move(state);
+  }
   void setRequestInterval(const char* requestId, int seconds) override;
   // Nothing when the request had no interval.
   void removeRequestInterval(const char* requestId) override;
@@ -265,7 +273,7 @@ class ResultsManager : public UAClientClass {
   // Previous sample, for deltas and rates: touched only by the collecting thread.
   PreviousSample previous_;
   std::vector<const Metric*> derivedMetrics_;
-  std::unique_ptr<DerivedState> derivedState_;  // under the derived calculation lock
+  std::unique_ptr<DerivedState> derivedState_ XRV_GUARDED_BY(derivedCalculationLock());
 
   // Intervals of requests: id (owned) -> seconds.
   PthreadMutex requestIntervalsLock_;

@@ -129,7 +129,7 @@ class UAClientClass : public ListElement {
   virtual void setRequestInfo(const char* id, const std::vector<FwFilter>& filters);
   virtual void removeRequestInfo(const char* id);
   // id -> std::vector<FwFilter>*; walk it only between lock and unlock.
-  HashMap* getOutstandingRequests() { return &outstandingRequests_; }
+  HashMap* getOutstandingRequests() XRV_REQUIRES(requestLock_) { return &outstandingRequests_; }
   void lockOutstandingRequestHash() XRV_ACQUIRE(requestLock_) { requestLock_.getLock(); }
   void unlockOutstandingRequestHash() XRV_RELEASE(requestLock_) { requestLock_.releaseLock(); }
   // The sampling interval of the request `requestId` (framework requests with an
@@ -258,7 +258,7 @@ class UAClientClass : public ListElement {
   std::atomic<bool> zombie_{false};
   char* subnodeKey_ = nullptr;
   std::string originNode_;
-  HashMap outstandingRequests_;  // guarded by requestLock_ (owned keys and filter lists)
+  HashMap outstandingRequests_ XRV_GUARDED_BY(requestLock_);  // owned keys and filter lists
   LockObject requestLock_;
   std::atomic<bool> onQueue_{false};
   std::atomic<int> genericAgentInUse_{0};

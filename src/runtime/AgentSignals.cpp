@@ -54,6 +54,7 @@ void registerSignalHandlers() {
   sigemptyset(&termination);
   sigaddset(&termination, SIGINT);
   sigaddset(&termination, SIGTERM);
+  // A thread's signal mask has no std::thread form: the POSIX call it is.
   int rc = pthread_sigmask(SIG_UNBLOCK, &termination, nullptr);
   if (rc != 0) {
     XRV_TRACE_ERROR("pthread_sigmask unblock failed, rc = %d\n", rc);

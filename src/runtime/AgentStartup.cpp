@@ -1,6 +1,5 @@
 #include "runtime/AgentStartup.h"
 
-#include <pthread.h>
 #include <unicode/uclean.h>
 #include <unicode/utypes.h>
 
@@ -9,6 +8,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <system_error>
+#include <thread>
 #include <vector>
 
 #include "definition/AttributeGroupMeta.h"
@@ -44,8 +45,12 @@ constexpr const char* kStatusApplication = "ZQM";
 AgentInformation agentRecord;
 
 // The thread that keeps the discovery attribute groups up to date, once started.
-pthread_t discoveryThread;
-bool discoveryThreadStarted = false;
+// Never destroyed: a process that exits without the orderly stop leaves it running,
+// and destroying a std::thread that still runs would abort the exit.
+std::thread& discoveryThread() {
+  static std::thread* const thread = new std::thread;
+  return *thread;
+}
 
 UAClientClass* nextProvider(const UAClientClass* provider) {
   return static_cast<UAClientClass*>(provider->getNextElement());
@@ -196,13 +201,11 @@ bool startProviders() {
 void startDiscoveryUpdates() {
   XRV_TRACE_FN();
   getSubnodeManager().startZombieKiller();
-  int rc = pthread_create(&discoveryThread, nullptr, periodicallyUpdateDiscoveryAttributeGroups,
-                          nullptr);
-  if (rc != 0) {
-    XRV_TRACE_ERROR("Could not start the discovery update thread, rc = %d", rc);
-    return;
+  try {
+    discoveryThread() = std::thread([] { periodicallyUpdateDiscoveryAttributeGroups(nullptr); });
+  } catch (const std::system_error& error) {
+    XRV_TRACE_ERROR("Could not start the discovery update thread, rc = %d", error.code().value());
   }
-  discoveryThreadStarted = true;
 }
 
 void startRefreshThread(bool intervalSet, int interval, int eventGroups) {
@@ -221,10 +224,9 @@ void startRefreshThread(bool intervalSet, int interval, int eventGroups) {
 // The threads that touch providers, stopped before the providers go.
 void stopCollectionThreads() {
   XRV_TRACE_FN();
-  if (discoveryThreadStarted) {
+  if (discoveryThread().joinable()) {
     stopDiscoveryAttributeGroupUpdates();
-    pthread_join(discoveryThread, nullptr);
-    discoveryThreadStarted = false;
+    discoveryThread().join();
   }
   getSubnodeManager().stopZombieKiller();
   // Workers finish the collection they run; queued jobs are dropped with the pool.

@@ -13,6 +13,7 @@
 #include "definition/AttributeGroupMeta.h"
 #include "foundation/HashMap.h"
 #include "framework/Framework.h"
+#include "framework/Mutex.h"
 #include "framework/Trace.h"
 #include "provider/ResultsManager.h"
 #include "provider/UAClientClass.h"
@@ -38,9 +39,9 @@ const char* orNone(const char* text) { return text == nullptr || *text == '\0' ?
 // up waiting leaves, its jobs finish later.
 struct CompletionBoard {
   explicit CompletionBoard(size_t count) : finished(count, false) {}
-  std::mutex mutex;
+  XRV::Mutex mutex;
   std::condition_variable changed;
-  std::vector<bool> finished;  // guarded by mutex, one per target of the sample
+  std::vector<bool> finished XRV_GUARDED_BY(mutex);  // one per target of the sample
 };
 
 // A collection a sample waits for: tells the board when it is done.
@@ -55,7 +56,7 @@ class SampleCollectDataJob : public CollectDataJob {
   void execute() override {
     CollectDataJob::execute();
     {
-      std::lock_guard<std::mutex> lock(board_->mutex);
+      XRV::MutexLock lock(board_->mutex);
       board_->finished[slot_] = true;
     }
     board_->changed.notify_all();
@@ -142,11 +143,42 @@ struct GenericAgent::Target {
   std::string node;         // the managed system its rows are sent for
   SubnodeProviderPin pin;   // a subnode's copy: holds it while the sample does
   Collection collection = NOT_SUBMITTED;
+
+  // Whether a pool job still collects it. `slot` is its place in the sample, `board`
+  // the sample's (a target SUBMITTED has one), or an empty one when the sample only
+  // waits for jobs of others.
+  bool stillCollecting(size_t slot, const CompletionBoard& board) const XRV_REQUIRES(board.mutex);
 };
 
 struct GenericAgent::Collections {
   std::shared_ptr<CompletionBoard> board;
 };
+
+class GenericAgent::QueryListLease {
+ public:
+  explicit QueryListLease(GenericAgent* agent) : agent_(agent), targets_(agent->tsGetQueryList()) {}
+  ~QueryListLease() { agent_->tsFreeQueryList(targets_); }
+  QueryListLease(const QueryListLease&) = delete;
+  QueryListLease& operator=(const QueryListLease&) = delete;
+
+  std::vector<Target>& targets() { return targets_; }
+
+ private:
+  GenericAgent* agent_;
+  std::vector<Target> targets_;
+};
+
+bool GenericAgent::Target::stillCollecting(size_t slot, const CompletionBoard& board) const {
+  switch (collection) {
+    case SUBMITTED:
+      return !board.finished[slot];
+    case QUEUED_ELSEWHERE:
+      return provider->isOnQueue();
+    case NOT_SUBMITTED:
+      break;
+  }
+  return false;
+}
 
 GenericAgent::GenericAgent(GenericAgentManager* manager, RequestDetail* detail,
                            ContextInfo* context)
@@ -212,8 +244,8 @@ void GenericAgent::TakeSampleConstructor() {
 
   const bool intervalToFile = sampleInterval_ > 0 && *detail->GetRequestId() != '\0';
   if (receivesRequestInfo_ || intervalToFile) {
-    std::vector<Target> targets = tsGetQueryList();
-    for (Target& target : targets) {
+    QueryListLease lease(this);
+    for (Target& target : lease.targets()) {
       if (receivesRequestInfo_) {
         target.provider->setRequestInfo(requestInfoId(), requestInformation_);
       }
@@ -222,7 +254,6 @@ void GenericAgent::TakeSampleConstructor() {
                                             static_cast<int>(sampleInterval_));
       }
     }
-    tsFreeQueryList(targets);
   }
 }
 
@@ -272,8 +303,8 @@ void GenericAgent::TakeSampleDestructor() {
   if (!receivesRequestInfo_ && !intervalFiled) {
     return;
   }
-  std::vector<Target> targets = tsGetQueryList();
-  for (Target& target : targets) {
+  QueryListLease lease(this);
+  for (Target& target : lease.targets()) {
     if (receivesRequestInfo_) {
       target.provider->removeRequestInfo(requestInfoId());
     }
@@ -281,7 +312,6 @@ void GenericAgent::TakeSampleDestructor() {
       target.provider->removeRequestInterval(requestId);
     }
   }
-  tsFreeQueryList(targets);
 }
 
 void GenericAgent::SitInfo(const char* text) {
@@ -312,27 +342,29 @@ void GenericAgent::TakeSample() {
   }
   SitInfo("Collecting data for situation ");
   const int64_t started = fwMonotonicMillis();
-  std::vector<Target> targets = tsGetQueryList();
-  Collections collections;
-  const size_t served = targets.size();
-  if (GetRequestDetail()->IsCacheOnly()) {
-    // Nothing is collected here: the caller must not wait for a script.
-    for (const Target& target : targets) {
-      if (!target.provider->useCurrentCache()) {
-        XRV_TRACE_DETAIL("%s:%s needs a collection, the request must ask again",
-                         target.provider->getAttributeGroup(),
-                         orNone(target.provider->getSubnodeKey()));
-        GetRequestDetail()->SetWouldWait();
-        tsFreeQueryList(targets);
-        return;
+  size_t served = 0;
+  {
+    QueryListLease lease(this);
+    std::vector<Target>& targets = lease.targets();
+    Collections collections;
+    served = targets.size();
+    if (GetRequestDetail()->IsCacheOnly()) {
+      // Nothing is collected here: the caller must not wait for a script.
+      for (const Target& target : targets) {
+        if (!target.provider->useCurrentCache()) {
+          XRV_TRACE_DETAIL("%s:%s needs a collection, the request must ask again",
+                           target.provider->getAttributeGroup(),
+                           orNone(target.provider->getSubnodeKey()));
+          GetRequestDetail()->SetWouldWait();
+          return;
+        }
+        notifyCollectionDone(target.provider);  // as after any cache hit
       }
-      notifyCollectionDone(target.provider);  // as after any cache hit
+    } else {
+      tsCollectData(targets, &collections);
     }
-  } else {
-    tsCollectData(targets, &collections);
-  }
-  tsSubmitData(targets, &collections);
-  tsFreeQueryList(targets);
+    tsSubmitData(targets, &collections);
+  }  // the providers are handed back before the sample is reported
   XRV_TRACE_DETAIL("Sample on table %s served %zu data providers in %lld ms", tableName_.c_str(),
                    served, static_cast<long long>(fwMonotonicMillis() - started));
 }
@@ -452,19 +484,6 @@ void GenericAgent::tsSubmitData(std::vector<Target>& targets, Collections* colle
   using Clock = std::chrono::steady_clock;
   const bool impatient = impatientCollectorTimeout > 0;
   const std::shared_ptr<CompletionBoard>& board = collections->board;
-  // REQUIRES: board->mutex held when the board exists.
-  auto stillCollecting = [&targets, &board](size_t slot) {
-    const Target& target = targets[slot];
-    switch (target.collection) {
-      case Target::SUBMITTED:
-        return !board->finished[slot];
-      case Target::QUEUED_ELSEWHERE:
-        return target.provider->isOnQueue();
-      case Target::NOT_SUBMITTED:
-        break;
-    }
-    return false;
-  };
   std::vector<bool> impatientFor(targets.size(), false);
   bool waitFor = false;
   bool pollForeign = false;
@@ -473,17 +492,16 @@ void GenericAgent::tsSubmitData(std::vector<Target>& targets, Collections* colle
     pollForeign = pollForeign || target.collection == Target::QUEUED_ELSEWHERE;
   }
   if (impatient && waitFor) {
-    std::mutex unusedMutex;  // for a sample that only waits on jobs of others
-    std::unique_lock<std::mutex> lock(board != nullptr ? board->mutex : unusedMutex);
-    std::condition_variable unusedCondition;
-    std::condition_variable& changed = board != nullptr ? board->changed : unusedCondition;
+    CompletionBoard noJobs(0);  // for a sample that only waits on jobs of others
+    CompletionBoard& waitBoard = board != nullptr ? *board : noJobs;
+    XRV::MutexLock lock(waitBoard.mutex);
     const Clock::time_point start = Clock::now();
     const Clock::time_point deadline = start + std::chrono::seconds(impatientCollectorTimeout);
     Clock::time_point nextReport = start;
     for (;;) {
       bool pending = false;
       for (size_t slot = 0; slot < targets.size() && !pending; ++slot) {
-        pending = stillCollecting(slot);
+        pending = targets[slot].stillCollecting(slot, waitBoard);
       }
       const Clock::time_point now = Clock::now();
       if (!pending || now >= deadline) {
@@ -502,10 +520,10 @@ void GenericAgent::tsSubmitData(std::vector<Target>& targets, Collections* colle
       if (pollForeign) {
         wakeAt = std::min(wakeAt, now + kForeignJobPoll);
       }
-      changed.wait_until(lock, wakeAt);
+      waitBoard.changed.wait_until(lock.native(), wakeAt);
     }
     for (size_t slot = 0; slot < targets.size(); ++slot) {
-      impatientFor[slot] = stillCollecting(slot);
+      impatientFor[slot] = targets[slot].stillCollecting(slot, waitBoard);
     }
   }
   for (size_t slot = 0; slot < targets.size(); ++slot) {

@@ -84,9 +84,14 @@ class GenericAgent : public GenericAgentBase {
   // collection went.
   struct Target;
   struct Collections;
+  // The providers of one sample (tsGetQueryList), handed back with tsFreeQueryList
+  // when the lease goes out of scope, on every way out of the function that holds it:
+  // a subnode's copy marked in use is never left marked.
+  class QueryListLease;
 
   void ParseRequestInformation();
-  // The providers of this sample, subnode copies pinned; release with tsFreeQueryList.
+  // The providers of this sample, subnode copies pinned; taken through a
+  // QueryListLease only.
   std::vector<Target> tsGetQueryList();
   void tsCollectData(std::vector<Target>& targets, Collections* collections);
   void tsSubmitData(std::vector<Target>& targets, Collections* collections);

@@ -1,7 +1,5 @@
 #include "scheduling/ThreadPool.h"
 
-#include <pthread.h>
-
 #include <algorithm>
 #include <system_error>
 #include <thread>

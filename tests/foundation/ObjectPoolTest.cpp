@@ -10,6 +10,8 @@
 
 namespace {
 
+using XRV::ObjectPool;
+
 // Each test uses its own pooled type, so that the pools' sizes tell what the test did.
 template <int Tag>
 struct Item {

@@ -307,6 +307,25 @@ TEST_F(GenericAgentTest, ACacheOnlyRequestNeverCollects) {
   load->setOnQueue(false);
 }
 
+// A cache-only sample leaves at the first provider that would need a collection: the
+// subnode copies it had pinned (all of them, for a history request) are handed back.
+TEST_F(GenericAgentTest, ACacheOnlySampleThatLeavesEarlyReleasesEverySubnodeCopy) {
+  subnodeGroup("Disk", {"web01", "web02", "db01"});
+  const std::vector<UAClientClass*> copies = subnodes_->getAllSubnodeQueryClasses(nullptr);
+  ASSERT_EQ(copies.size(), 3u);
+  for (const bool history : {false, true}) {
+    SCOPED_TRACE(history ? "history request on every subnode" : "request on one subnode");
+    RequestDetail detail("XRV", "TDisk");
+    detail.SetCacheOnly(true);
+    ContextInfo context(history ? nullptr : "XR:web02:LNX", history);
+    EXPECT_EQ(sample("TDisk", detail, context), Rows{});
+    EXPECT_TRUE(detail.WouldWait());
+    for (UAClientClass* copy : copies) {
+      EXPECT_FALSE(copy->genericAgentInUse()) << copy->getSubnodeKey();
+    }
+  }
+}
+
 TEST_F(GenericAgentTest, RequestInformationReachesTheProvidersWithThePARMAReplaced) {
   GateProvider* provider = gate("Lookup", "", R"(<receive_req name="XRV_HOST"/>)");
   struct Case {

@@ -109,7 +109,7 @@ RowFilter* parseExpressionGrammar(const char* text, std::string* error) {
 }
 
 // The provider's interval data, created on first use.
-IntervalData* intervalDataOf(ResultsManager* provider) {
+IntervalData* intervalDataOf(ResultsManager* provider) XRV_REQUIRES(derivedCalculationLock()) {
   auto* data = static_cast<IntervalData*>(provider->getDerivedState());
   if (data == nullptr) {
     auto created = std::make_unique<IntervalData>();
@@ -119,9 +119,11 @@ IntervalData* intervalDataOf(ResultsManager* provider) {
   return data;
 }
 
+// Called through the DerivedEvaluator hook, with the derived calculation lock held.
 ResultMetric* evaluateDerived(ResultsManager* provider, const Metric* metric,
                               const ResultInstance* row, const DerivedInputs& inputs,
-                              const char* requestId, StorageBehavior behavior) {
+                              const char* requestId, StorageBehavior behavior)
+    XRV_REQUIRES(derivedCalculationLock()) {
   XRV_TRACE_SITE();
   const auto* expression = dynamic_cast<const ParsedExpression*>(metric->getExpression());
   if (expression == nullptr) {

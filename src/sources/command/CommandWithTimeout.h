@@ -37,15 +37,27 @@
 //
 // Thread-safety: one caller runs the command; the accessors of the results may be
 // used once runCommand returned 0 (or once the list reaped the object).
+//
+// Ownership: the caller owns the object; after a time-out it hands it to a
+// CommandWithTimeoutList, or to disposeWhenFinished, whose worker ends it once the run
+// is over. The started child is held by a StartedProcess (ChildProcess.h) for the run.
+//
+// The members are defined by concern: CommandWithTimeout.cpp (the object, the worker,
+// the environment, the list), CommandTimeout.cpp (runCommand's wait and time-out, the
+// agent-wide stop), CommandOutput.cpp (the stream readers, the output limit, the line
+// iterator), ChildProcess.cpp (the process itself).
 
-#include <pthread.h>
-
-#include <atomic>
-#include <cstdio>
 #include <sys/types.h>
+#include <atomic>
+#include <condition_variable>
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <thread>
 
 #include "foundation/List.h"
 #include "foundation/Locks.h"
+#include "sources/command/ChildProcess.h"
 
 class HashMap;
 class SshConnector;
@@ -71,16 +83,6 @@ enum _StreamType {
   STREAM_PROCESS_END = 3,
 };
 
-// A started local child: the parent's ends of its two pipes and its pid. Made by
-// startProc, released by endProc.
-struct pinfo {
-  FILE* stdoutFile;
-  FILE* stderrFile;
-  pid_t pid;
-};
-
-// Serialises pipe creation and process start across every command of the process.
-extern PthreadMutex fdLock;
 // Serialises the construction of SSH connectors.
 extern PthreadMutex processLock;
 // Milliseconds to wait before the one retry of a failed process start (1000).
@@ -104,7 +106,8 @@ class CommandWithTimeout {
   // `env` is kept but not used on the remote path.
   CommandWithTimeout(SshConnector* connector, const char* cmd, int timeout, const char* env,
                      bool owns);
-  // Frees the buffers. Does not join: the owner joins first (join(), or the list).
+  // Frees the buffers. The owner joins first (join(), or the list); a worker still
+  // unjoined is waited for here.
   virtual ~CommandWithTimeout();
   CommandWithTimeout(const CommandWithTimeout&) = delete;
   CommandWithTimeout& operator=(const CommandWithTimeout&) = delete;
@@ -136,7 +139,8 @@ class CommandWithTimeout {
   // Whether join() would return at once: the worker has ended or never ran. A killed
   // command's worker may still wait for output that its children hold open.
   bool workerFinished() XRV_EXCLUDES(commandMutex_);
-  void join(pthread_t thread);
+  // Joins `thread` (the worker or a reader) unless it is not running.
+  void join(std::thread& thread);
 
   // Whether `vars` has the name of `assignment` (the text before its first "=",
   // or all of it) as a key.
@@ -149,11 +153,11 @@ class CommandWithTimeout {
   void threadMain();
   void readStream(_StreamType stream);
 
-  // Hands an object that may still be running to its worker: the worker deletes it
-  // when the run is over, or this does at once when it already is. For owners that
-  // go away before their commands (the list's destructor). Called by the owner, not
+  // Hands an object that may still be running to its worker: the worker ends it when
+  // the run is over, or this does at once when it already is. For owners that go
+  // away before their commands (the list's destructor). Called by the owner, not
   // during runCommand.
-  static void disposeWhenFinished(CommandWithTimeout* command);
+  static void disposeWhenFinished(std::unique_ptr<CommandWithTimeout> command);
 
  private:
   void init(SshConnector* connector, const char* cmd, int timeout, const char* env, bool owns);
@@ -172,6 +176,10 @@ class CommandWithTimeout {
   // runCommand could not start a worker: the command mutex stays locked, since the
   // object is not run again; the destructor releases it.
   void abandonCommandMutex() XRV_RELEASE(commandMutex_);
+  // pthread_mutex_lock with its result, so that a failed lock can be reported.
+  static bool lockChecked(PthreadMutex& mutex) XRV_TRY_ACQUIRE(true, mutex);
+  // Starts `body` on `thread`: 0, or the error number why no thread could be made.
+  static int startThread(std::thread* thread, std::function<void()> body);
 
   _CWTStatus status_ XRV_GUARDED_BY(statusMutex_) = CWT_NOT_STARTED;
   std::atomic<int> rc_{-1};  // read by any thread, e.g. while a timed-out run goes on
@@ -181,13 +189,13 @@ class CommandWithTimeout {
   char* stderrData_ = nullptr;
   char* lineCursor_ = nullptr;
   bool ownsConnector_ = false;
-  // The worker's handle and whether it still needs a join: the owner's thread only.
-  pthread_t workerThread_{};
-  bool workerStarted_ = false;
-  pthread_t stdoutThread_{};  // the worker's
-  pthread_t stderrThread_{};
-  pthread_cond_t doneCondition_;
-  pthread_cond_t streamsCondition_;
+  // The worker; joinable while it still needs a join: the owner's thread only.
+  std::thread workerThread_;
+  std::thread stdoutThread_;  // the worker's
+  std::thread stderrThread_;
+  // Both wait with the command mutex.
+  std::condition_variable_any doneCondition_;
+  std::condition_variable_any streamsCondition_;
   PthreadMutex commandMutex_ XRV_ACQUIRED_BEFORE(statusMutex_);
   PthreadMutex statusMutex_;
   std::atomic<pid_t> pid_{0};  // set by the worker, read by runCommand on a time-out
@@ -203,25 +211,16 @@ class CommandWithTimeout {
   bool processEnded_ XRV_GUARDED_BY(commandMutex_) = false;  // signal(STREAM_PROCESS_END)
   bool aborted_ XRV_GUARDED_BY(commandMutex_) = false;       // stopAllCommands
   bool streamWaiter_ XRV_GUARDED_BY(commandMutex_) = false;
-  // The worker is past its last use of the object / must delete it when it gets there.
+  // The worker is past its last use of the object.
   bool workerDone_ XRV_GUARDED_BY(commandMutex_) = false;
-  bool disposeOnFinish_ XRV_GUARDED_BY(commandMutex_) = false;
+  // The object itself once its owner handed it over (disposeWhenFinished): the worker
+  // takes it when it is done, and the object ends with it.
+  std::unique_ptr<CommandWithTimeout> orphan_ XRV_GUARDED_BY(commandMutex_);
   bool commandMutexAbandoned_ = false;  // the owner's thread only
   FILE* stdoutFile_ = nullptr;  // the worker's, read by the readers it starts
   FILE* stderrFile_ = nullptr;
 };
 
-// The start of a command's process as its waiter and its worker agree on it: the
-// worker claims it (PENDING -> STARTED) under fdLock right before the process is
-// made; a time-out that comes first cancels it (PENDING -> CANCELLED); a time-out
-// after the claim marks it EXPIRED, and whoever of the two sees the pid second
-// kills the process when killing is on.
-enum LaunchState { LAUNCH_PENDING = 0, LAUNCH_STARTED = 1, LAUNCH_CANCELLED = 2, LAUNCH_EXPIRED = 3 };
-
-// Starts "/bin/sh -c cmd" with its standard output and standard error on two new
-// pipes; null when the pipes or the process could not be made (errno tells why;
-// ECANCELED when `launch` was cancelled). `owner` appears in the traces only.
-pinfo* startProc(const char* cmd, void* owner, std::atomic<int>* launch = nullptr);
 // For an orderly stop of the agent: every command waiting in runCommand ends as if
 // its time-out had come (1), with its process killed, and commands started from now
 // on end the same way before their process is made. allowCommandsAgain undoes the
@@ -229,11 +228,6 @@ pinfo* startProc(const char* cmd, void* owner, std::atomic<int>* launch = nullpt
 void stopAllCommands();
 void allowCommandsAgain();
 
-// Kills the child of a half-made start (a stream could not be opened) and releases it.
-void discardProc(pinfo* info);
-// Closes both streams, waits for the child and frees `info`: the exit status, or -1
-// (errno EINVAL for null, ECHILD when it ended by a signal or was reaped elsewhere).
-int endProc(pinfo* info);
 // Appends `assignment` + " export " + its name + ";" to `out`.
 void addVartoUNIXEnv(XRV::String* out, const char* assignment);
 

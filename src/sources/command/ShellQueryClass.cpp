@@ -100,7 +100,7 @@ ShellQueryClass::~ShellQueryClass() {
   XRV_TRACE_FN();
   if (outstandingCommands_ != nullptr) {
     outstandingCommands_->cleanupFinishedCommands();
-    delete outstandingCommands_;  // hands the ones still running to their workers
+    outstandingCommands_.reset();  // hands the ones still running to their workers
   }
   delete connector_;
   free(providerName_);
@@ -236,7 +236,7 @@ void ShellQueryClass::internalCollectData(const char* /*subnode*/) {
     }
   }
   XRV_TRACE_DETAIL("Initializing command %s", orNull(command_));
-  CommandWithTimeout* command = nullptr;
+  std::unique_ptr<CommandWithTimeout> command;
   int result = runCommandObject(&command);
   if (result == 1) {
     perfObjectStatus_ = PERF_OBJECT_INACTIVE;
@@ -246,9 +246,9 @@ void ShellQueryClass::internalCollectData(const char* /*subnode*/) {
         "perfObjectErrorCode=%d, commandReturnCode=%d",
         orNull(command_), result, perfErrorCode_.load(), commandReturnCode_.load());
     if (outstandingCommands_ == nullptr) {
-      outstandingCommands_ = new CommandWithTimeoutList();
+      outstandingCommands_ = std::make_unique<CommandWithTimeoutList>();
     }
-    outstandingCommands_->addCommand(command);
+    outstandingCommands_->addCommand(command.release());  // the list owns it from here
     keepActiveResults();
     return;
   }
@@ -282,23 +282,22 @@ void ShellQueryClass::internalCollectData(const char* /*subnode*/) {
           "perfObjectErrorCode=%d, commandReturnCode=%d",
           orNull(command_), result, perfErrorCode_.load(), commandReturnCode_.load());
     }
-    delete command;
     return;
   }
   perfObjectStatus_ = PERF_OBJECT_ACTIVE;
-  processOutput(command);
-  delete command;
+  processOutput(command.get());
 }
 
-int ShellQueryClass::runCommandObject(CommandWithTimeout** command) {
+int ShellQueryClass::runCommandObject(std::unique_ptr<CommandWithTimeout>* command) {
   XRV_TRACE_FN();
   if (!useSsh_) {
     std::string prefix = getEnvPrefix();
-    *command = new CommandWithTimeout(command_, timeout_, prefix.empty() ? nullptr : prefix.c_str());
+    *command = std::make_unique<CommandWithTimeout>(command_, timeout_,
+                                                    prefix.empty() ? nullptr : prefix.c_str());
     (*command)->setKillProcess(killOrphans_);
     return (*command)->runCommand();
   }
-  *command = new CommandWithTimeout(connector_, command_, timeout_, nullptr, false);
+  *command = std::make_unique<CommandWithTimeout>(connector_, command_, timeout_, nullptr, false);
   if (connector_->isInErrorState()) {
     int code = connector_->getErrorCode();
     if (code == MISSING_LIBRARY || code == CALLBACK_REGISTRATION_ERROR ||

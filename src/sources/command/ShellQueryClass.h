@@ -108,7 +108,7 @@ class ShellQueryClass : public ResultsManager {
   void makeConnector();
   // Runs the command; the outcome of CommandWithTimeout::runCommand, or -1 when an
   // SSH connector in its error state did not run it. *command is the object run.
-  int runCommandObject(CommandWithTimeout** command);
+  int runCommandObject(std::unique_ptr<CommandWithTimeout>* command);
   void processOutput(CommandWithTimeout* command);
   void setErrorFromReturnCode(int returnCode, int rowCount);
   // The value of `token` for `metric`, by the attribute's type.
@@ -122,7 +122,7 @@ class ShellQueryClass : public ResultsManager {
   char* providerName_ = nullptr;
   char* separator_ = nullptr;
   int timeout_ = 30;
-  CommandWithTimeoutList* outstandingCommands_ = nullptr;  // collecting thread only
+  std::unique_ptr<CommandWithTimeoutList> outstandingCommands_;  // collecting thread only
   // Guards what other threads read beside a collection.
   PthreadMutex stateLock_;
   char* envPrefix_ XRV_GUARDED_BY(stateLock_) = nullptr;

@@ -9,13 +9,14 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cstdarg>
 #include <chrono>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -464,6 +465,33 @@ TEST(CommandWithTimeout, StartProcAndEndProc) {
   EXPECT_EQ(errno, ECHILD);
 }
 
+// A holder left without end() — an early return, an exception — kills and reaps its
+// child: no process, zombie or pipe stays behind. A moved-from holder releases nothing.
+TEST(CommandWithTimeout, StartedProcessReleasesAChildNotEnded) {
+  pid_t pid = 0;
+  {
+    StartedProcess process(startProc("sleep 30", nullptr));
+    ASSERT_TRUE(process.readable());
+    pid = process->pid;
+    StartedProcess moved(std::move(process));
+    EXPECT_FALSE(process);
+    ASSERT_EQ(kill(pid, 0), 0);  // still running while `moved` holds it
+  }
+  errno = 0;
+  EXPECT_EQ(kill(pid, 0), -1);  // reaped, not a zombie
+  EXPECT_EQ(errno, ESRCH);
+
+  // Replacing a held child releases the old one.
+  StartedProcess holder(startProc("sleep 30", nullptr));
+  ASSERT_TRUE(holder.readable());
+  const pid_t first = holder->pid;
+  holder = StartedProcess(startProc("exit 3", nullptr));
+  EXPECT_EQ(kill(first, 0), -1);
+  EXPECT_EQ(holder.end(), 3);
+  EXPECT_FALSE(holder);
+  EXPECT_EQ(holder.end(), -1);  // ended once only
+}
+
 // Uses up every descriptor below a lowered limit (exhaust); gives them back, and the
 // limit, when it goes.
 class DescriptorShortage {
@@ -602,8 +630,8 @@ TEST(CommandWithTimeout, DisposeWhenFinishedDeletesNowOrWhenTheWorkerEnds) {
   auto* finished = new TrackedCommand("echo", 10, &deletions);
   ASSERT_EQ(finished->runCommand(), 0);
   ASSERT_EQ(running->runCommand(), 1);
-  CommandWithTimeout::disposeWhenFinished(finished);
-  CommandWithTimeout::disposeWhenFinished(running);
+  CommandWithTimeout::disposeWhenFinished(std::unique_ptr<CommandWithTimeout>(finished));
+  CommandWithTimeout::disposeWhenFinished(std::unique_ptr<CommandWithTimeout>(running));
   EXPECT_EQ(deletions.names(), std::vector<std::string>{"echo"});
   EXPECT_TRUE(waitUntil([&] { return deletions.contains("sleep 1.5"); }));
 
