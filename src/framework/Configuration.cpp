@@ -10,6 +10,7 @@
 #include "framework/ConfigFile.h"
 #include "framework/Mutex.h"
 #include "framework/ReadFile.h"
+#include "framework/Settings.h"
 #include "framework/Trace.h"
 
 namespace {
@@ -45,11 +46,11 @@ char* agentLookupLocked(ConfigurationStore& s, const char* name) XRV_REQUIRES_SH
 
 bool loadAgentConfig(std::string* error) {
   XRV_TRACE_FN();
-  const char* path = getenv("XRV_CONFIG_FILE");
-  if (path == nullptr || *path == '\0') {
-    XRV_TRACE_DETAIL("XRV_CONFIG_FILE not set, no configuration file to read");
+  const XRV::SettingRead file = XRV::readSetting(XRV::Setting::ConfigFile, XRV_SETTING_HERE());
+  if (!file.set) {
     return true;
   }
+  const char* path = file.text.c_str();
   std::string problem;
   std::string text;
   XRV::ConfigFile parsed;

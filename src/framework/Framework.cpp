@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "framework/Settings.h"
 #include "framework/Trace.h"
 
 namespace {
@@ -141,7 +142,8 @@ int fwAuditRecord(const FwAuditRecord& record) {
 
 char* fwGetConfiguredHostName() {
   XRV_TRACE_FN();
-  return getConfigurationProperty("CTAFW_HOSTNAME");
+  const XRV::SettingRead host = XRV::readSetting(XRV::Setting::ConfiguredHostName);
+  return host.set ? strdup(host.text.c_str()) : nullptr;
 }
 
 bool fwGetLocalHostInfo(FwHostInfo* info) {

@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "framework/Settings.h"
+
 namespace {
 
 std::string describe(const char* path, const char* what) { return std::string(path) + what; }
@@ -32,10 +34,7 @@ class FileDescriptor {
 }  // namespace
 
 size_t maxReadFileBytes() {
-  constexpr size_t kDefaultMegabytes = 64;
-  const char* text = getenv("XRV_MAX_FILE_MB");
-  const long long megabytes = text == nullptr ? 0 : atoll(text);
-  return static_cast<size_t>(megabytes > 0 ? megabytes : kDefaultMegabytes) * 1024 * 1024;
+  return static_cast<size_t>(XRV::settingNumber(XRV::Setting::MaxFileMb));
 }
 
 bool readWholeFile(const char* path, size_t maxBytes, std::string* contents,

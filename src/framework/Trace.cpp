@@ -12,6 +12,7 @@
 #include <ctime>
 
 #include "framework/Mutex.h"
+#include "framework/Settings.h"
 #include "framework/TraceRules.h"
 
 namespace XRV::trace {
@@ -82,12 +83,14 @@ void loadEnvironmentLocked(TraceState& s) XRV_REQUIRES(s.mutex) {
   s.environmentLoaded = true;
   TraceRuleSet rules;
   std::string error;
-  const char* text = getenv("XRV_TRACE");
-  if (text != nullptr && !rules.parse(text, &error)) {
+  // Read without tracing: the trace facility is what is being set up.
+  const SettingRead text = readSetting(Setting::Trace);
+  if (text.set && !rules.parse(text.text.c_str(), &error)) {
     reportProblem("XRV_TRACE: " + error + "; the rule is ignored");
   }
   s.rules = std::move(rules);
-  if (!setOutputFileLocked(s, getenv("XRV_TRACE_FILE"), &error)) {
+  const SettingRead file = readSetting(Setting::TraceFile);
+  if (!setOutputFileLocked(s, file.set ? file.text.c_str() : nullptr, &error)) {
     reportProblem("XRV_TRACE_FILE: " + error + "; tracing to standard error");
   }
   bumpGeneration();

@@ -5,13 +5,12 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <charconv>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-#include "framework/Configuration.h"
+#include "framework/Settings.h"
 #include "framework/Trace.h"
 #include "host/AgentApi.h"
 #include "host/HttpServer.h"
@@ -27,33 +26,6 @@ constexpr size_t kMaxNodeName = 32;
 // outside the orderly road.
 constexpr int kExitGraceMillis = 5000;
 
-std::string setting(const char* name) {
-  char* value = fwGetEnv(name, nullptr);
-  std::string text = value == nullptr ? "" : value;
-  free(value);
-  return text;
-}
-
-// `name` as a number from `low` to `high`; the default, and a complaint in *warning,
-// when it is set to anything else.
-long numberSetting(const char* name, long low, long high, long fallback, std::string* warning) {
-  const std::string text = setting(name);
-  if (text.empty()) {
-    return fallback;
-  }
-  long value = 0;
-  const auto [end, status] = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (status != std::errc() || end != text.data() + text.size() || value < low || value > high) {
-    if (warning != nullptr) {
-      *warning += std::string(warning->empty() ? "" : "; ") + name + "=" + text +
-                  " is not a number from " + std::to_string(low) + " to " + std::to_string(high) +
-                  ", using " + std::to_string(fallback);
-    }
-    return fallback;
-  }
-  return value;
-}
-
 std::string text(const char* value) { return value == nullptr ? std::string() : value; }
 
 int64_t nowMillis() {
@@ -67,26 +39,24 @@ int64_t nowMillis() {
 HostSettings HostSettings::fromConfiguration(std::string* warning) {
   XRV_TRACE_FN();
   HostSettings settings;
-  const std::string listen = setting("XRV_HTTP_LISTEN");
-  if (!listen.empty()) {
-    settings.listen = listen;
+  const SettingContext context = SettingContext{}.warningsTo(warning);
+  const SettingRead listen = readSetting(Setting::HttpListen);
+  if (listen.set) {
+    settings.listen = listen.text;
   }
   HttpLimits& http = settings.http;
-  http.threads = static_cast<int>(numberSetting("XRV_HTTP_THREADS", 1, 64, http.threads, warning));
-  auto limit = [warning](const char* name, long low, long high, unsigned fallback) {
-    return static_cast<unsigned>(numberSetting(name, low, high, fallback, warning));
-  };
-  http.maxConnections = limit("XRV_HTTP_MAX_CONNECTIONS", 16, 1000000, http.maxConnections);
-  http.maxPerAddress = limit("XRV_HTTP_MAX_CONNECTIONS_PER_ADDRESS", 0, 1000000, http.maxPerAddress);
-  http.headSeconds = limit("XRV_HTTP_HEAD_TIMEOUT", 1, 3600, http.headSeconds);
-  http.idleSeconds = limit("XRV_HTTP_IDLE_TIMEOUT", 1, 86400, http.idleSeconds);
-  http.maxHeaders = limit("XRV_HTTP_MAX_HEADERS", 1, 10000, http.maxHeaders);
-  http.tlsCertificateFile = setting("XRV_HTTP_TLS_CERT");
-  http.tlsKeyFile = setting("XRV_HTTP_TLS_KEY");
-  http.usersFile = setting("XRV_HTTP_USERS_FILE");
-  settings.eventBuffer = static_cast<size_t>(numberSetting(
-      "XRV_EVENT_BUFFER", 1, 10000000, static_cast<long>(settings.eventBuffer), warning));
-  settings.adminToken = setting("XRV_ADMIN_TOKEN");
+  auto limit = [&context](Setting id) { return static_cast<unsigned>(settingNumber(id, context)); };
+  http.threads = static_cast<int>(limit(Setting::HttpThreads));
+  http.maxConnections = limit(Setting::HttpMaxConnections);
+  http.maxPerAddress = limit(Setting::HttpMaxConnectionsPerAddress);
+  http.headSeconds = limit(Setting::HttpHeadTimeout);
+  http.idleSeconds = limit(Setting::HttpIdleTimeout);
+  http.maxHeaders = limit(Setting::HttpMaxHeaders);
+  http.tlsCertificateFile = settingText(Setting::HttpTlsCert);
+  http.tlsKeyFile = settingText(Setting::HttpTlsKey);
+  http.usersFile = settingText(Setting::HttpUsersFile);
+  settings.eventBuffer = static_cast<size_t>(settingNumber(Setting::EventBuffer, context));
+  settings.adminToken = settingText(Setting::AdminToken);
   XRV_TRACE_DETAIL("HTTP on %s with %d threads, %zu events kept, shutdown through HTTP %s",
                    settings.listen.c_str(), settings.http.threads, settings.eventBuffer,
                    settings.adminToken.empty() ? "disabled" : "enabled");
@@ -267,7 +237,7 @@ bool StandaloneHost::originNode(char* buffer, size_t size) {
     if (originNode_.empty()) {
       // HOST:NODETYPE, the host being the configured host name (CTAFW_HOSTNAME) or
       // the system's, without its domain; cut so that the whole fits.
-      std::string host = setting("CTAFW_HOSTNAME");
+      std::string host = settingText(Setting::ConfiguredHostName);
       if (host.empty()) {
         char system[256] = {};
         gethostname(system, sizeof system - 1);

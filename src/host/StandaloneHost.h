@@ -6,11 +6,8 @@
 // when it is ready, and serves the agent's tables over HTTP (AgentApi.h) until it is
 // told to stop.
 //
-// Settings, read through the configuration lookup when run() starts:
-//   XRV_HTTP_LISTEN   HOST:PORT to serve on (default 127.0.0.1:9310; port 0: any)
-//   XRV_HTTP_THREADS  threads serving HTTP requests (default 16, 1 to 64)
-//   XRV_EVENT_BUFFER  event rows kept for GET /api/v1/events (default 10,000)
-//   XRV_ADMIN_TOKEN   the token POST /api/v1/shutdown needs; unset: refused
+// Its settings (XRV_HTTP_*, XRV_EVENT_BUFFER, XRV_ADMIN_TOKEN; docs/settings.md) are
+// read through the configuration lookup when run() starts.
 //
 // Two roads end run():
 //   - the orderly one: POST /api/v1/shutdown (or requestStop()). The host stops

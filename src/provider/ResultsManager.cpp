@@ -7,8 +7,8 @@
 
 #include "definition/AttributeGroupMeta.h"
 #include "foundation/Utilities.h"
-#include "framework/Configuration.h"
 #include "framework/FwClock.h"
+#include "framework/Settings.h"
 #include "framework/Trace.h"
 #include "provider/FlowControlSummaryThread.h"
 #include "provider/PrevResult.h"
@@ -16,10 +16,6 @@
 #include "provider/ResultMetric.h"
 
 namespace {
-
-bool flagIsOn(const char* value) {
-  return value != nullptr && (value[0] == 'y' || value[0] == 'Y');
-}
 
 // Row filter parsers by grammar name.
 std::mutex filterParsersLock;
@@ -80,102 +76,20 @@ ResultsManager::~ResultsManager() {
 
 void ResultsManager::constructorHelper() {
   XRV_TRACE_FN();
-  const char* group = getAttributeGroup();
-  std::string upper = group;
-  for (char& c : upper) {
-    c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
-  }
-  auto name = [&upper](const char* suffix) { return "CDP_" + upper + suffix; };
-
-  int cacheSize = 100;
-  char* value = getGroupSetting("_PURE_EVENT_CACHE_SIZE");
-  if (value != nullptr) {
-    cacheSize = atoi(value);
-    XRV_TRACE_DETAIL("Attribute group %s will have custom event cache size of %d", group,
-                     cacheSize);
-  } else {
-    char* global = fwGetEnv("CDP_PURE_EVENT_CACHE_SIZE", nullptr);
-    if (global != nullptr) {
-      cacheSize = atoi(global);
-      XRV_TRACE_DETAIL(
-          "Setting the pure event cache size for attribute group %s to global value %d", group,
-          cacheSize);
-      free(global);
-    }
-  }
-  free(value);
-  pureCache_.setSize(cacheSize);
-
-  value = getGroupSetting("_AGGREGATE_RESULTS");
-  aggregate_ = flagIsOn(value);
-  if (aggregate_) {
-    XRV_TRACE_DETAIL("Attribute group %s will aggregate data", group);
-  } else {
-    XRV_TRACE_DETAIL("%s not set, attribute group %s will not aggregate data",
-                     name("_AGGREGATE_RESULTS").c_str(), group);
-  }
-  free(value);
-
-  value = getGroupSetting("_REPLACE_ROWS_BY_KEY");
-  replaceRowsByKey_ = flagIsOn(value);
-  if (replaceRowsByKey_) {
-    XRV_TRACE_DETAIL(
-        "Attribute group %s will replace rows of data with new ones with the same keys", group);
-  } else {
-    XRV_TRACE_DETAIL("%s not set, attribute group %s will replace data on sample normally",
-                     name("_REPLACE_ROWS_BY_KEY").c_str(), group);
-  }
-  free(value);
+  using XRV::Setting;
+  const XRV::SettingContext here = XRV_SETTING_HERE().forGroup(getAttributeGroup());
+  pureCache_.setSize(static_cast<int>(XRV::settingNumber(Setting::GroupPureEventCacheSize, here)));
+  aggregate_ = XRV::settingFlag(Setting::GroupAggregateResults, here);
+  replaceRowsByKey_ = XRV::settingFlag(Setting::GroupReplaceRowsByKey, here);
   store_.setIndexed(aggregate_ || replaceRowsByKey_);
-
-  value = getGroupSetting("_PURGE_INTERVAL");
-  purgeInterval_ = value == nullptr ? 0 : atoi(value);
-  if (purgeInterval_ > 0) {
-    XRV_TRACE_DETAIL("Attribute group %s will purge data when it gets to be over %d seconds old",
-                     group, purgeInterval_);
-  } else {
-    XRV_TRACE_DETAIL("%s not set, attribute group %s will not automatically purge any data",
-                     name("_PURGE_INTERVAL").c_str(), group);
-  }
-  free(value);
-
-  value = getGroupSetting("_DISABLE_COLLECTION");
-  collectionDisabled_ = flagIsOn(value);
-  if (collectionDisabled_) {
-    XRV_TRACE_DETAIL("Attribute group %s will not collect data", group);
-  } else {
-    XRV_TRACE_DETAIL("%s not set, attribute group %s will collect data",
-                     name("_DISABLE_COLLECTION").c_str(), group);
-  }
-  free(value);
-
-  value = getGroupSetting("_ONLY_FORCED_COLLECTION");
-  if (flagIsOn(value)) {
+  purgeInterval_ = static_cast<int>(XRV::settingNumber(Setting::GroupPurgeInterval, here));
+  collectionDisabled_ = XRV::settingFlag(Setting::GroupDisableCollection, here);
+  if (XRV::settingFlag(Setting::GroupOnlyForcedCollection, here)) {
     setOnlyForcedCollections(true);
-    XRV_TRACE_DETAIL(
-        "Attribute group %s will only collect data when forced through a client "
-        "request",
-        group);
   }
-  free(value);
-
-  value = getGroupSetting("_REPLACE_WITH_LATEST");
-  replaceWithLatest_ = flagIsOn(value);
+  replaceWithLatest_ = XRV::settingFlag(Setting::GroupReplaceWithLatest, here);
   pureCache_.setReplaceWithLatest(replaceWithLatest_);
-  if (replaceWithLatest_) {
-    XRV_TRACE_DETAIL(
-        "Attribute group %s will store its pure event cache using the latest "
-        "matching event, not the first matching event.",
-        group);
-  }
-  free(value);
-
-  value = getGroupSetting("_TRUNCATE_TIMESTAMP");
-  truncateTimestamp_ = flagIsOn(value);
-  if (truncateTimestamp_) {
-    XRV_TRACE_DETAIL("Attribute group %s will truncate its timestamp values to the minute.", group);
-  }
-  free(value);
+  truncateTimestamp_ = XRV::settingFlag(Setting::GroupTruncateTimestamp, here);
 }
 
 void ResultsManager::start() {
@@ -283,17 +197,12 @@ void ResultsManager::readFilterSettings() {
 
 std::vector<std::string> ResultsManager::getPropertyNames() {
   XRV_TRACE_FN();
-  std::string upper = getAttributeGroup();
-  for (char& c : upper) {
-    c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
-  }
+  // The settings of every group, in table order; those of data sources are theirs to add.
   std::vector<std::string> names;
-  for (const char* suffix :
-       {"_REFRESH_INTERVAL", "_CACHE_TTL", "_RATE_DELTA_TIME_VARIATION", "_RATE_DELTA_INTERVAL",
-        "_PURE_EVENT_CACHE_SIZE", "_AGGREGATE_RESULTS", "_REPLACE_ROWS_BY_KEY", "_PURGE_INTERVAL",
-        "_DISABLE_COLLECTION", "_ONLY_FORCED_COLLECTION", "_REPLACE_WITH_LATEST",
-        "_TRUNCATE_TIMESTAMP"}) {
-    names.push_back("CDP_" + upper + suffix);
+  for (const XRV::SettingSpec& spec : XRV::allSettings()) {
+    if (spec.scope == XRV::SettingScope::Group && spec.section == XRV::kGroupSettingsSection) {
+      names.push_back(XRV::settingName(spec.id, getAttributeGroup()));
+    }
   }
   return names;
 }

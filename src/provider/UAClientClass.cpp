@@ -12,52 +12,16 @@
 #include "foundation/String.h"
 #include "foundation/UTF8String.h"
 #include "foundation/Utilities.h"
-#include "framework/Configuration.h"
 #include "framework/FwClock.h"
+#include "framework/Settings.h"
 #include "framework/Trace.h"
 
-// Per-group settings, read once when the provider is made (GROUP is the attribute
-// group's name in upper case):
-//
-//   CDP_GROUP_REFRESH_INTERVAL          seconds between scheduled collections; none: 0
-//   CDP_GROUP_RATE_DELTA_TIME_VARIATION how far, in seconds, two samples may be off
-//     (CDP_DP_RATE_DELTA_TIME_VARIATION) the rate/delta interval and still be used; 2
-//   CDP_GROUP_CACHE_TTL                 how long collected data stay valid, in seconds
-//     (CDP_DP_CACHE_TTL)                (the timeout interval); 30, at least 1
-//   CDP_GROUP_RATE_DELTA_INTERVAL       seconds between the two samples of a rate or
-//     (CDP_DP_RATE_DELTA_INTERVAL)      delta; 0: the last two samples
-//
-// A setting in parentheses is the agent-wide value used when the group has none. A
-// setting whose value is empty counts as not set.
+// The group's settings (refresh interval, cache time-to-live, rate/delta interval and
+// time variation) are read once, when the provider is made; docs/settings.md lists them.
 
 namespace {
 
-constexpr int kDefaultTimeoutSeconds = 30;
-constexpr int kDefaultRateDeltaTimeVariation = 2;
 constexpr const char kNoTimeStamp[] = "0000000000000001";
-
-// Treats an empty value as absent: frees it and returns null.
-char* nonEmpty(char* value) {
-  if (value != nullptr && *value == '\0') {
-    free(value);
-    return nullptr;
-  }
-  return value;
-}
-
-// The agent-wide value of a setting (owned copy) or null.
-char* agentSetting(const char* name) { return nonEmpty(fwGetEnv(name, nullptr)); }
-
-// "CDP_" + the group name in upper case + `suffix`. ASCII only: the name of a setting
-// must not depend on the process locale.
-std::string groupSettingName(const char* attributeGroup, const char* suffix) {
-  std::string name = "CDP_";
-  for (const char* p = attributeGroup; *p != '\0'; ++p) {
-    name += (*p >= 'a' && *p <= 'z') ? static_cast<char>(*p - 'a' + 'A') : *p;
-  }
-  name += suffix == nullptr ? "" : suffix;
-  return name;
-}
 
 // Copies the `size` low-order bytes of `value` (at most all of its bytes) to `target`,
 // in the machine's byte order.
@@ -200,75 +164,18 @@ UAClientClass::~UAClientClass() {
   free(subnodeKey_);
 }
 
-char* UAClientClass::getGroupSetting(const char* suffix) const {
-  XRV_TRACE_FN();
-  return nonEmpty(fwGetEnv(groupSettingName(attributeGroup_, suffix).c_str(), nullptr));
-}
-
-char* UAClientClass::groupOrAgentSetting(const char* suffix, const char* agentName) const {
-  char* value = getGroupSetting(suffix);
-  return value != nullptr ? value : agentSetting(agentName);
-}
-
 void UAClientClass::readSettings() {
   XRV_TRACE_FN();
-  char* value = getGroupSetting("_REFRESH_INTERVAL");
-  if (value != nullptr && atoi(value) < 0) {
-    // A negative interval would schedule every turn before the previous one.
-    XRV_TRACE_ERROR("WARNING: %s is negative (%s), ignoring it",
-                    groupSettingName(attributeGroup_, "_REFRESH_INTERVAL").c_str(), value);
-    free(value);
-    value = nullptr;
+  const XRV::SettingContext here = XRV_SETTING_HERE().forGroup(attributeGroup_);
+  const XRV::SettingRead refresh = XRV::readSetting(XRV::Setting::GroupRefreshInterval, here);
+  if (refresh.set) {
+    refreshInterval_.store(static_cast<int>(refresh.number));
   }
-  if (value != nullptr) {
-    refreshInterval_.store(atoi(value));
-    XRV_TRACE_DETAIL("Attribute group %s using refresh interval %d", attributeGroup_,
-                     refreshInterval_.load());
-    free(value);
-  } else {
-    XRV_TRACE_DETAIL(
-        "%s not set, attribute group %s will use default refresh interval, if one is set",
-        groupSettingName(attributeGroup_, "_REFRESH_INTERVAL").c_str(), attributeGroup_);
-  }
-
-  value = groupOrAgentSetting("_RATE_DELTA_TIME_VARIATION", "CDP_DP_RATE_DELTA_TIME_VARIATION");
-  if (value != nullptr) {
-    rateDeltaTimeVariation_ = atoi(value);
-    XRV_TRACE_DETAIL("Attribute group %s using rate/delta time variation %d", attributeGroup_,
-                     rateDeltaTimeVariation_);
-    free(value);
-  } else {
-    rateDeltaTimeVariation_ = kDefaultRateDeltaTimeVariation;
-    XRV_TRACE_DETAIL("Attribute group %s using default rate/delta time variation %d",
-                     attributeGroup_, rateDeltaTimeVariation_);
-  }
-
-  value = groupOrAgentSetting("_CACHE_TTL", "CDP_DP_CACHE_TTL");
-  if (value != nullptr) {
-    XRV_TRACE_DETAIL("Attribute group %s configured cache ttl  %s", attributeGroup_, value);
-    setTimeoutInterval(atoi(value));
-    XRV_TRACE_DETAIL("UAClientClass timeout interval for group %s is %d seconds", attributeGroup_,
-                     timeoutInterval_);
-    free(value);
-  } else {
-    timeoutInterval_ = kDefaultTimeoutSeconds;
-    XRV_TRACE_DETAIL("UAClientClass timeout interval for group %s is the default 30 seconds",
-                     attributeGroup_);
-  }
-
-  value = groupOrAgentSetting("_RATE_DELTA_INTERVAL", "CDP_DP_RATE_DELTA_INTERVAL");
-  if (value != nullptr) {
-    defaultRateDeltaInterval_ = atoi(value);
-    XRV_TRACE_DETAIL("Attribute group %s using rate/delta default interval of %d", attributeGroup_,
-                     defaultRateDeltaInterval_);
-    free(value);
-  } else {
-    defaultRateDeltaInterval_ = 0;
-    XRV_TRACE_DETAIL(
-        "%s not set, attribute group %s will use last two values for derived rate/delta on "
-        "sample requests.",
-        groupSettingName(attributeGroup_, "_RATE_DELTA_INTERVAL").c_str(), attributeGroup_);
-  }
+  rateDeltaTimeVariation_ =
+      static_cast<int>(XRV::settingNumber(XRV::Setting::GroupRateDeltaTimeVariation, here));
+  timeoutInterval_ = static_cast<int>(XRV::settingNumber(XRV::Setting::GroupCacheTtl, here));
+  defaultRateDeltaInterval_ =
+      static_cast<int>(XRV::settingNumber(XRV::Setting::GroupRateDeltaInterval, here));
 }
 
 void UAClientClass::start() {

@@ -233,17 +233,12 @@ class UAClientClass : public ListElement {
   static const char* isAgentPerfObjEnum(const char* enumText);
 
  protected:
-  // The group's setting "CDP_" + upper-cased group name + `suffix`: an owned copy or
-  // null.
-  char* getGroupSetting(const char* suffix) const;
   // For the collection statistics.
   void recordCollection(int64_t startMillis, int64_t endMillis);
   void recordCacheHit();
 
  private:
   void readSettings();
-  // The group's setting, else the agent-wide one named `agentName`.
-  char* groupOrAgentSetting(const char* suffix, const char* agentName) const;
 
   char* applicationName_;
   char* attributeGroup_;

@@ -16,6 +16,7 @@
 #include "definition/ConfigXMLParser.h"
 #include "framework/Configuration.h"
 #include "framework/Framework.h"
+#include "framework/Settings.h"
 #include "framework/Trace.h"
 #include "provider/UAClientClass.h"
 #include "provider/UAClientClassList.h"
@@ -27,7 +28,6 @@
 #include "runtime/GenericAgent.h"
 #include "runtime/InstanceName.h"
 #include "runtime/PerfObjectStatus.h"
-#include "runtime/ReadSetting.h"
 #include "scheduling/RefreshThread.h"
 #include "scheduling/ThreadPool.h"
 #include "runtime/ThreadPoolStatus.h"
@@ -89,52 +89,29 @@ void storeOriginNode() {
   XRV_TRACE_DETAIL("Set XRV_AGENT_MSN in environment to %s", originNode);
 }
 
-void readCommandSettings(bool retryDelaySet, const std::string& retryDelay) {
+void readCommandSettings() {
   XRV_TRACE_FN();
-  std::string value;
-  // Not set, or not above 0: standard error is kept whole.
-  stdErrSizeLimit = readSetting("CDP_DP_TRUNCATE_STDERR_DATA", &value) && atoi(value.c_str()) > 0
-                        ? atoi(value.c_str())
-                        : -1;
-  commandRetryDelay = retryDelaySet ? atoi(retryDelay.c_str()) : 1000;
-  // Not set, or not above 0: 64 MB per stream.
-  const long long megabytes =
-      readSetting("CDP_DP_SCRIPT_MAX_OUTPUT_MB", &value) ? atoll(value.c_str()) : 0;
-  outputSizeLimit = (megabytes > 0 ? megabytes : 64) * 1024 * 1024;
+  stdErrSizeLimit = static_cast<int>(XRV::settingNumber(XRV::Setting::TruncateStderrData));
+  commandRetryDelay = static_cast<int>(XRV::settingNumber(XRV::Setting::CommandRetryDelay));
+  outputSizeLimit = XRV::settingNumber(XRV::Setting::ScriptMaxOutputMb);
   traceCommandSettings();
 }
 
 // Sizes and creates the pool, and with it the impatient collector's time-out.
-void createThreadPool(bool sizeSet, int configuredSize, int eventGroups) {
+// Without its setting, the pool has a worker per event-driven group (or none).
+void createThreadPool(int eventGroups) {
   XRV_TRACE_FN();
-  int size = 0;
-  if (sizeSet) {
-    size = configuredSize;
-    XRV_TRACE_DETAIL("Thread pool size is %d", size);
-  } else if (eventGroups >= 1) {
-    size = eventGroups;
-    XRV_TRACE_DETAIL(
-        "CDP_DP_THREAD_POOL_SIZE not set, creating a thread pool of size %d for pure event data "
-        "sources",
-        size);
-  } else {
-    XRV_TRACE_DETAIL(
-        "CDP_DP_THREAD_POOL_SIZE not set, defaulting to 0-- no thread pool will be used");
-  }
+  using XRV::Setting;
+  const int size = static_cast<int>(XRV::settingNumber(
+      Setting::ThreadPoolSize,
+      XRV_SETTING_HERE().withDefault(Setting::ThreadPoolSize, eventGroups < 1 ? 0 : eventGroups)));
   impatientCollectorTimeout = 0;
   if (size < 1) {
     return;
   }
   threadPool = new ThreadPool(size);
-  std::string timeout;
-  if (readSetting("CDP_DP_IMPATIENT_COLLECTOR_TIMEOUT", &timeout)) {
-    impatientCollectorTimeout = atoi(timeout.c_str());
-    XRV_TRACE_DETAIL("CDP_DP_IMPATIENT_COLLECTOR_TIMEOUT set to %d", impatientCollectorTimeout);
-  } else {
-    XRV_TRACE_DETAIL(
-        "CDP_DP_IMPATIENT_COLLECTOR_TIMEOUT not set, defaulting to 0-- impatient collection will "
-        "not be used");
-  }
+  impatientCollectorTimeout =
+      static_cast<int>(XRV::settingNumber(Setting::ImpatientCollectorTimeout, XRV_SETTING_HERE()));
 }
 
 void createBuiltInStatusProviders(int logMonitorCount) {
@@ -268,10 +245,8 @@ const AgentInformation* fwPreInit(int argc, char** argv) {
   }
 
   installPerfObjectStatusHook();
-  std::string path;
-  const bool pathSet = readSetting("AGENT_REF_FILE", &path);
-  XRV_TRACE_DETAIL("AGENT_REF_FILE = %s", pathSet ? path.c_str() : "(null)");
-  if (!initFromFile(pathSet ? path.c_str() : nullptr)) {
+  const XRV::SettingRead path = XRV::readSetting(XRV::Setting::AgentRefFile, XRV_SETTING_HERE());
+  if (!initFromFile(path.set ? path.text.c_str() : nullptr)) {
     XRV_TRACE_ERROR("ERROR: agent ref loading error");
     exit_with_notification(-1);
   }
@@ -293,15 +268,11 @@ void fwInit() {
   setAffinity();
   fwRegisterAgentLoader(load_agents);
 
-  std::string registerCallback;
-  if (readSetting("CDP_DP_REGISTER_ACTION_CALLBACK", &registerCallback) &&
-      (registerCallback[0] == 'N' || registerCallback[0] == 'n')) {
-    XRV_TRACE_DETAIL(
-        "Not registering action callback. Common shared libraries will execute actions.");
-  } else {
+  const XRV::SettingRead registerCallback = XRV::readSetting(XRV::Setting::RegisterActionCallback);
+  if (registerCallback.on()) {
     fwRegisterCommandCallback("*", actionCallback);
-    XRV_TRACE_DETAIL("Registering action callback. Agent code will run actions.");
   }
+  XRV::traceSetting(registerCallback, XRV_SETTING_HERE());
   storeOriginNode();
 }
 
@@ -315,26 +286,19 @@ int load_agents() {
         "errno = %d",
         error);
   }
-  std::string poolSize;
-  std::string retryDelay;
-  std::string refreshInterval;
-  const bool poolSizeSet = readSetting("CDP_DP_THREAD_POOL_SIZE", &poolSize);
-  const bool retryDelaySet = readSetting("CDP_DP_COMMAND_RETRY_DELAY", &retryDelay);
-  bool refreshIntervalSet = readSetting("CDP_DP_REFRESH_INTERVAL", &refreshInterval);
-  if (refreshIntervalSet && atoi(refreshInterval.c_str()) < 0) {
-    // A negative interval would schedule every turn before the previous one.
-    XRV_TRACE_ERROR("WARNING: CDP_DP_REFRESH_INTERVAL is negative (%s), ignoring it",
-                    refreshInterval.c_str());
-    refreshIntervalSet = false;
-  }
+  // A negative interval, which would schedule every turn before the previous one, is
+  // ignored.
+  const XRV::SettingRead refreshInterval =
+      XRV::readSetting(XRV::Setting::RefreshInterval, XRV_SETTING_HERE());
+  const bool refreshIntervalSet = refreshInterval.set;
 
   int logMonitorCount = 0;
   const int eventGroups =
       getEventGroupCount(queryClassList(), refreshIntervalSet, &logMonitorCount);
 
-  readCommandSettings(retryDelaySet, retryDelay);
+  readCommandSettings();
 
-  createThreadPool(poolSizeSet, atoi(poolSize.c_str()), eventGroups);
+  createThreadPool(eventGroups);
   createBuiltInStatusProviders(logMonitorCount);
 
   for (const char* feature :
@@ -348,7 +312,7 @@ int load_agents() {
   if (startProviders()) {
     startDiscoveryUpdates();
   }
-  startRefreshThread(refreshIntervalSet, atoi(refreshInterval.c_str()), eventGroups);
+  startRefreshThread(refreshIntervalSet, static_cast<int>(refreshInterval.number), eventGroups);
 
   writeAgentAuditRecord("The agent has successfully completed startup processing.", "Start-up",
                         "Start", "XRV9000I");

@@ -4,8 +4,8 @@
 #include <cstring>
 #include <string>
 
+#include "framework/Settings.h"
 #include "framework/Trace.h"
-#include "runtime/ReadSetting.h"
 
 namespace {
 
@@ -13,8 +13,9 @@ namespace {
 // "_NAME".
 bool fromInstanceArgument(const char* argument, XRV::String* name) {
   XRV_TRACE_FN();
-  std::string host;
-  const bool hostSet = readSetting("MVOLA_HOSTNAME", &host);
+  const XRV::SettingRead hostSetting = XRV::readSetting(XRV::Setting::InstanceHostName);
+  const bool hostSet = hostSetting.set;
+  const std::string& host = hostSetting.text;
   const size_t hostLength = host.size();
   if (hostSet && strncmp(argument, host.c_str(), hostLength) == 0 &&
       strlen(argument) > hostLength + 1) {
@@ -62,10 +63,10 @@ void fromProgramName(const char* program, XRV::String* name) {
 bool findInstanceName(int argc, char** argv, XRV::String* name) {
   XRV_TRACE_FN();
   name->clear();
-  std::string fromEnvironment;
-  if (readSetting("XRV_INSTANCE_NAME", &fromEnvironment)) {
-    name->assign(fromEnvironment.c_str());
-    XRV_TRACE_DETAIL("Got instance name from ENV = %s\n", name->c_str());
+  const XRV::SettingRead fromEnvironment =
+      XRV::readSetting(XRV::Setting::InstanceName, XRV_SETTING_HERE());
+  if (fromEnvironment.set) {
+    name->assign(fromEnvironment.text.c_str());
     return true;
   }
   if (argv == nullptr || argc < 1 || argv[0] == nullptr) {

@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "definition/AttributeGroupMeta.h"
-#include "framework/Configuration.h"
 #include "framework/FwClock.h"
+#include "framework/Settings.h"
 #include "framework/Trace.h"
 #include "provider/UAClientClass.h"
 #include "provider/UAClientClassList.h"
@@ -50,13 +50,10 @@ RefreshThread::RefreshThread(int defaultInterval, UAClientClassList& providers, 
     : defaultInterval_(defaultInterval < 0 ? 0 : defaultInterval), pool_(pool), subnodes_(subnodes) {
   XRV_TRACE_FN();
   const time_t now = fwTime();
-  char* delayText = fwGetEnv("CDP_DP_INITIAL_COLLECTION_DELAY", nullptr);
-  const bool delaySet = delayText != nullptr;
-  const int delay = delaySet ? atoi(delayText) : 0;
-  free(delayText);
-  if (delaySet) {
-    XRV_TRACE_DETAIL("Using initial collection delay of %d", delay);
-  }
+  const XRV::SettingRead initialDelay =
+      XRV::readSetting(XRV::Setting::InitialCollectionDelay, XRV_SETTING_HERE());
+  const bool delaySet = initialDelay.set;
+  const int delay = static_cast<int>(initialDelay.number);
   // Subnode copies are appended to the list by the discovery thread, under the subnode
   // manager's lock: take the providers as they are now.
   std::vector<UAClientClass*> candidates;

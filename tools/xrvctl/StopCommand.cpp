@@ -3,11 +3,12 @@
 #include <cstdlib>
 #include <ostream>
 
+#include "framework/Settings.h"
+
 int runStop(const StopOptions& options, std::ostream& out, std::ostream& err) {
   std::string token = options.token;
   if (token.empty()) {
-    const char* fromEnvironment = getenv("XRV_ADMIN_TOKEN");
-    token = fromEnvironment == nullptr ? "" : fromEnvironment;
+    token = XRV::settingText(XRV::Setting::AdminToken);
   }
   if (token.empty()) {
     err << "xrvctl stop: no token: give --token, or set XRV_ADMIN_TOKEN to the agent's\n";

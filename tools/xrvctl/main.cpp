@@ -16,11 +16,12 @@
 #include "StopCommand.h"
 #include "ValidateCommand.h"
 #include "definition/AgentSettings.h"
+#include "framework/Settings.h"
 #include "framework/Trace.h"
 
 int main(int argc, char** argv) {
   // The tool reports problems itself; trace lines only when asked for.
-  if (getenv("XRV_TRACE") == nullptr) {
+  if (!XRV::readSetting(XRV::Setting::Trace).set) {
     XRV::trace::configure("off");
   }
 

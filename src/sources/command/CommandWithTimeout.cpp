@@ -20,6 +20,7 @@
 #include "foundation/HashMap.h"
 #include "foundation/String.h"
 #include "framework/FwClock.h"
+#include "framework/Settings.h"
 #include "framework/Trace.h"
 #include "sources/command/SshConnector.h"
 
@@ -40,17 +41,10 @@ size_t nameLength(const char* assignment) {
 
 void traceCommandSettings() {
   XRV_TRACE_FN();
-  XRV_TRACE_DETAIL("Command Retry Delay set to %d milliseconds", commandRetryDelay);
-  XRV_TRACE_DETAIL("Commands may write up to %lld bytes to each of their output streams",
-                   outputSizeLimit);
-  if (stdErrSizeLimit > 0) {
-    XRV_TRACE_DETAIL(
-        "CDP_DP_TRUNCATE_STDERR_DATA set, agent will truncate stdErr data  for shell commands "
-        "to %d bytes.",
-        stdErrSizeLimit);
-  } else {
-    XRV_TRACE_DETAIL("CDP_DP_TRUNCATE_STDERR_DATA not set, agent will return full stdErr");
-  }
+  const XRV::SettingContext here = XRV_SETTING_HERE();
+  XRV::traceSettingValue(XRV::Setting::CommandRetryDelay, commandRetryDelay, here);
+  XRV::traceSettingValue(XRV::Setting::ScriptMaxOutputMb, outputSizeLimit, here);
+  XRV::traceSettingValue(XRV::Setting::TruncateStderrData, stdErrSizeLimit, here);
 }
 
 // --- Construction ---

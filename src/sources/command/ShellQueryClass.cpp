@@ -11,7 +11,7 @@
 #include "subnode/SubnodeConfiguration.h"
 #include "foundation/UTF8String.h"
 #include "foundation/Utilities.h"
-#include "framework/Configuration.h"
+#include "framework/Settings.h"
 #include "framework/Trace.h"
 #include "provider/NumericParser.h"
 #include "provider/ResultInstance.h"
@@ -21,14 +21,6 @@
 #include "sources/command/SshConnector.h"
 
 namespace {
-
-constexpr int kDefaultTimeout = 30;
-constexpr int kMinimumTimeout = 10;
-
-// A setting is on when its first character is "Y" or "y".
-bool startsWithYes(const char* value) {
-  return value != nullptr && (value[0] == 'Y' || value[0] == 'y');
-}
 
 char* copyOrNull(const char* text) { return text == nullptr ? nullptr : strdup(text); }
 
@@ -116,57 +108,13 @@ ShellQueryClass::~ShellQueryClass() {
 
 void ShellQueryClass::readSettings() {
   XRV_TRACE_FN();
-  char* value = fwGetEnv("CDP_DP_SCRIPT_TIMEOUT", nullptr);
-  if (value == nullptr) {
-    timeout_ = kDefaultTimeout;
-    XRV_TRACE_DETAIL("script timeout not set, setting to default %d\n", timeout_);
-  } else {
-    timeout_ = atoi(value);
-    if (timeout_ < kMinimumTimeout + 1) {
-      timeout_ = kMinimumTimeout;
-      XRV_TRACE_DETAIL("script timeout set to minimum %d\n", timeout_);
-    } else {
-      XRV_TRACE_DETAIL("script timeout for actions set to %d\n", timeout_);
-    }
-    free(value);
-  }
-
-  value = getGroupSetting("_KILL_ORPHAN_SCRIPTS");
-  if (value != nullptr) {
-    killOrphans_ = startsWithYes(value);
-    XRV_TRACE_DETAIL("Attribute group %s: kill orphan script processes set to %s, killing %s",
-                     getAttributeGroup(), value, killOrphans_ ? "on" : "off");
-  } else {
-    value = fwGetEnv("CDP_DP_KILL_ORPHAN_SCRIPTS", nullptr);
-    killOrphans_ = startsWithYes(value);
-    if (killOrphans_) {  // set to "N": as good as not set
-      XRV_TRACE_DETAIL(
-          "CDP_DP_KILL_ORPHAN_SCRIPTS set, agent will attempt to kill timed out script "
-          "processes for command %s.",
-          orNull(rawCommand_));
-    } else {
-      XRV_TRACE_DETAIL(
-          "CDP_DP_KILL_ORPHAN_SCRIPTS not set, agent will not attempt to kill timed out "
-          "script processes for command %s.",
-          orNull(rawCommand_));
-    }
-  }
-  free(value);
-
-  value = fwGetEnv("CDP_DP_SCRIPT_ALLOW_BLANK_VALUES", nullptr);
-  if (value != nullptr) {
-    allowBlankValues_ = true;
-    XRV_TRACE_DETAIL("Running script data collection in test mode which allows omitted elements.\n");
-    free(value);
-  }
-  value = fwGetEnv("CDP_DP_SCRIPT_CREATE_EMPTY_ROW_WHEN_NO_STDOUT_DATA_RETURNED", nullptr);
-  if (value != nullptr) {
-    createEmptyRow_ = true;
-    XRV_TRACE_DETAIL(
-        "Running script data collection and allowing no output. A fake row with \"\" or 0 "
-        "values will be created.\n");
-    free(value);
-  }
+  using XRV::Setting;
+  const XRV::SettingContext here = XRV_SETTING_HERE().forGroup(getAttributeGroup());
+  timeout_ = static_cast<int>(XRV::settingNumber(Setting::ScriptTimeout, here));
+  killOrphans_ =
+      XRV::settingFlag(Setting::GroupKillOrphanScripts, here.withExtra(orNull(rawCommand_)));
+  allowBlankValues_ = allowBlankValues_ || XRV::settingFlag(Setting::ScriptAllowBlankValues, here);
+  createEmptyRow_ = createEmptyRow_ || XRV::settingFlag(Setting::ScriptCreateEmptyRow, here);
 }
 
 void ShellQueryClass::makeConnector() {
