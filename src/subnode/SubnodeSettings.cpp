@@ -1,53 +1,28 @@
 #include "subnode/SubnodeSettings.h"
 
-#include <strings.h>
-
 #include <cstdlib>
 
 #include "framework/Configuration.h"
 #include "framework/Framework.h"
+#include "framework/Settings.h"
 #include "framework/Trace.h"
 
-// Settings (configuration properties, read once when the process-wide manager is made):
-//
-//   CDP_DP_INITIAL_CONFIG_DISCOVERY_NODE_STATE  UP (default): register new subnodes at
-//                                               once; DOWN: once data was collected
-//   CDP_DP_USE_HOSTNAME_IN_SUBNODE_MSN          Y: CTAFW_HOSTNAME + "_" in front of keys
-//   CDP_DP_EXCLUDE_SUBNODE_TYPE_FROM_MSN        a subnode type whose MSNs leave it out
-//   CDP_DP_GARBAGE_COLLECTION_INTERVAL          seconds between zombie-killer passes; 600
-
-namespace {
-
-constexpr int kDefaultGarbageCollectionInterval = 600;
-
-bool flagIsOn(const char* value) {
-  return value != nullptr && (value[0] == 'y' || value[0] == 'Y');
-}
-
-}  // namespace
+// The settings themselves (names, defaults, limits, traces) are in the settings
+// table; docs/settings.md lists them.
 
 SubnodeManagerSettings SubnodeManagerSettings::fromConfiguration() {
   XRV_TRACE_FN();
   SubnodeManagerSettings settings;
+  using XRV::Setting;
+  using XRV::settingFlag;
+  using XRV::settingNumber;
+  using XRV::settingText;
 
-  char* state = fwGetEnv("CDP_DP_INITIAL_CONFIG_DISCOVERY_NODE_STATE", nullptr);
-  if (state != nullptr && *state != '\0') {
-    if (strcasecmp(state, "DOWN") == 0) {
-      settings.registerNewNodes = false;
-      XRV_TRACE_DETAIL(
-          "CDP_DP_INITIAL_CONFIG_DISCOVERY_NODE_STATE set to DOWN, new nodes will be not be "
-          "registered until data is collected");
-    } else if (strcasecmp(state, "UP") != 0) {
-      XRV_TRACE_ERROR(
-          "CDP_DP_INITIAL_CONFIG_DISCOVERY_NODE_STATE - invalid value %s, new nodes will be "
-          "registered",
-          state);
-    }
-  }
-  free(state);
+  // A choice of UP (0, the default) or DOWN (1).
+  settings.registerNewNodes =
+      !settingFlag(Setting::InitialConfigDiscoveryNodeState, XRV_SETTING_HERE());
 
-  char* useHostName = fwGetEnv("CDP_DP_USE_HOSTNAME_IN_SUBNODE_MSN", nullptr);
-  if (flagIsOn(useHostName)) {
+  if (settingFlag(Setting::UseHostnameInSubnodeMsn, XRV_SETTING_HERE())) {
     char* hostName = fwGetConfiguredHostName();
     if (hostName != nullptr && *hostName != '\0') {
       settings.msnHostName = hostName;
@@ -58,24 +33,9 @@ SubnodeManagerSettings SubnodeManagerSettings::fromConfiguration() {
     }
     free(hostName);
   }
-  free(useHostName);
 
-  char* excluded = fwGetEnv("CDP_DP_EXCLUDE_SUBNODE_TYPE_FROM_MSN", nullptr);
-  if (excluded != nullptr) {
-    settings.excludedType = excluded;
-    free(excluded);
-  }
-
-  char* interval = fwGetEnv("CDP_DP_GARBAGE_COLLECTION_INTERVAL", nullptr);
-  if (interval != nullptr && *interval != '\0') {
-    int seconds = atoi(interval);
-    if (seconds >= 1) {
-      settings.garbageCollectionInterval = seconds;
-    } else {
-      XRV_TRACE_ERROR("CDP_DP_GARBAGE_COLLECTION_INTERVAL - invalid value %s, using %d seconds",
-                      interval, kDefaultGarbageCollectionInterval);
-    }
-  }
-  free(interval);
+  settings.excludedType = settingText(Setting::ExcludeSubnodeTypeFromMsn, XRV_SETTING_HERE());
+  settings.garbageCollectionInterval =
+      static_cast<int>(settingNumber(Setting::GarbageCollectionInterval, XRV_SETTING_HERE()));
   return settings;
 }
