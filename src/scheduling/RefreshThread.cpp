@@ -1,7 +1,6 @@
 #include "scheduling/RefreshThread.h"
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <system_error>
@@ -49,6 +48,11 @@ RefreshThread::RefreshThread(int defaultInterval, UAClientClassList& providers, 
                              SubnodeManager* subnodes)
     : defaultInterval_(defaultInterval < 0 ? 0 : defaultInterval), pool_(pool), subnodes_(subnodes) {
   XRV_TRACE_FN();
+  // A test's clock wakes the thread when it moves; the system clock never calls this.
+  clockWaker_ = fwAddClockWaker([this] {
+    std::lock_guard<std::mutex> lock(mutex_);
+    wakeUp_.notify_all();
+  });
   const time_t now = fwTime();
   const XRV::SettingRead initialDelay =
       XRV::readSetting(XRV::Setting::InitialCollectionDelay, XRV_SETTING_HERE());
@@ -115,7 +119,10 @@ RefreshThread::RefreshThread(int defaultInterval, UAClientClassList& providers, 
   }
 }
 
-RefreshThread::~RefreshThread() { refreshShutdown(); }
+RefreshThread::~RefreshThread() {
+  fwRemoveClockWaker(clockWaker_);
+  refreshShutdown();
+}
 
 int RefreshThread::intervalOf(const UAClientClass* provider) const {
   int own = provider->getRefreshInterval();
@@ -161,7 +168,7 @@ void RefreshThread::run() {
     queue_.erase(queue_.begin());
     int64_t wait = static_cast<int64_t>(provider->getNextRefresh()) * 1000 - fwTimeMillis();
     if (wait >= 1) {
-      wakeUp_.wait_for(lock, std::chrono::milliseconds(wait), [this] { return shutdown_; });
+      fwWaitFor(wakeUp_, lock, wait, [this] { return shutdown_; });
       if (shutdown_) {
         break;
       }

@@ -10,6 +10,9 @@
 // The template provider of a subnode type stands for all its subnode copies: its
 // turn starts a job for each copy.
 //
+// It waits for the head's time on the framework clock (fwWaitFor), so a test that
+// moves the clock by hand moves the schedule with it.
+//
 // Thread-safe: refreshShutdown may be called from any thread.
 
 #include <atomic>
@@ -77,5 +80,6 @@ class RefreshThread {
   std::condition_variable wakeUp_;
   std::vector<UAClientClass*> queue_;  // ascending by next refresh time; guarded by mutex_
   bool shutdown_ = false;              // guarded by mutex_
+  int clockWaker_ = 0;                 // fwAddClockWaker's handle
   std::thread thread_;
 };

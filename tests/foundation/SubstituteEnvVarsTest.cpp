@@ -7,7 +7,6 @@
 #include "foundation/Utilities.h"
 #include "framework/Configuration.h"
 #include "support/TestConfiguration.h"
-#include "support/TraceCapture.h"
 
 namespace {
 
@@ -131,21 +130,6 @@ TEST_F(SubstituteEnvVarsTest, RuntimeValuesAndRepeatedExpansion) {
   EXPECT_EQ(substitute(once.c_str(), true), "/run/time/nested");
 
   EXPECT_EQ(substitute(nullptr, true), "<null>");
-}
-
-TEST_F(SubstituteEnvVarsTest, TraceTexts) {
-  XRV::testing::TraceCapture capture;
-  EXPECT_EQ(substitute("${AGENT_BIN_DIR} ${SSH_HOSTNAME}", false), "/opt/agent ");
-  EXPECT_TRUE(capture.containsText("Prior to substituting variables"));
-  EXPECT_TRUE(capture.hasText("Getting environment variable AGENT_BIN_DIR"));
-  EXPECT_TRUE(capture.hasText("Substitution of environment variable SSH_HOSTNAME not allowed"));
-  EXPECT_FALSE(capture.hasText("Getting environment variable SSH_HOSTNAME"));
-  EXPECT_TRUE(capture.containsText("Result after substituting variables"));
-
-  capture.clear();
-  EXPECT_EQ(substitute("${SSH_HOSTNAME}", true), "host1.example.com");
-  EXPECT_TRUE(capture.hasText("Getting environment variable SSH_HOSTNAME"));
-  EXPECT_FALSE(capture.containsText("not allowed"));
 }
 
 }  // namespace

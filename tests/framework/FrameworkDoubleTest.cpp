@@ -34,45 +34,12 @@ TEST(Framework, LoaderAndActionCallbacksReachTheHost) {
   EXPECT_STREQ(lastCommandText, "Restart web");
 }
 
-TEST(Framework, OriginNodeAndSubnodes) {
-  FrameworkDouble framework;
-  char msn[64];
-  framework.setOriginNode("Primary:box:XR");
-  ASSERT_TRUE(fwGetOriginNode(msn, sizeof msn));
-  EXPECT_STREQ(msn, "Primary:box:XR");
-  EXPECT_FALSE(fwGetOriginNode(msn, 4)) << "buffer too small";
-  framework.setOriginNode(nullptr);
-  EXPECT_FALSE(fwGetOriginNode(msn, sizeof msn));
-
-  const char* features[] = {"AFF_FEAT_DM_PARITY"};
-  FwSubnodeRegistration registration{"RV:web01:LNX", "%XRV.XRV", "LNX", "06.30", features, 1,
-                                     "Linux~6",      "10.0.0.1", "web"};
-  EXPECT_EQ(fwSubnodeRegister(registration), FW_SUBNODE_OK);
-  framework.setRegistrationResult(FW_SUBNODE_SEND_FAILED);
-  EXPECT_EQ(fwSubnodeRegister(registration), FW_SUBNODE_SEND_FAILED);
-  EXPECT_EQ(fwSubnodeDeregister("RV:web01:LNX"), FW_SUBNODE_OK);
-  ASSERT_EQ(framework.registrations().size(), 2u);
-  EXPECT_EQ(framework.registrations()[0].msn, "RV:web01:LNX");
-  EXPECT_EQ(framework.registrations()[0].affinityFeatures,
-            std::vector<std::string>{"AFF_FEAT_DM_PARITY"});
-  EXPECT_EQ(framework.deregistrations(), std::vector<std::string>{"RV:web01:LNX"});
-}
-
 TEST(Framework, AuditRecordsOnlyWhereOffered) {
   FrameworkDouble framework;
-  FwAuditRecord record{"QBXAgent", "The agent is shutting down.",
-                       "Shutdown", "Stop",
-                       "XRV9001I", fwGetProductName(),
-                       36,         6000,
-                       "XRV"};
-  EXPECT_TRUE(fwAuditAvailable());
-  EXPECT_EQ(fwAuditRecord(record), 0);
   framework.setAuditAvailable(false);
   EXPECT_FALSE(fwAuditAvailable());
-  EXPECT_EQ(fwAuditRecord(record), -1);
-  ASSERT_EQ(framework.auditRecords().size(), 1u);
-  EXPECT_EQ(framework.auditRecords()[0].messageId, "XRV9001I");
-  EXPECT_EQ(framework.auditRecords()[0].recordCode, 6000);
+  EXPECT_EQ(fwAuditRecord(FwAuditRecord{}), -1);
+  EXPECT_TRUE(framework.auditRecords().empty());
 }
 
 TEST(Framework, WithoutAHostNothingBreaks) {

@@ -337,49 +337,6 @@ TEST_F(StandaloneHostTest, RefusesBadRequestsWithJsonErrors) {
   EXPECT_TRUE(rowsManager->seen().empty());
 }
 
-// Sends `request` as it stands on a connection of its own; the answer's status line.
-std::string rawRequest(int port, const std::string& request) {
-  const int sock = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (connect(sock, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-    close(sock);
-    return "no connection";
-  }
-  (void)!write(sock, request.data(), request.size());
-  timeval timeout{5, 0};
-  setsockopt(sock, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-  std::string answer;
-  char buffer[4096];
-  ssize_t got;
-  while (answer.find("\r\n") == std::string::npos &&
-         (got = read(sock, buffer, sizeof buffer)) > 0) {
-    answer.append(buffer, static_cast<size_t>(got));
-  }
-  close(sock);
-  return answer.substr(0, answer.find("\r\n"));
-}
-
-TEST_F(StandaloneHostTest, SurvivesHostileRequests) {
-  const int port = host_->httpPort();
-  const std::string garbage = rawRequest(port, "GARBAGE\r\n\r\n");
-  EXPECT_TRUE(garbage.empty() || garbage.rfind("HTTP/1.1 400", 0) == 0) << garbage;
-  EXPECT_EQ(rawRequest(port, "GET /api/v1/tables/" + std::string(20000, 'a') + " HTTP/1.1\r\n\r\n"),
-            "HTTP/1.1 414 URI Too Long");
-  EXPECT_EQ(rawRequest(port, "GET /api/v1/tables/%ZZ%00%ff HTTP/1.1\r\nHost: x\r\n\r\n"),
-            "HTTP/1.1 404 Not Found");
-  EXPECT_EQ(rawRequest(port, "POST /api/v1/shutdown HTTP/1.1\r\nContent-Length: 70000\r\n\r\n" +
-                                 std::string(70000, 'x'))
-                .substr(0, 12),
-            "HTTP/1.1 413");
-  EXPECT_EQ(rawRequest(port, "GET /healthz HTTP/1.1\r\nX: " + std::string(20000, 'h') + "\r\n\r\n")
-                .substr(0, 12),
-            "HTTP/1.1 431");
-  EXPECT_EQ(get("/healthz").first, 200);
-}
-
 TEST_F(StandaloneHostTest, KeepsEventsInItsRing) {
   for (int i = 0; i < 5; ++i) {
     const std::string row = packRow("main:XR", "event" + std::to_string(i), i, 0);

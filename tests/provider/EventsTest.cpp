@@ -167,7 +167,7 @@ TEST_F(EventsTest, CollectingAnEventGroupServesItsCache) {
   source.sendDataToAFW(&request, "n");
   ASSERT_EQ(request.rows.size(), 2u);
   EXPECT_EQ(request.rows[0][1], "b") << "newest first";
-  EXPECT_EQ(source.collections, 0) << "event groups are not collected";
+  EXPECT_EQ(source.collections.load(), 0) << "event groups are not collected";
 }
 
 TEST(SummaryQueue, OrderedByTimeEqualTimesGoInFront) {

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
@@ -53,7 +54,7 @@ class TestQueryClass : public ResultsManager {
   ResultInstance* makeRow(const std::vector<std::string>& texts);
 
   std::vector<std::vector<std::string>> rows;
-  int collections = 0;
+  std::atomic<int> collections{0};  // read by tests while pool threads collect
 };
 
 // Reads `attributes` (the inside of an <ag>) as group `group`, table "T" + group.

@@ -135,8 +135,6 @@ TEST(ResultMetric, SetMetricValueSwitchesRepresentations) {
   EXPECT_EQ(value.getDouble(), 0.5);
   EXPECT_TRUE(value.isMappedData());
   EXPECT_EQ(value.getMetric(), &metric);
-  value.setMappedData(false);
-  EXPECT_FALSE(value.isMappedData());
   EXPECT_TRUE(value.isNumberDouble());
 }
 

@@ -360,18 +360,18 @@ TEST_F(ResultsManagerTest, CacheHitsAndDisabledCollection) {
   source->rows = {{"a"}};
   source->collectDataIfNeeded(nullptr);
   source->collectDataIfNeeded(nullptr);
-  EXPECT_EQ(source->collections, 1) << "the data are 30 s fresh";
+  EXPECT_EQ(source->collections.load(), 1) << "the data are 30 s fresh";
   EXPECT_EQ(source->getCacheHitCount(), 1);
   clock_.advance(30000);
   source->collectDataIfNeeded(nullptr);
-  EXPECT_EQ(source->collections, 2);
+  EXPECT_EQ(source->collections.load(), 2);
 
   setConfigurationProperty("CDP_OFF_DISABLE_COLLECTION", "yes");
   auto disabled =
       provider("Off", R"(<attr name="Name" type="2" size="8"/>)", {{"Name", STRING_DATA, true}});
   disabled->rows = {{"a"}};
   disabled->collectData(nullptr);
-  EXPECT_EQ(disabled->collections, 0);
+  EXPECT_EQ(disabled->collections.load(), 0);
   EXPECT_EQ(disabled->getResultInstanceCount(), 0);
 }
 

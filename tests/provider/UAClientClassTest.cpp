@@ -143,11 +143,9 @@ TEST(UAClientClassTest, ExpiryAndTimeStampsFollowTheClock) {
   clock.advance(1);
   EXPECT_TRUE(provider.isExpired()) << "30 whole seconds after a collection stamped mid-second";
 
-  TraceCapture trace;
   provider.setOnlyForcedCollections(true);
   clock.advance(86400000);
-  EXPECT_FALSE(provider.isExpired());
-  EXPECT_TRUE(trace.hasText("  onlyForcedCollections set, declaring the data valid"));
+  EXPECT_FALSE(provider.isExpired()) << "only forced collections: the data stay valid";
 
   struct Case {
     int64_t millis;
@@ -295,10 +293,6 @@ TEST(UAClientClassTest, TextsArePaddedAndNeverEndInACutCharacter) {
     EXPECT_EQ(trace.hasText("The value for a UTF-8 string fills the total length allowed - "
                             "checking for bad truncation"),
               c.fills);
-    if (c.writer == Writer::String || c.writer == Writer::ConvertString) {
-      EXPECT_TRUE(trace.hasText(c.writer == Writer::String ? "NOT Converting a value to UTF-8"
-                                                           : "Converting a value to UTF-8"));
-    }
   }
 }
 
@@ -313,12 +307,8 @@ TEST(UAClientClassTest, SubnodeCopiesShareTheMetricsOfTheirSource) {
   EXPECT_FALSE(base->doesMetricListContainRatesOrDeltas());
   base->addMetricObject(rate);
   EXPECT_TRUE(base->doesMetricListContainRatesOrDeltas());
-  {
-    TraceCapture trace;
-    EXPECT_EQ(base->getMetricObject("Read_Rate"), rate);
-    EXPECT_EQ(base->getMetricObject("read_rate"), nullptr) << "names compare exactly";
-    EXPECT_TRUE(trace.hasText("Checking read_rate against Size"));
-  }
+  EXPECT_EQ(base->getMetricObject("Read_Rate"), rate);
+  EXPECT_EQ(base->getMetricObject("read_rate"), nullptr) << "names compare exactly";
   base->setRefreshInterval(60);
   base->setTimeoutInterval(90);
   base->setThreadPoolEligible(false);
@@ -350,19 +340,15 @@ TEST(UAClientClassTest, SubnodeCopiesShareTheMetricsOfTheirSource) {
   // double delete or a use after free).
   EXPECT_TRUE(list.removeClientClass(copy));
   delete copy;
-  EXPECT_TRUE(trace.hasText("We're a subnode"));
   list.deleteAll();
   EXPECT_EQ(list.getCount(), 0);
 }
 
 TEST(UAClientClassTest, RequestFiltersAreFiledUnderTheirId) {
   TestProvider provider("XRV", "Disk", UA_SCRIPT);
-  TraceCapture trace;
   provider.setRequestInfo("r1", {{"Mount", "EQ", "/var"}});
   provider.setRequestInfo("r1", {{"Mount", "EQ", "/tmp"}, {"Used", "GT", "90"}});
   provider.setRequestInfo("r2", {});
-  EXPECT_TRUE(trace.hasText("id=r1 name=Mount, value=/var"));
-  EXPECT_TRUE(trace.hasText("id=r1 name=Used, value=90"));
   provider.lockOutstandingRequestHash();
   int count = provider.getOutstandingRequests()->getCount();
   const auto* stored =
@@ -382,13 +368,10 @@ TEST(UAClientClassTest, RequestFiltersAreFiledUnderTheirId) {
 }
 
 TEST(UAClientClassTest, PerfObjectEnumerationsAreProcessWide) {
-  TraceCapture trace;
   EXPECT_EQ(UAClientClass::isAgentPerfObjEnum("FILE_MISSING"), nullptr);
-  EXPECT_TRUE(trace.hasText("no perf obj enum hashtable. Can't look up  FILE_MISSING."));
   UAClientClass::addPerfObjEnum("FILE_MISSING", "FILE_OFFLINE");
   UAClientClass::addPerfObjEnum("NO_AUTH", "ACCESS_DENIED");
   UAClientClass::addPerfObjEnum("NO_AUTH", "AUTHENTICATION_FAILED");
-  EXPECT_TRUE(trace.hasText("Adding perf obj enum - enum=NO_AUTH, error_code=ACCESS_DENIED."));
   EXPECT_STREQ(UAClientClass::isAgentPerfObjEnum("FILE_MISSING"), "FILE_OFFLINE");
   EXPECT_STREQ(UAClientClass::isAgentPerfObjEnum("NO_AUTH"), "AUTHENTICATION_FAILED");
   EXPECT_EQ(UAClientClass::isAgentPerfObjEnum("file_missing"), nullptr);

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -17,14 +19,31 @@
 #include "framework/FwClock.h"
 #include "provider/UAClientClassList.h"
 #include "scheduling/ThreadPool.h"
+#include "support/FrameworkDouble.h"
 
 namespace {
 
-// A provider that records when each collection started and can take its time.
+using XRV::testing::FakeClock;
+
+// Polls (on the real clock) until `done` holds or two seconds have passed.
+bool eventually(const std::function<bool()>& done) {
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > deadline) {
+      return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+// A provider that records when each collection started (on the framework clock). A
+// collection takes `collectMillis` of the framework clock, and waits while the
+// provider is held.
 class TimedSource : public ResultsManager {
  public:
-  TimedSource(const char* group, int interval, int collectMillis, int type = UA_SCRIPT)
-      : ResultsManager("XRV", group, type), collectMillis_(collectMillis) {
+  TimedSource(const char* group, int interval, int millis, int type = UA_SCRIPT)
+      : ResultsManager("XRV", group, type), collectMillis(millis) {
     setRefreshInterval(interval);
   }
   void internalCollectData(const char*) override {
@@ -32,14 +51,13 @@ class TimedSource : public ResultsManager {
     int seen = maxRunning_.load();
     while (now > seen && !maxRunning_.compare_exchange_weak(seen, now)) {
     }
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      starts_.push_back(fwTimeMillis());
-    }
-    if (collectMillis_ > 0) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(collectMillis_));
-    }
+    std::unique_lock<std::mutex> lock(mutex_);
+    starts_.push_back(fwTimeMillis());
+    released_.wait(lock, [this] { return !held_; });
+    lock.unlock();
+    fwSleepMillis(collectMillis.load());
     --running_;
+    ++finished;
   }
   const char* getPerfObjectName() override { return getAttributeGroup(); }
   int getPerfObjectStatus() override { return PERF_OBJECT_ACTIVE; }
@@ -51,12 +69,21 @@ class TimedSource : public ResultsManager {
     return starts_;
   }
   int maxRunning() const { return maxRunning_.load(); }
+  void hold(bool held) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    held_ = held;
+    released_.notify_all();
+  }
+
+  std::atomic<int> collectMillis;
+  std::atomic<int> finished{0};
 
  private:
-  int collectMillis_;
   std::atomic<int> running_{0};
   std::atomic<int> maxRunning_{0};
   std::mutex mutex_;
+  std::condition_variable released_;
+  bool held_ = false;
   std::vector<int64_t> starts_;
 };
 
@@ -79,11 +106,6 @@ class RefreshThreadTest : public ::testing::Test {
     list_.addClientClass(source.get());
     providers_.push_back(std::move(source));
     return *providers_.back();
-  }
-
-  static void sleepUntilNextSecond() {
-    int64_t now = fwTimeMillis();
-    std::this_thread::sleep_for(std::chrono::milliseconds(1000 - now % 1000 + 20));
   }
 
   UAClientClassList list_;
@@ -151,69 +173,91 @@ TEST_F(RefreshThreadTest, InitialDelayMakesEveryoneDueTogether) {
   }
 }
 
-TEST_F(RefreshThreadTest, DueTimesStayOnTheGridWhileCollectionsTakeTime) {
-  sleepUntilNextSecond();
-  TimedSource& slowish = add("Grid", 1, 400);
+TEST_F(RefreshThreadTest, TurnsStayOnTheGridWhileCollectionsTakeTimeOrTheThreadIsLate) {
+  FakeClock clock(1700000000000);  // a whole second
+  TimedSource& source = add("Grid", 1, 400);
   ThreadPool pool(2);
   RefreshThread refresh(0, list_, &pool, nullptr);
-  time_t first = slowish.getNextRefresh();
+  const int64_t first = static_cast<int64_t>(source.getNextRefresh()) * 1000;
+  ASSERT_EQ(first, fwTimeMillis() + 1000);
   ASSERT_TRUE(refresh.start());
-  std::this_thread::sleep_for(std::chrono::milliseconds(3600));
-  refresh.refreshShutdown();
-  std::vector<int64_t> starts = slowish.starts();
-  ASSERT_GE(starts.size(), 3u);
-  for (size_t i = 0; i < starts.size(); ++i) {
-    SCOPED_TRACE(i);
-    // Each collection starts at its whole second, whatever the last one took.
-    int64_t due = (static_cast<int64_t>(first) + static_cast<int64_t>(i)) * 1000;
-    EXPECT_GE(starts[i], due);
-    EXPECT_LT(starts[i] - due, 200);
+  // Each collection takes 400 ms; the next one still starts at its whole second.
+  for (int turn = 0; turn < 2; ++turn) {
+    clock.advance(first + turn * 1000 - fwTimeMillis());
+    ASSERT_TRUE(eventually([&] { return source.finished.load() == turn + 1; })) << turn;
+    EXPECT_EQ(source.starts()[static_cast<size_t>(turn)], first + turn * 1000);
   }
+  // 2.5 s on (at first + 3.9 s) both late turns, first + 2 s and + 3 s, are taken (run
+  // or skipped), and the next one is first + 4 s.
+  source.collectMillis = 0;
+  clock.advance(2500);
+  ASSERT_TRUE(eventually([&] {
+    return source.starts().size() + static_cast<size_t>(source.getSkippedIntervals()) == 4;
+  }));
+  EXPECT_EQ(static_cast<int64_t>(source.getNextRefresh()) * 1000, first + 4000);
+  refresh.refreshShutdown();
 }
 
 TEST_F(RefreshThreadTest, ASlowProviderIsNeverQueuedTwice) {
-  sleepUntilNextSecond();
-  TimedSource& slow = add("Slow", 1, 1600);
+  FakeClock clock;
+  TimedSource& slow = add("Slow", 1);
   ThreadPool pool(4);
   RefreshThread refresh(0, list_, &pool, nullptr);
   ASSERT_TRUE(refresh.start());
-  // Turns at 1, 2, 3 and 4 s: each collection takes 1.6 s, so every other turn finds
-  // the last one still running.
-  std::this_thread::sleep_for(std::chrono::milliseconds(4200));
+  slow.hold(true);
+  struct Release {  // before the pool waits for its workers, also when a check fails
+    TimedSource& source;
+    ~Release() { source.hold(false); }
+  } release{slow};
+  clock.advance(1000);
+  ASSERT_TRUE(eventually([&] { return slow.starts().size() == 1; }));
+  // Two turns while the first collection still runs: both skipped.
+  for (int skipped = 1; skipped <= 2; ++skipped) {
+    clock.advance(1000);
+    ASSERT_TRUE(eventually([&] { return slow.getSkippedIntervals() == skipped; })) << skipped;
+  }
+  slow.hold(false);
+  ASSERT_TRUE(eventually([&] { return !slow.isOnQueue(); }));
+  clock.advance(1000);
+  ASSERT_TRUE(eventually([&] { return slow.starts().size() == 2; })) << "queued again once done";
   refresh.refreshShutdown();
   EXPECT_EQ(slow.maxRunning(), 1) << "never two collections at once";
-  size_t started = slow.starts().size();
-  EXPECT_LE(started, 2u);
-  EXPECT_GE(slow.getSkippedIntervals(), 1);
-  EXPECT_EQ(started + static_cast<size_t>(slow.getSkippedIntervals()), 4u) << "every turn counted";
+  EXPECT_EQ(slow.getSkippedIntervals(), 2);
   pool.shutdown();
 }
 
-TEST_F(RefreshThreadTest, ShutdownIsPromptWhileTheNextTurnIsAnHourAway) {
-  add("Hourly", 3600);
+TEST_F(RefreshThreadTest, OnTheSystemClockTurnsComeOnTimeAndStopIsPrompt) {
+  TimedSource& source = add("Soon", 1);
   RefreshThread refresh(0, list_, nullptr, nullptr);
+  const int64_t due = static_cast<int64_t>(source.getNextRefresh()) * 1000;
   ASSERT_TRUE(refresh.start());
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  ASSERT_TRUE(eventually([&] { return source.finished.load() == 1; }));
+  EXPECT_GE(source.starts()[0], due);
+  EXPECT_LT(source.starts()[0] - due, 200);
+  // The next turn is a second away: stopping does not wait for it.
   auto begin = std::chrono::steady_clock::now();
   refresh.refreshShutdown();
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(100));
 }
 
 TEST_F(RefreshThreadTest, WithoutAPoolTheRefreshThreadCollectsItself) {
+  FakeClock clock;
   setConfigurationProperty("CDP_DP_INITIAL_COLLECTION_DELAY", "0");
-  // Without a pool the turn is collectDataIfNeeded: data stay valid for a second here.
-  setConfigurationProperty("CDP_INLINE_CACHE_TTL", "1");
+  // Without a pool the turn is collectDataIfNeeded: data stay valid for two seconds.
+  setConfigurationProperty("CDP_DP_CACHE_TTL", "2");
   TimedSource& inline_ = add("INLINE", 1);
   RefreshThread refresh(0, list_, nullptr, nullptr);
   ASSERT_TRUE(refresh.start());
-  std::this_thread::sleep_for(std::chrono::milliseconds(2300));
+  for (int turn = 1; turn <= 3; ++turn) {
+    ASSERT_TRUE(eventually([&] {
+      return inline_.getCacheHitCount() + static_cast<int64_t>(inline_.starts().size()) == turn;
+    })) << turn;
+    clock.advance(1000);
+  }
   refresh.refreshShutdown();
-  EXPECT_GE(inline_.starts().size(), 2u);
-  EXPECT_GE(inline_.getCacheHitCount() + static_cast<int64_t>(inline_.starts().size()), 3);
+  EXPECT_EQ(inline_.starts().size(), 2u) << "collected at 0 and 2 s, the cache used at 1 s";
   EXPECT_FALSE(inline_.isOnQueue());
 }
-
-}  // namespace
 
 TEST_F(RefreshThreadTest, ANegativeDefaultIntervalSchedulesNothing) {
   add("Default", 0);
@@ -226,12 +270,13 @@ TEST_F(RefreshThreadTest, RacingSubmittersQueueOneJob) {
   // exactly one job may come of it, the other turn counts as skipped.
   constexpr int kRounds = 30;
   constexpr int kRacers = 6;
-  TimedSource& source = add("Raced", 3600, 50);
+  TimedSource& source = add("Raced", 3600);
   ThreadPool pool(1);
   RefreshThread refresh(0, list_, &pool, nullptr);
   for (int round = 0; round < kRounds; ++round) {
     std::atomic<int> ready{0};
     std::vector<std::thread> racers;
+    source.hold(true);  // the first job stays on the queue while the others race
     for (int i = 0; i < kRacers; ++i) {
       racers.emplace_back([&] {
         ++ready;
@@ -243,11 +288,12 @@ TEST_F(RefreshThreadTest, RacingSubmittersQueueOneJob) {
     for (std::thread& racer : racers) {
       racer.join();
     }
-    while (source.isOnQueue()) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    source.hold(false);
+    ASSERT_TRUE(eventually([&] { return !source.isOnQueue(); }));
   }
   pool.shutdown();
   EXPECT_EQ(source.starts().size(), static_cast<size_t>(kRounds));
   EXPECT_EQ(source.getSkippedIntervals(), kRounds * (kRacers - 1));
 }
+
+}  // namespace

@@ -260,10 +260,18 @@ FakeClock::FakeClock(int64_t startMillis) : now_(startMillis) { fwSetClock(this)
 
 FakeClock::~FakeClock() { fwSetClock(nullptr); }
 
+bool FakeClock::waitFor(std::condition_variable& wakeUp, std::unique_lock<std::mutex>& lock,
+                        int64_t milliseconds, const std::function<bool()>& done) {
+  const int64_t deadline = nowMillis() + milliseconds;
+  wakeUp.wait(lock, [&] { return done() || nowMillis() >= deadline; });
+  return done();
+}
+
 void FakeClock::advance(int64_t milliseconds) {
   if (milliseconds > 0) {
     now_ += milliseconds;
     monotonic_ += milliseconds;
+    fwClockMoved();
   }
 }
 

@@ -128,8 +128,9 @@ class FrameworkDouble : public FrameworkHost, public FwRowSink {
   std::vector<TableManager*> managers_;
 };
 
-// A clock that stands still until the test moves it; sleeping moves it. Installed
-// while it lives.
+// A clock that stands still until the test moves it; sleeping moves it, and every
+// move wakes the threads waiting on the framework clock (fwWaitFor), which wait for
+// nothing but its moves and their own wake-ups. Installed while it lives.
 class FakeClock : public FwClock {
  public:
   explicit FakeClock(int64_t startMillis = 1700000000000);
@@ -138,6 +139,8 @@ class FakeClock : public FwClock {
   int64_t nowMillis() override { return now_.load(); }
   int64_t monotonicMillis() override { return monotonic_.load(); }
   void sleepMillis(int64_t milliseconds) override { advance(milliseconds); }
+  bool waitFor(std::condition_variable& wakeUp, std::unique_lock<std::mutex>& lock,
+               int64_t milliseconds, const std::function<bool()>& done) override;
   void advance(int64_t milliseconds);
 
  private:

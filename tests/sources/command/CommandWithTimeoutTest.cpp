@@ -50,16 +50,6 @@ bool waitUntil(const std::function<bool()>& done, double seconds = 10) {
   return true;
 }
 
-std::string format(const char* pattern, ...) __attribute__((format(printf, 1, 2)));
-std::string format(const char* pattern, ...) {
-  char text[512];
-  va_list arguments;
-  va_start(arguments, pattern);
-  vsnprintf(text, sizeof text, pattern, arguments);
-  va_end(arguments);
-  return text;
-}
-
 // Names of the TrackedCommands deleted so far, by whichever thread deleted them.
 class Deletions {
  public:
@@ -179,15 +169,6 @@ TEST(CommandWithTimeout, TimeOutWithKillKillsTheShellButNotItsChildren) {
   EXPECT_EQ(kill(child, 0), 0) << "the shell's own child lives on";
   kill(child, SIGKILL);
 
-  EXPECT_TRUE(
-      capture.hasText(format("Setting up  %s, cwtObject=%p ", command.getCmd(), static_cast<void*>(&command))));
-  EXPECT_TRUE(capture.hasText(
-      format("setting killProcess flag to true for command %s.", command.getCmd())));
-  EXPECT_TRUE(capture.hasText(
-      format("Timeout waiting for command to complete -- %s with pid %d cwtObject=%p",
-             command.getCmd(), static_cast<int>(command.getPid()), static_cast<void*>(&command))));
-  EXPECT_TRUE(capture.containsText("terminating process pid [" + std::to_string(command.getPid()) +
-                                   "]"));
   EXPECT_TRUE(capture.containsText("process terminated after timeout for command <"));
 }
 
@@ -698,23 +679,6 @@ TEST(CommandWithTimeout, RemoteRunUsesTheConnector) {
       }
     }
   }
-}
-
-TEST(CommandWithTimeout, StartSettingsTrace) {
-  const int savedDelay = commandRetryDelay;
-  commandRetryDelay = 250;
-  for (int limit : {-1, 40}) {
-    StderrLimit stderrLimit(limit);
-    TraceCapture capture;
-    traceCommandSettings();
-    EXPECT_TRUE(capture.hasText("Command Retry Delay set to 250 milliseconds"));
-    EXPECT_EQ(capture.hasText("CDP_DP_TRUNCATE_STDERR_DATA set, agent will truncate stdErr data  "
-                              "for shell commands to 40 bytes."),
-              limit == 40);
-    EXPECT_EQ(capture.hasText("CDP_DP_TRUNCATE_STDERR_DATA not set, agent will return full stdErr"),
-              limit == -1);
-  }
-  commandRetryDelay = savedDelay;
 }
 
 }  // namespace

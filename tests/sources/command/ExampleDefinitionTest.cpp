@@ -4,16 +4,15 @@
 #include <gtest/gtest.h>
 #include <sys/utsname.h>
 
-#include <chrono>
 #include <map>
 #include <string>
-#include <thread>
 
 #include "ScriptTestSupport.h"
 #include "definition/AttributeGroupMeta.h"
 #include "definition/DefinitionCheck.h"
 #include "provider/UAClientClassList.h"
 #include "sources/command/ShellQueryClass.h"
+#include "support/FrameworkDouble.h"
 
 namespace {
 
@@ -112,6 +111,7 @@ TEST_F(ExampleDefinitionTest, LoggedInUsersRunsWithOrWithoutSessions) {
 }
 
 TEST_F(ExampleDefinitionTest, NetworkInterfacesHaveCountersAndRates) {
+  XRV::testing::FakeClock clock;
   auto first = collect("Network_Interfaces");
   ASSERT_FALSE(first.empty());
   bool loopback = false;
@@ -121,7 +121,7 @@ TEST_F(ExampleDefinitionTest, NetworkInterfacesHaveCountersAndRates) {
     EXPECT_TRUE(row["Link_Up"] == "0" || row["Link_Up"] == "1") << row["Link_Up"];
   }
   EXPECT_TRUE(loopback);
-  std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+  clock.advance(1100);
   auto second = collect("Network_Interfaces");
   for (auto& row : second) {
     EXPECT_GE(number(row["Receive_Rate"]), 0) << row["Interface"];

@@ -13,6 +13,7 @@
 
 #include "ScriptTestSupport.h"
 #include "foundation/String.h"
+#include "framework/Configuration.h"
 #include "provider/ResultInstance.h"
 #include "provider/ResultMetric.h"
 #include "sources/command/CommandWithTimeout.h"
@@ -60,15 +61,7 @@ std::vector<std::string> valuesOf(const ResultInstance* row) {
 
 class ShellQueryClassTest : public ::testing::Test {
  protected:
-  void TearDown() override {
-    for (const char* name :
-         {"CDP_DP_SCRIPT_TIMEOUT", "CDP_DP_KILL_ORPHAN_SCRIPTS", "CDP_G_KILL_ORPHAN_SCRIPTS",
-          "CDP_DP_SCRIPT_ALLOW_BLANK_VALUES",
-          "CDP_DP_SCRIPT_CREATE_EMPTY_ROW_WHEN_NO_STDOUT_DATA_RETURNED"}) {
-      unsetenv(name);
-    }
-    XRV::testing::resetScriptTestState();
-  }
+  void TearDown() override { XRV::testing::resetScriptTestState(); }
 
   // A provider of text attributes running `command`.
   static std::unique_ptr<ShellQueryClass> textProvider(const std::string& command, size_t columns,
@@ -183,7 +176,7 @@ TEST_F(ShellQueryClassTest, SkippedRowIsTracedWithWhatWasMissing) {
 }
 
 TEST_F(ShellQueryClassTest, BlankValuesSettingAllowsAnyNumberOfMissingValues) {
-  setenv("CDP_DP_SCRIPT_ALLOW_BLANK_VALUES", "1", 1);
+  setConfigurationProperty("CDP_DP_SCRIPT_ALLOW_BLANK_VALUES", "1");
   auto provider = textProvider("true", 4);
   std::unique_ptr<ResultInstance> row(provider->parseLine("a"));
   ASSERT_NE(row, nullptr);
@@ -249,9 +242,8 @@ TEST_F(ShellQueryClassTest, OutcomeOfTheCommandGivesRowsAndErrorCode) {
 }
 
 TEST_F(ShellQueryClassTest, ADisabledGroupRunsNothingAndSaysSo) {
-  setenv("CDP_G_DISABLE_COLLECTION", "Y", 1);
+  setConfigurationProperty("CDP_G_DISABLE_COLLECTION", "Y");
   auto provider = textProvider("echo a", 1);
-  unsetenv("CDP_G_DISABLE_COLLECTION");
   EXPECT_EQ(collectRows(*provider), Rows{});
   EXPECT_EQ(provider->getPerfObjectStatus(), PERF_OBJECT_INACTIVE);
   EXPECT_EQ(provider->getPerfErrorCode(), DISABLED);
@@ -264,8 +256,8 @@ TEST_F(ShellQueryClassTest, StandardErrorIsKeptBesideTheRows) {
 }
 
 TEST_F(ShellQueryClassTest, EmptyRowSettingMakesOneRowFromNoOutput) {
-  setenv("CDP_DP_SCRIPT_CREATE_EMPTY_ROW_WHEN_NO_STDOUT_DATA_RETURNED", "1", 1);
-  setenv("CDP_DP_SCRIPT_ALLOW_BLANK_VALUES", "1", 1);
+  setConfigurationProperty("CDP_DP_SCRIPT_CREATE_EMPTY_ROW_WHEN_NO_STDOUT_DATA_RETURNED", "1");
+  setConfigurationProperty("CDP_DP_SCRIPT_ALLOW_BLANK_VALUES", "1");
   auto provider = loadScriptProvider(scriptDefinition(
       R"(<attr name="K" type="1" size="8"/><attr name="V" type="0" size="4"/>)",
       R"(separator="," command="echo failed &gt;&amp;2; exit 2")",
@@ -277,7 +269,7 @@ TEST_F(ShellQueryClassTest, EmptyRowSettingMakesOneRowFromNoOutput) {
 }
 
 TEST_F(ShellQueryClassTest, EmptyRowSettingAloneEndsInsteadOfLoopingOnTheEmptyLine) {
-  setenv("CDP_DP_SCRIPT_CREATE_EMPTY_ROW_WHEN_NO_STDOUT_DATA_RETURNED", "1", 1);
+  setConfigurationProperty("CDP_DP_SCRIPT_CREATE_EMPTY_ROW_WHEN_NO_STDOUT_DATA_RETURNED", "1");
   auto provider = textProvider("true", 1);
   EXPECT_EQ(collectRows(*provider), Rows{});
   EXPECT_EQ(provider->getPerfErrorCode(), NO_INSTANCES_RETURNED);
@@ -334,11 +326,7 @@ TEST_F(ShellQueryClassTest, TimeoutSettingHasAMinimumOfTenSeconds) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.value == nullptr ? "unset" : c.value);
-    if (c.value == nullptr) {
-      unsetenv("CDP_DP_SCRIPT_TIMEOUT");
-    } else {
-      setenv("CDP_DP_SCRIPT_TIMEOUT", c.value, 1);
-    }
+    setConfigurationProperty("CDP_DP_SCRIPT_TIMEOUT", c.value);
     TraceCapture trace;
     ShellQueryClass provider("XRV", "G", "true", ",", nullptr, false, false, false);
     EXPECT_EQ(provider.getTimeout(), c.expected);
@@ -360,10 +348,8 @@ TEST_F(ShellQueryClassTest, KillOrphansSettingPerGroupComesBeforeTheAgentWide) {
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.group == nullptr ? "-" : c.group) + " / " +
                  (c.agent == nullptr ? "-" : c.agent));
-    c.group == nullptr ? unsetenv("CDP_G_KILL_ORPHAN_SCRIPTS")
-                       : setenv("CDP_G_KILL_ORPHAN_SCRIPTS", c.group, 1);
-    c.agent == nullptr ? unsetenv("CDP_DP_KILL_ORPHAN_SCRIPTS")
-                       : setenv("CDP_DP_KILL_ORPHAN_SCRIPTS", c.agent, 1);
+    setConfigurationProperty("CDP_G_KILL_ORPHAN_SCRIPTS", c.group);
+    setConfigurationProperty("CDP_DP_KILL_ORPHAN_SCRIPTS", c.agent);
     TraceCapture trace;
     ShellQueryClass provider("XRV", "g", "true", ",", nullptr, false, false, false);
     EXPECT_EQ(provider.getKillOrphans(), c.expected);
@@ -436,7 +422,7 @@ TEST_F(ShellQueryClassTest, TenOutstandingCommandsStopCollectionUntilOneEnds) {
 }
 
 TEST_F(ShellQueryClassTest, KilledOrphansAreReapedOnTheNextCollection) {
-  setenv("CDP_DP_KILL_ORPHAN_SCRIPTS", "Y", 1);
+  setConfigurationProperty("CDP_DP_KILL_ORPHAN_SCRIPTS", "Y");
   std::filesystem::path slow = scratch() / "slow";
   std::ofstream(slow).put('x');
   auto provider = textProvider("if [ -e " + slow.string() + " ]; then exec sleep 30; fi; echo ok", 1);
