@@ -50,7 +50,7 @@ RefreshThread::RefreshThread(int defaultInterval, UAClientClassList& providers, 
   XRV_TRACE_FN();
   // A test's clock wakes the thread when it moves; the system clock never calls this.
   clockWaker_ = fwAddClockWaker([this] {
-    std::lock_guard<std::mutex> lock(mutex_);
+    XRV::MutexLock lock(mutex_);
     wakeUp_.notify_all();
   });
   const time_t now = fwTime();
@@ -74,7 +74,7 @@ RefreshThread::RefreshThread(int defaultInterval, UAClientClassList& providers, 
   } else {
     collect();
   }
-  std::lock_guard<std::mutex> lock(mutex_);
+  XRV::MutexLock lock(mutex_);
   for (UAClientClass* provider : candidates) {
     const char* group = provider->getAttributeGroup();
     AttributeGroupMeta* meta = provider->getAttributeGroupMeta();
@@ -158,7 +158,7 @@ void* RefreshThread::startRefreshThread(void* refreshThread) {
 
 void RefreshThread::run() {
   XRV_TRACE_FN();
-  std::unique_lock<std::mutex> lock(mutex_);
+  XRV::MutexLock lock(mutex_);
   if (queue_.empty()) {
     XRV_TRACE_DETAIL("Scheduler queue is empty, refresh thread terminating");
     return;
@@ -168,7 +168,9 @@ void RefreshThread::run() {
     queue_.erase(queue_.begin());
     int64_t wait = static_cast<int64_t>(provider->getNextRefresh()) * 1000 - fwTimeMillis();
     if (wait >= 1) {
-      fwWaitFor(wakeUp_, lock, wait, [this] { return shutdown_; });
+      // The wait calls the predicate with mutex_ held.
+      fwWaitFor(wakeUp_, lock.native(), wait,
+                [this]() XRV_NO_THREAD_SAFETY_ANALYSIS { return shutdown_; });
       if (shutdown_) {
         break;
       }
@@ -188,7 +190,7 @@ void RefreshThread::addToSchedQueue(UAClientClass* provider) {
   XRV_TRACE_FN();
   int interval = intervalOf(provider);
   XRV_TRACE_DETAIL("Using queue interval of %d for %s", interval, provider->getAttributeGroup());
-  std::lock_guard<std::mutex> lock(mutex_);
+  XRV::MutexLock lock(mutex_);
   provider->setNextRefresh(provider->getNextRefresh() + interval);
   insertLocked(provider);
   wakeUp_.notify_all();
@@ -258,7 +260,7 @@ void RefreshThread::startJob(UAClientClass* provider) {
 void RefreshThread::refreshShutdown() {
   XRV_TRACE_FN();
   {
-    std::lock_guard<std::mutex> lock(mutex_);
+    XRV::MutexLock lock(mutex_);
     shutdown_ = true;
   }
   wakeUp_.notify_all();
@@ -268,7 +270,7 @@ void RefreshThread::refreshShutdown() {
 }
 
 std::vector<std::pair<UAClientClass*, time_t>> RefreshThread::getQueue() {
-  std::lock_guard<std::mutex> lock(mutex_);
+  XRV::MutexLock lock(mutex_);
   std::vector<std::pair<UAClientClass*, time_t>> entries;
   for (UAClientClass* provider : queue_) {
     entries.emplace_back(provider, provider->getNextRefresh());

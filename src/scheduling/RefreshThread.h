@@ -18,9 +18,10 @@
 #include <atomic>
 #include <condition_variable>
 #include <ctime>
-#include <mutex>
 #include <thread>
 #include <vector>
+
+#include "framework/Mutex.h"
 
 class SubnodeManager;
 class ThreadPool;
@@ -64,8 +65,7 @@ class RefreshThread {
 
  private:
   int intervalOf(const UAClientClass* provider) const;
-  // REQUIRES: mutex_ held.
-  void insertLocked(UAClientClass* provider);
+  void insertLocked(UAClientClass* provider) XRV_REQUIRES(mutex_);
   void startTurn(UAClientClass* provider);
   // Marks the provider as queued; false (and a skipped turn counted) when it is already.
   bool claim(UAClientClass* provider);
@@ -76,10 +76,10 @@ class RefreshThread {
   ThreadPool* pool_;
   SubnodeManager* subnodes_;
   std::atomic<unsigned> jobCounter_{0};
-  std::mutex mutex_;
+  XRV::Mutex mutex_;
   std::condition_variable wakeUp_;
-  std::vector<UAClientClass*> queue_;  // ascending by next refresh time; guarded by mutex_
-  bool shutdown_ = false;              // guarded by mutex_
+  std::vector<UAClientClass*> queue_ XRV_GUARDED_BY(mutex_);  // ascending by next refresh time
+  bool shutdown_ XRV_GUARDED_BY(mutex_) = false;
   int clockWaker_ = 0;                 // fwAddClockWaker's handle
   std::thread thread_;
 };

@@ -1,23 +1,26 @@
 #include "scheduling/ThreadPool.h"
 
 #include <algorithm>
+#include <condition_variable>
+#include <deque>
 #include <system_error>
 #include <thread>
 #include <utility>
 
 #include "foundation/Utilities.h"
+#include "framework/Mutex.h"
 #include "framework/Trace.h"
 
 // Shared by the pool object and its detached workers, so that it lives as long as the
 // last of them.
 struct ThreadPool::State {
-  std::mutex mutex;
+  XRV::Mutex mutex;
   std::condition_variable workAvailable;
   std::condition_variable workerEnded;
-  std::deque<IThreadPoolJob*> queue;
-  ThreadPoolStatistics statistics;
-  int running = 0;
-  bool stopping = false;
+  std::deque<IThreadPoolJob*> queue XRV_GUARDED_BY(mutex);
+  ThreadPoolStatistics statistics XRV_GUARDED_BY(mutex);
+  int running XRV_GUARDED_BY(mutex) = 0;
+  bool stopping XRV_GUARDED_BY(mutex) = false;
 };
 
 namespace {
@@ -48,7 +51,7 @@ ThreadPool::ThreadPool(int size) : state_(std::make_shared<State>()), size_(size
       XRV_TRACE_ERROR("Could not start pool thread #%d: %s", i, error.what());
       continue;
     }
-    std::lock_guard<std::mutex> lock(state_->mutex);
+    XRV::MutexLock lock(state_->mutex);
     ++statistics.threads;
     ++state_->running;
     XRV_TRACE_DETAIL("Successfully started pool thread #%d", i);
@@ -58,7 +61,7 @@ ThreadPool::ThreadPool(int size) : state_(std::make_shared<State>()), size_(size
 ThreadPool::~ThreadPool() {
   XRV_TRACE_FN();
   shutdown();
-  std::lock_guard<std::mutex> lock(state_->mutex);
+  XRV::MutexLock lock(state_->mutex);
   for (IThreadPoolJob* job : state_->queue) {
     delete job;
   }
@@ -67,10 +70,12 @@ ThreadPool::~ThreadPool() {
 
 void ThreadPool::shutdown() {
   XRV_TRACE_FN();
-  std::unique_lock<std::mutex> lock(state_->mutex);
+  XRV::MutexLock lock(state_->mutex);
   state_->stopping = true;
   state_->workAvailable.notify_all();
-  state_->workerEnded.wait(lock, [this] { return state_->running == 0; });
+  // The waits call their predicates with the mutex held.
+  state_->workerEnded.wait(lock.native(),
+                           [this]() XRV_NO_THREAD_SAFETY_ANALYSIS { return state_->running == 0; });
 }
 
 void ThreadPool::submitJob(IThreadPoolJob* job) { submitJobs(&job, 1); }
@@ -79,7 +84,7 @@ void ThreadPool::submitJobs(IThreadPoolJob* const* jobs, int count) {
   XRV_TRACE_FN();
   struct timespec stamp = now();
   {
-    std::lock_guard<std::mutex> lock(state_->mutex);
+    XRV::MutexLock lock(state_->mutex);
     for (int i = 0; i < count; ++i) {
       jobs[i]->setTimeOnQueue(stamp);
       state_->queue.push_back(jobs[i]);
@@ -93,7 +98,7 @@ void ThreadPool::submitJobs(IThreadPoolJob* const* jobs, int count) {
 }
 
 ThreadPoolStatistics ThreadPool::getTPStatistics() {
-  std::lock_guard<std::mutex> lock(state_->mutex);
+  XRV::MutexLock lock(state_->mutex);
   ThreadPoolStatistics copy = state_->statistics;
   copy.queueLength = static_cast<int>(state_->queue.size());
   return copy;
@@ -101,10 +106,12 @@ ThreadPoolStatistics ThreadPool::getTPStatistics() {
 
 void ThreadPool::workerThreadMain(std::shared_ptr<State> state) {
   XRV_TRACE_FN();
-  std::unique_lock<std::mutex> lock(state->mutex);
+  XRV::MutexLock lock(state->mutex);
   ThreadPoolStatistics& statistics = state->statistics;
   while (true) {
-    state->workAvailable.wait(lock, [&] { return state->stopping || !state->queue.empty(); });
+    state->workAvailable.wait(lock.native(), [&]() XRV_NO_THREAD_SAFETY_ANALYSIS {
+      return state->stopping || !state->queue.empty();
+    });
     if (state->stopping) {
       break;
     }

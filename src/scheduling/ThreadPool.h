@@ -8,11 +8,8 @@
 // Thread-safe. The workers are detached: they live as long as the process, or until
 // shutdown(), which lets them finish the job they run and end.
 
-#include <condition_variable>
 #include <ctime>
-#include <deque>
 #include <memory>
-#include <mutex>
 
 class IThreadPoolJob {
  public:
