@@ -25,6 +25,11 @@ elseif(NOT XRV_SANITIZE STREQUAL "")
   message(FATAL_ERROR "XRV_SANITIZE must be address, thread or empty, not '${XRV_SANITIZE}'")
 endif()
 
+if(NOT XRV_SANITIZE STREQUAL "")
+  # Lets tests loosen their memory bounds by the sanitizers' shadow memory.
+  add_compile_definitions(XRV_SANITIZED=1)
+endif()
+
 if(XRV_FUZZ)
   if(NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
     message(FATAL_ERROR "XRV_FUZZ needs clang (CXX=clang++)")

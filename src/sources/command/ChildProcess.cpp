@@ -17,7 +17,9 @@
 
 #include "framework/Trace.h"
 
-PthreadMutex fdLock;
+// Never destroyed: a command's worker may still be starting its process while the
+// agent exits after a stop.
+PthreadMutex& fdLock = *new PthreadMutex;
 
 namespace {
 

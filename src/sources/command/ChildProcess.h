@@ -30,7 +30,7 @@ struct pinfo {
 };
 
 // Serialises pipe creation and process start across every command of the process.
-extern PthreadMutex fdLock;
+extern PthreadMutex& fdLock;
 
 // The start of a command's process as its waiter and its worker agree on it: the
 // worker claims it (PENDING -> STARTED) under fdLock right before the process is

@@ -28,8 +28,17 @@ int CommandWithTimeout::runCommand() {
   // The deadline is measured against the system's wall clock.
   const auto deadline = std::chrono::system_clock::now() + std::chrono::seconds(timeout_);
 
+  // Known to stopAllCommands until the wait is over. Registered before the command
+  // mutex is taken: stopAllCommands takes command mutexes while it holds the registry,
+  // never the other way round. A stop before the wait leaves aborted_ set, which the
+  // wait looks at first.
+  const bool stopping = !registerRunning(this);
+  if (stopping) {
+    launch_ = LAUNCH_CANCELLED;  // the worker will not start the process
+  }
   if (!lockChecked(commandMutex_)) {
     XRV_TRACE_ERROR("Error, could not lock command Mutex");
+    unregisterRunning(this);
     return -1;
   }
   workerDone_ = false;
@@ -46,11 +55,9 @@ int CommandWithTimeout::runCommand() {
                       strerror(error));
     }
     abandonCommandMutex();
+    unregisterRunning(this);
     return -1;
   }
-  // Known to stopAllCommands while it waits (registered with the command mutex held,
-  // so that its wake-up cannot come before the wait).
-  const bool stopping = !registerRunning(this);
   aborted_ = aborted_ || stopping;
   int ret = 0;
   while (!processEnded_ && !aborted_ && ret != ETIMEDOUT) {
@@ -71,7 +78,7 @@ int CommandWithTimeout::runCommand() {
   }
   if (ret == ETIMEDOUT) {
     int launch = LAUNCH_PENDING;
-    if (launch_.compare_exchange_strong(launch, LAUNCH_CANCELLED)) {
+    if (launch_.compare_exchange_strong(launch, LAUNCH_CANCELLED) || launch == LAUNCH_CANCELLED) {
       XRV_TRACE_ERROR("Timeout before command %s was started, it will not be started cwtObject=%p",
                       command_, static_cast<void*>(this));
       return 1;
@@ -106,10 +113,9 @@ int CommandWithTimeout::runCommand() {
 
 namespace {
 
-// The commands waiting in runCommand, and whether the agent stops. A command takes
-// runningMutex with its command mutex held (registerRunning), and stopAllCommands
-// takes a registered command's mutex with runningMutex held: safe, because a
-// registered command holds its own only until it waits.
+// The commands waiting in runCommand, and whether the agent stops. Lock order:
+// runningMutex before a command's mutex (stopAllCommands); a command registers and
+// unregisters without holding its own.
 XRV::Mutex runningMutex;
 std::unordered_set<CommandWithTimeout*> runningCommands XRV_GUARDED_BY(runningMutex);
 bool agentStopping XRV_GUARDED_BY(runningMutex) = false;
