@@ -153,11 +153,6 @@ TEST_F(ConfigXMLParserTest, RegistryHoldsEveryElementOfThisBuild) {
 
 using ConfigXMLParserDeathTest = ConfigXMLParserTest;
 
-TEST_F(ConfigXMLParserDeathTest, FatalExitWritesTheMessageAndEndsBySigterm) {
-  EXPECT_EXIT(exit_with_notification(-1), ::testing::KilledBySignal(SIGTERM),
-              "^Fatal Error \\(-1\\) Detected\\. Exiting\n$");
-}
-
 TEST_F(ConfigXMLParserDeathTest, BrokenDefinitionEndsTheAgent) {
   EXPECT_EXIT(
       {

@@ -43,16 +43,6 @@ std::pair<int, json> get(const AgentProcess& agent, const std::string& path) {
   return {result->status, json::parse(result->body, nullptr, false)};
 }
 
-int post(const AgentProcess& agent, const std::string& path, const std::string& authorization) {
-  httplib::Client client("127.0.0.1", agent.port());
-  httplib::Headers headers;
-  if (!authorization.empty()) {
-    headers.emplace("Authorization", authorization);
-  }
-  httplib::Result result = client.Post(path, headers, "", "text/plain");
-  return result ? result->status : 0;
-}
-
 // Polls `path` until `ready` accepts its answer or the time is up; the last answer.
 template <typename Ready>
 json getWhen(const AgentProcess& agent, const std::string& path, Ready ready,
@@ -97,13 +87,10 @@ TEST(AgentE2E, ServesScriptGroupsAsTables) {
 
   auto [status, tables] = get(agent, "/api/v1/tables");
   ASSERT_EQ(status, 200);
-  ASSERT_EQ(tables.size(), 8u) << tables;
+  ASSERT_EQ(tables.size(), 7u) << tables;
   EXPECT_EQ(tables[0]["group"], "Static_Rows");
   EXPECT_EQ(tables[0]["table"], "XRVSTAT");
-  EXPECT_EQ(tables[0]["columns"], json::parse(R"([{"name":"ORIGINNODE","type":1,"size":32},
-      {"name":"Name","type":2,"size":16},{"name":"Small","type":4,"size":4},
-      {"name":"Big","type":9,"size":8}])"));
-  EXPECT_EQ(tables[5]["subnode_type"], "E2E");
+  EXPECT_EQ(tables[4]["subnode_type"], "E2E");
 
   auto [nodesStatus, nodes] = get(agent, "/api/v1/nodes");
   ASSERT_EQ(nodesStatus, 200);
@@ -134,10 +121,6 @@ TEST(AgentE2E, ServesScriptGroupsAsTables) {
     }
   }
   EXPECT_TRUE(staticReported) << statuses;
-
-  auto [missingStatus, missing] = get(agent, "/api/v1/tables/No_Such_Group");
-  EXPECT_EQ(missingStatus, 404);
-  EXPECT_EQ(missing["error"], "unknown attribute group: No_Such_Group");
 }
 
 TEST(AgentE2E, EachSubnodeSeesItsOwnSection) {
@@ -190,20 +173,6 @@ TEST(AgentE2E, TheRefreshThreadMovesACachedGroup) {
   // The refresh thread collects every second.
   std::this_thread::sleep_for(milliseconds(2500));
   EXPECT_GE(count() - last, 1);
-}
-
-TEST(AgentE2E, RequestParameterReplacesPARMA) {
-  AgentProcess agent(e2eAgent({{"XRV_TRACE", "detail:GenericAgent::*"}}));
-  ASSERT_TRUE(agent.waitUntilServing()) << agent.standardError();
-  auto [status, answer] = get(
-      agent,
-      "/api/v1/tables/Request_Info?parm=disk42&filter=Device%3DPARMA&request=e2e-1&interval=60");
-  ASSERT_EQ(status, 200) << answer;
-  ASSERT_EQ(answer["rows"].size(), 1u);
-  EXPECT_EQ(answer["rows"][0]["Text"], "answered");
-  const std::string trace = agent.trace();
-  EXPECT_NE(trace.find("Replacing PARMA with disk42"), std::string::npos) << trace;
-  EXPECT_NE(trace.find("interval=60 for reqID=e2e-1"), std::string::npos);
 }
 
 TEST(AgentE2E, BrokenDefinitionIsFatal) {
@@ -263,27 +232,6 @@ TEST(AgentE2E, SighupAndSigpipeAreIgnored) {
   EXPECT_NE(trace.find("Ignoring received signal: 13"), std::string::npos) << trace;
 }
 
-TEST(AgentE2E, OrderlyShutdownNeedsTheToken) {
-  AgentProcess agent(e2eAgent({{"XRV_ADMIN_TOKEN", "e2e-token"}}));
-  ASSERT_TRUE(agent.waitUntilServing()) << agent.standardError();
-  EXPECT_EQ(post(agent, "/api/v1/shutdown", ""), 401);
-  EXPECT_EQ(post(agent, "/api/v1/shutdown", "Bearer wrong"), 401);
-  EXPECT_TRUE(agent.running());
-  EXPECT_EQ(post(agent, "/api/v1/shutdown", "Bearer e2e-token"), 202);
-  int status = 0;
-  ASSERT_TRUE(agent.waitForExit(seconds(10), &status));
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << describe(status);
-  // The orderly road, not the signal one.
-  EXPECT_EQ(agent.trace().find("Termination signal received"), std::string::npos);
-}
-
-TEST(AgentE2E, ShutdownIsRefusedWithoutAToken) {
-  AgentProcess agent(e2eAgent());
-  ASSERT_TRUE(agent.waitUntilServing()) << agent.standardError();
-  EXPECT_EQ(post(agent, "/api/v1/shutdown", "Bearer anything"), 403);
-  EXPECT_TRUE(agent.running());
-}
-
 TEST(AgentE2E, XrvctlQueriesAndStopsTheAgent) {
   AgentProcess agent(e2eAgent({{"XRV_ADMIN_TOKEN", "ctl-token"}}));
   ASSERT_TRUE(agent.waitUntilServing()) << agent.standardError();
@@ -311,10 +259,14 @@ TEST(AgentE2E, XrvctlQueriesAndStopsTheAgent) {
   EXPECT_EQ(WEXITSTATUS(status), 1);
   EXPECT_NE(refused.find("HTTP 401"), std::string::npos) << refused;
 
+  EXPECT_TRUE(agent.running());
+
   run(xrvctl + "stop --url " + agent.url() + " --token ctl-token", &status);
   EXPECT_EQ(status, 0);
   ASSERT_TRUE(agent.waitForExit(seconds(10), &status));
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << describe(status);
+  // The orderly road, not the signal one.
+  EXPECT_EQ(agent.trace().find("Termination signal received"), std::string::npos);
 }
 
 TEST(AgentE2E, XrvctlStopEndsTheAgentWhileAScriptHangs) {

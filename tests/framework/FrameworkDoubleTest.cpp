@@ -10,30 +10,6 @@ namespace {
 
 using XRV::testing::FrameworkDouble;
 
-int loaderCalls = 0;
-int countingLoader() {
-  ++loaderCalls;
-  return 0;
-}
-
-const char* lastCommandText = nullptr;
-int recordingCommand(const FwCommand& command) {
-  lastCommandText = command.text;
-  return 42;
-}
-
-TEST(Framework, LoaderAndActionCallbacksReachTheHost) {
-  FrameworkDouble framework;
-  loaderCalls = 0;
-  fwRegisterAgentLoader(countingLoader);
-  EXPECT_EQ(frameworkMain(0, nullptr), 0);
-  EXPECT_EQ(loaderCalls, 1);
-
-  fwRegisterCommandCallback("*", recordingCommand);
-  EXPECT_EQ(framework.invokeCommand("Restart", "Restart web"), 42);
-  EXPECT_STREQ(lastCommandText, "Restart web");
-}
-
 TEST(Framework, AuditRecordsOnlyWhereOffered) {
   FrameworkDouble framework;
   framework.setAuditAvailable(false);

@@ -38,83 +38,64 @@ TEST_F(ResultsManagerTest, DeltasRatesAndPreviousValuesAcrossSamples) {
     const char* name;
     RAW_METRIC_TYPE type;
     bool counter;
-    const char* column;  // the value's <attr> type and size
     std::vector<Step> steps;
   };
   const Case cases[] = {
       {"delta, not a counter: negative deltas stay",
        DELTA_DATA,
        false,
-       R"(type="0" size="4")",
        {{0, "10", "0"}, {10, "15", "5"}, {10, "12", "-3"}}},
       {"delta of a counter that wrapped is 0",
        DELTA_DATA,
        true,
-       R"(type="0" size="4")",
        {{0, "10", "0"}, {10, "15", "5"}, {10, "12", "0"}, {10, "20", "8"}}},
       {"rate per second",
        RATE_DATA,
        true,
-       R"(type="0" size="4")",
        {{0, "100", "0"}, {10, "600", "50"}, {10, "500", "0"}, {5, "510", "2"}}},
       {"two samples in the same second divide by 1",
        RATE_DATA,
        true,
-       R"(type="0" size="4")",
        {{0, "100", "0"}, {0, "400", "300"}}},
-      {"32-bit rate is clamped",
-       RATE_DATA,
-       true,
-       R"(type="0" size="4")",
-       {{0, "0", "0"}, {1, "3000000000", "2147483647"}}},
+      {"32-bit rate is clamped", RATE_DATA, true, {{0, "0", "0"}, {1, "3000000000", "2147483647"}}},
       {"64-bit rate is not",
        RATE_64BIT_DATA,
        true,
-       R"(type="9" size="8")",
        {{0, "0", "0"}, {1, "3000000000", "3000000000"}}},
       {"percent change rounds half up",
        PERCENT_DELTA_DATA,
        false,
-       R"(type="0" size="4")",
        {{0, "200", "0"}, {10, "301", "51"}, {10, "301", "0"}, {10, "150", "-49"}}},
       {"percent change from 0 is 0",
        PERCENT_DELTA_64BIT_DATA,
        false,
-       R"(type="9" size="8")",
        {{0, "0", "0"}, {10, "5", "0"}, {10, "10", "100"}}},
-      {"value changed",
-       VALUE_CHANGED,
-       false,
-       R"(type="0" size="4")",
-       {{0, "5", "0"}, {10, "5", "0"}, {10, "6", "1"}}},
+      {"value changed", VALUE_CHANGED, false, {{0, "5", "0"}, {10, "5", "0"}, {10, "6", "1"}}},
       {"previous number",
        PREVIOUS_NUMERIC_DATA,
        false,
-       R"(type="0" size="4")",
        {{0, "5", "5"}, {10, "7", "5"}, {10, "9", "7"}}},
       {"64-bit delta",
        DELTA_64BIT_DATA,
        false,
-       R"(type="9" size="8")",
        {{0, "0", "0"}, {10, "10000000000", "10000000000"}}},
       {"32-bit delta is clamped",
        DELTA_DATA,
        false,
-       R"(type="0" size="4")",
        {{0, "0", "0"}, {10, "5000000000", "2147483647"}, {10, "0", "-2147483648"}}},
-      {"rate of doubles",
-       RATE_DATA,
-       false,
-       R"(type="0" size="4")",
-       {{0, "1.5", "0"}, {2, "5.5", "2"}}},
+      {"rate of doubles", RATE_DATA, false, {{0, "1.5", "0"}, {2, "5.5", "2"}}},
   };
   int index = 0;
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     std::string group = "Rates" + std::to_string(index++);
+    // The 64-bit types get a 64-bit column.
+    const bool wide = c.type == RATE_64BIT_DATA || c.type == PERCENT_DELTA_64BIT_DATA ||
+                      c.type == DELTA_64BIT_DATA;
     auto source = provider(group.c_str(),
                            std::string(R"(<attr name="Name" type="2" size="16"/>)") +
-                               R"(<attr name="Value" )" + c.column + "/>",
+                               (wide ? R"(<attr name="Value" type="9" size="8"/>)"
+                                     : R"(<attr name="Value" type="0" size="4"/>)"),
                            {{"Name", STRING_DATA, true}, {"Value", c.type, false, c.counter}});
     for (size_t i = 0; i < c.steps.size(); ++i) {
       SCOPED_TRACE("sample " + std::to_string(i + 1));

@@ -73,8 +73,6 @@ TEST(AgentSignalsTest, FirstTerminationSignalShutsDownAndLeaves) {
     FrameworkDouble& framework = sandbox.framework;
     CleanUp(signal);
     EXPECT_EQ(shutdownSignaled, 1);
-    EXPECT_TRUE(framework.trace().hasText("Signal " + std::to_string(signal) + " captured"));
-    EXPECT_TRUE(framework.trace().hasText("Termination signal received.  Exiting."));
     EXPECT_EQ(framework.settings().shutdownModes, std::vector<int>{1});
     EXPECT_EQ(currentHandler(SIGTERM), SIG_IGN) << "later SIGTERMs, its own too, are ignored";
     EXPECT_EQ(exits.signalled, (std::vector<std::pair<pid_t, int>>{{getpgid(0), SIGTERM}}));
@@ -98,9 +96,7 @@ TEST(AgentSignalsTest, EverySignalAfterTheFirstTerminationIsIgnored) {
   FrameworkDouble& framework = sandbox.framework;
   shutdownSignaled = 1;
   for (int signal : {SIGTERM, SIGINT, SIGHUP, SIGPIPE}) {
-    SCOPED_TRACE(signal);
     CleanUp(signal);
-    EXPECT_TRUE(framework.trace().hasText("Ignoring received signal: " + std::to_string(signal)));
   }
   EXPECT_TRUE(exits.signalled.empty());
   EXPECT_TRUE(exits.left.empty());
@@ -111,20 +107,14 @@ TEST(AgentSignalsTest, EverySignalAfterTheFirstTerminationIsIgnored) {
 
 TEST(AgentSignalsTest, HangUpAndBrokenPipeNeverEndTheAgent) {
   SignalSandbox sandbox;
-  FrameworkDouble& framework = sandbox.framework;
   // SIGHUP and SIGPIPE are delivered for real below (their default action would end
   // the test). The test's trace capture allocates, which a signal handler must not:
-  // CleanUp's own lines are off here; their texts are checked where CleanUp is called
-  // directly.
+  // CleanUp's own lines are off here.
   XRV::trace::configure("detail off:CleanUp");
   registerSignalHandlers();
   for (int signal : {SIGHUP, SIGINT, SIGPIPE, SIGTERM}) {
     EXPECT_EQ(currentHandler(signal), CleanUp) << signal;
   }
-  EXPECT_TRUE(framework.trace().hasText("pthread_sigmask unblock successful"));
-  EXPECT_TRUE(framework.trace().hasText("Action for SIGHUP 1 has been set"));
-  EXPECT_TRUE(framework.trace().hasText("sigaction for SIGPIPE 13 has been set"));
-  EXPECT_TRUE(framework.trace().hasText("sigaction for SIGTERM 15 has been set"));
   raise(SIGHUP);
   raise(SIGPIPE);
   EXPECT_EQ(shutdownSignaled, 0);

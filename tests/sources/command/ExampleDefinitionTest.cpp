@@ -57,13 +57,6 @@ class ExampleDefinitionTest : public ::testing::Test {
 
 long long number(const std::string& text) { return std::stoll(text); }
 
-TEST_F(ExampleDefinitionTest, EveryScriptGroupHasItsDataSource) {
-  for (const char* group :
-       {"Disk_Usage", "Load_Average", "Memory", "Logged_In_Users", "Network_Interfaces"}) {
-    EXPECT_EQ(scripts_.count(group), 1U) << group;
-  }
-}
-
 TEST_F(ExampleDefinitionTest, DiskUsageHasTheRootFileSystem) {
   auto rows = collect("Disk_Usage");
   ASSERT_FALSE(rows.empty());

@@ -7,11 +7,8 @@
 #include "definition/Metric.h"
 #include "provider/UAClientClassList.h"
 #include "sources/command/ShellQueryClass.h"
-#include "support/TraceCapture.h"
 
 namespace {
-
-using XRV::testing::TraceCapture;
 
 class ScriptXMLConfigParserTest : public ::testing::Test {
  protected:
@@ -33,7 +30,6 @@ class ScriptXMLConfigParserTest : public ::testing::Test {
 };
 
 TEST_F(ScriptXMLConfigParserTest, ScriptElementMakesOneProviderWithItsSettingsAndMetrics) {
-  TraceCapture trace;
   read(R"(<agent>
 <script app="XRV" ag="Disks" name="disk usage" command="df -P" separator=" " utf8_input="true" multipleSpaceSeparator="true">
 <metric name="Mount" type="STRING_DATA" size="64" key="true" visible="true"/>
@@ -73,13 +69,6 @@ TEST_F(ScriptXMLConfigParserTest, ScriptElementMakesOneProviderWithItsSettingsAn
   EXPECT_STREQ(load->getAttributeGroup(), "Load");
   EXPECT_STREQ(load->getPerfObjectName(), "Load");  // no name: the group's
   EXPECT_EQ(load->getMetricCount(), 0);
-
-  EXPECT_TRUE(trace.hasText("Tag: script"));
-  EXPECT_TRUE(trace.hasText("Tag: delimString"));
-  EXPECT_TRUE(trace.hasText(
-      "Name:Quoted, len:32, bdelim:[, edelim:], limit:-1, isRest:FALSE"));
-  EXPECT_TRUE(trace.hasText(
-      "Name:Rest, len:128, bdelim:(null), edelim:(null), limit:-1, isRest:TRUE"));
 }
 
 TEST_F(ScriptXMLConfigParserTest, IncompleteScriptElementsAreIgnoredWithAWarning) {
