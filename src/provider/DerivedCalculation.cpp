@@ -54,109 +54,9 @@ ResultMetric* fallbackValue(const Metric* metric, int number) {
 
 bool isComparison(char op) { return strchr("<>=!&|", op) != nullptr && op != '\0'; }
 
-}  // namespace
-
-PthreadMutex& derivedCalculationLock() {
-  static PthreadMutex lock;
-  return lock;
-}
-
-void registerDerivedEvaluator(DerivedEvaluator evaluator) {
-  installedEvaluator.store(evaluator, std::memory_order_release);
-}
-
-void ResultsManager::initGlobalDerivedLock() { derivedCalculationLock(); }
-
-bool ResultsManager::hasIntervalBasedDerived() const {
-  for (const Metric* metric : derivedMetrics_) {
-    if (metric->isIntervalBased()) {
-      return true;
-    }
-  }
-  return false;
-}
-
-void ResultsManager::calculateDerived(const char* requestId, StorageBehavior behavior) {
-  XRV_TRACE_FN();
-  if (derivedMetrics_.empty()) {
-    return;
-  }
-  {
-    PthreadMutexLock lock(store_.newLock);
-    if (!store_.newEmpty()) {
-      XRV_TRACE_DETAIL("Using the new list");
-      for (ResultInstance* row = store_.firstNew(); row != nullptr; row = ResultList::next(row)) {
-        internalCalculateDerived(requestId, row, behavior);
-      }
-      return;
-    }
-  }
-  PthreadMutexLock lock(store_.activeLock);
-  calculateDerivedOnActive(requestId, behavior);
-}
-
-void ResultsManager::calculateDerivedOnActive(const char* requestId, StorageBehavior behavior) {
-  XRV_TRACE_FN();
-  XRV_TRACE_DETAIL("Using the active list");
-  for (ResultInstance* row = store_.firstActive(); row != nullptr; row = ResultList::next(row)) {
-    internalCalculateDerived(requestId, row, behavior);
-  }
-}
-
-void ResultsManager::internalCalculateDerived(const char* requestId, ResultInstance* row,
-                                              StorageBehavior behavior) {
-  XRV_TRACE_FN();
-  if (derivedMetrics_.empty() || row == nullptr) {
-    return;
-  }
-  PthreadMutexLock lock(derivedCalculationLock());
-  row->clearDerivedMetrics();
-  DerivedEvaluator evaluator = installedEvaluator.load(std::memory_order_acquire);
-  std::vector<const ResultMetric*>& inputs = derivedInputs();
-  inputs.clear();
-  for (const ResultMetric* value = row->getFirstMetric(); value != nullptr;
-       value = static_cast<const ResultMetric*>(value->getNextElement())) {
-    inputs.push_back(value);
-  }
-  for (const Metric* metric : derivedMetrics_) {
-    XRV_TRACE_DETAIL("Calculating derived attribute %s",
-                     metric->getMetricName() == nullptr ? "" : metric->getMetricName());
-    ResultMetric* value = nullptr;
-    if (metric->getArg1() != nullptr) {
-      value = calculateSimpleDerived(metric, row);
-      if (value == nullptr) {
-        value = fallbackValue(metric, 0);
-      }
-    } else {
-      const char* formula = metric->getExpressionFormula();
-      XRV_TRACE_DETAIL("Calculating expression formula: %s", formula == nullptr ? "" : formula);
-      if (evaluator != nullptr && metric->getExpression() != nullptr) {
-        value = evaluator(this, metric, row,
-                          DerivedInputs{inputs.data(), static_cast<int>(inputs.size())}, requestId,
-                          behavior);
-      } else {
-        XRV_TRACE_DETAIL("Expressions are not available in this build, %s reports -1",
-                         metric->getMetricName() == nullptr ? "" : metric->getMetricName());
-      }
-      if (value == nullptr) {
-        value = fallbackValue(metric, -1);
-      }
-    }
-    row->addDerivedMetric(value);
-    inputs.push_back(value);
-  }
-}
-
-void ResultsManager::purgeDerivedState() {
-  XRV_TRACE_FN();
-  PthreadMutexLock lock(derivedCalculationLock());
-  if (derivedState_ != nullptr) {
-    derivedState_->purge();
-  }
-}
-
-ResultMetric* ResultsManager::calculateSimpleDerived(const Metric* metric,
-                                                     const ResultInstance* row) {
+// The value of a two-operand derived attribute (arg1 op arg2) in `row`; null when it
+// cannot be computed.
+ResultMetric* calculateSimpleDerived(const Metric* metric, const ResultInstance* row) {
   XRV_TRACE_FN();
   const ResultMetric* left = findOperand(row, metric->getArg1());
   if (left == nullptr) {
@@ -253,4 +153,105 @@ ResultMetric* ResultsManager::calculateSimpleDerived(const Metric* metric,
   }
   XRV_TRACE_DETAIL("Int64 derived result %lld %c %lld = %lld", a, op, b, result);
   return new ResultMetric(metric, result);
+}
+
+}  // namespace
+
+PthreadMutex& derivedCalculationLock() {
+  static PthreadMutex lock;
+  return lock;
+}
+
+void registerDerivedEvaluator(DerivedEvaluator evaluator) {
+  installedEvaluator.store(evaluator, std::memory_order_release);
+}
+
+void ResultsManager::initGlobalDerivedLock() { derivedCalculationLock(); }
+
+bool DerivedAttributes::hasIntervalBased() const {
+  for (const Metric* metric : metrics_) {
+    if (metric->isIntervalBased()) {
+      return true;
+    }
+  }
+  return false;
+}
+
+void ResultsManager::calculateDerived(const char* requestId, StorageBehavior behavior) {
+  XRV_TRACE_FN();
+  if (derived_.empty()) {
+    return;
+  }
+  {
+    PthreadMutexLock lock(store_.newLock);
+    if (!store_.newEmpty()) {
+      XRV_TRACE_DETAIL("Using the new list");
+      for (ResultInstance* row = store_.firstNew(); row != nullptr; row = ResultList::next(row)) {
+        internalCalculateDerived(requestId, row, behavior);
+      }
+      return;
+    }
+  }
+  PthreadMutexLock lock(store_.activeLock);
+  calculateDerivedOnActive(requestId, behavior);
+}
+
+void ResultsManager::calculateDerivedOnActive(const char* requestId, StorageBehavior behavior) {
+  XRV_TRACE_FN();
+  XRV_TRACE_DETAIL("Using the active list");
+  for (ResultInstance* row = store_.firstActive(); row != nullptr; row = ResultList::next(row)) {
+    internalCalculateDerived(requestId, row, behavior);
+  }
+}
+
+void ResultsManager::internalCalculateDerived(const char* requestId, ResultInstance* row,
+                                              StorageBehavior behavior) {
+  XRV_TRACE_FN();
+  if (derived_.empty() || row == nullptr) {
+    return;
+  }
+  PthreadMutexLock lock(derivedCalculationLock());
+  row->clearDerivedMetrics();
+  DerivedEvaluator evaluator = installedEvaluator.load(std::memory_order_acquire);
+  std::vector<const ResultMetric*>& inputs = derivedInputs();
+  inputs.clear();
+  for (const ResultMetric* value = row->getFirstMetric(); value != nullptr;
+       value = static_cast<const ResultMetric*>(value->getNextElement())) {
+    inputs.push_back(value);
+  }
+  for (const Metric* metric : derived_.metrics()) {
+    XRV_TRACE_DETAIL("Calculating derived attribute %s",
+                     metric->getMetricName() == nullptr ? "" : metric->getMetricName());
+    ResultMetric* value = nullptr;
+    if (metric->getArg1() != nullptr) {
+      value = calculateSimpleDerived(metric, row);
+      if (value == nullptr) {
+        value = fallbackValue(metric, 0);
+      }
+    } else {
+      const char* formula = metric->getExpressionFormula();
+      XRV_TRACE_DETAIL("Calculating expression formula: %s", formula == nullptr ? "" : formula);
+      if (evaluator != nullptr && metric->getExpression() != nullptr) {
+        value = evaluator(this, metric, row,
+                          DerivedInputs{inputs.data(), static_cast<int>(inputs.size())}, requestId,
+                          behavior);
+      } else {
+        XRV_TRACE_DETAIL("Expressions are not available in this build, %s reports -1",
+                         metric->getMetricName() == nullptr ? "" : metric->getMetricName());
+      }
+      if (value == nullptr) {
+        value = fallbackValue(metric, -1);
+      }
+    }
+    row->addDerivedMetric(value);
+    inputs.push_back(value);
+  }
+}
+
+void DerivedAttributes::purgeState() {
+  XRV_TRACE_FN();
+  PthreadMutexLock lock(derivedCalculationLock());
+  if (state_ != nullptr) {
+    state_->purge();
+  }
 }

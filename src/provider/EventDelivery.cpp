@@ -28,12 +28,12 @@ bool ResultsManager::sendEventData(ResultInstance* row, StorageBehavior behavior
   bool send = false;
   {
     PthreadMutexLock lock(pureCache_.lock);
-    send = updatePureCache(row, &stored) && packEvent(row, &packed);
+    send = updatePureCache(row, &stored) && packer_.packEvent(*this, row, &packed);
   }
   // Handed to the framework outside the cache lock: the row itself may be gone by
   // now (trimmed or replaced), its packed copy is not.
   if (send) {
-    deliverEvent(packed);
+    RowPacker::deliverEvent(*this, packed);
   }
   return stored;
 }
@@ -108,13 +108,13 @@ void ResultsManager::sendSummaryEvents() {
       row->clearDerivedMetrics();
       XRV_TRACE_DETAIL("Sending summary event for %s:%s", getAttributeGroup(), nameOf(row));
       std::vector<char> buffer;
-      if (packEvent(row, &buffer)) {
+      if (packer_.packEvent(*this, row, &buffer)) {
         packed.push_back(std::move(buffer));
       }
     }
   }
   for (const std::vector<char>& buffer : packed) {
-    deliverEvent(buffer);
+    RowPacker::deliverEvent(*this, buffer);
   }
 }
 

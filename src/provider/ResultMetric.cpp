@@ -61,8 +61,7 @@ Integer truncateDouble(double value, Integer minimum, Integer maximum) {
 // Private constructors: identity only, the value is zero until the public
 // constructor (or the caller) stores one.
 
-ResultMetric::ResultMetric(const Metric* metric, RESULT_VALUE_KIND kind)
-    : source_(reinterpret_cast<uintptr_t>(metric) | kind) {
+ResultMetric::ResultMetric(const Metric* metric, RESULT_VALUE_KIND kind) : source_(metric, kind) {
   value_.u64 = 0;
   if (metric == nullptr) [[unlikely]] {
     XRV_TRACE_SITE();
@@ -72,57 +71,13 @@ ResultMetric::ResultMetric(const Metric* metric, RESULT_VALUE_KIND kind)
 
 ResultMetric::ResultMetric(const char* name, const char* displayName, RAW_METRIC_TYPE type,
                            RESULT_VALUE_KIND kind, bool key, bool counter)
-    : source_(kOwnsNames | kind) {
+    : source_(name, displayName, type, kind, key, counter) {
   value_.u64 = 0;
-  makeOwnNames(name, displayName, type, key, counter);
 }
 
-void ResultMetric::makeOwnNames(const char* name, const char* displayName, RAW_METRIC_TYPE type,
-                                bool key, bool counter) {
-  size_t nameLength = name == nullptr ? 0 : strlen(name) + 1;
-  size_t displayLength = displayName == nullptr ? 0 : strlen(displayName) + 1;
-  size_t size = kNamesStart + nameLength + displayLength;
-  size = (size + kSourceAlignment - 1) / kSourceAlignment * kSourceAlignment;
-  char* block = static_cast<char*>(aligned_alloc(kSourceAlignment, size));
-  if (block == nullptr) [[unlikely]] {
-    XRV_TRACE_SITE();
-    XRV_TRACE_ERROR("Unable to copy the names of metric %s", name == nullptr ? "" : name);
-    return;
-  }
-  block[kHasName] = name != nullptr ? 1 : 0;
-  block[kHasDisplayName] = displayName != nullptr ? 1 : 0;
-  block[kOwnType] = static_cast<char>(type);
-  block[kOwnFlags] = static_cast<char>((key ? kOwnKey : 0) | (counter ? kOwnCounter : 0));
-  if (name != nullptr) {
-    memcpy(block + kNamesStart, name, nameLength);
-  }
-  if (displayName != nullptr) {
-    memcpy(block + kNamesStart + nameLength, displayName, displayLength);
-  }
-  source_ = reinterpret_cast<uintptr_t>(block) | (source_ & kTagMask) | kOwnsNames;
-}
+const char* ResultMetric::getMetricName() const { return source_.name(); }
 
-const char* ResultMetric::getMetricName() const {
-  if (!ownsNames()) {
-    const Metric* metric = getMetric();
-    return metric == nullptr ? nullptr : metric->getMetricName();
-  }
-  const char* names = ownNames();
-  return names != nullptr && names[kHasName] != 0 ? names + kNamesStart : nullptr;
-}
-
-const char* ResultMetric::getSurfMetricName() const {
-  if (!ownsNames()) {
-    const Metric* metric = getMetric();
-    return metric == nullptr ? nullptr : metric->getSurfMetricName();
-  }
-  const char* names = ownNames();
-  if (names == nullptr || names[kHasDisplayName] == 0) {
-    return nullptr;
-  }
-  const char* after = names + kNamesStart;
-  return names[kHasName] != 0 ? after + strlen(after) + 1 : after;
-}
+const char* ResultMetric::getSurfMetricName() const { return source_.displayName(); }
 
 ResultMetric::ResultMetric(const Metric* metric, int value) : ResultMetric(metric, RESULT_INT32) {
   value_.i32 = value;
@@ -167,30 +122,25 @@ ResultMetric::ResultMetric(const char* name, const char* displayName, RAW_METRIC
   value_.utf8 = value == nullptr ? newUTF8(kNoValue) : value;
 }
 
-ResultMetric::~ResultMetric() {
-  releaseValue();
-  if (ownsNames()) {
-    free(const_cast<char*>(ownNames()));
-  }
-}
+ResultMetric::~ResultMetric() { releaseValue(); }
 
 void ResultMetric::releaseValue() {
-  if (kind() == RESULT_STRING) {
+  if (source_.kind() == RESULT_STRING) {
     if (value_.text != kEmptyText) {
       free(value_.text);
     }
-  } else if (kind() == RESULT_UTF8) {
+  } else if (source_.kind() == RESULT_UTF8) {
     delete value_.utf8;
   }
-  setKind(RESULT_INT32);
+  source_.setKind(RESULT_INT32);
   value_.u64 = 0;
 }
 
 const char* ResultMetric::getTextBytes() const {
-  if (kind() == RESULT_STRING) {
+  if (source_.kind() == RESULT_STRING) {
     return value_.text;
   }
-  if (kind() == RESULT_UTF8) {
+  if (source_.kind() == RESULT_UTF8) {
     return value_.utf8 == nullptr ? kEmptyText : value_.utf8->getBytes();
   }
   return nullptr;
@@ -198,7 +148,7 @@ const char* ResultMetric::getTextBytes() const {
 
 template <typename Number, typename FromDouble>
 Number ResultMetric::numberAs(FromDouble fromDouble) const {
-  switch (kind()) {
+  switch (source_.kind()) {
     case RESULT_INT32:
       return static_cast<Number>(value_.i32);
     case RESULT_INT64:
@@ -227,25 +177,25 @@ double ResultMetric::getDoubleValue() const {
 
 void ResultMetric::setMetricValue(int value) {
   releaseValue();
-  setKind(RESULT_INT32);
+  source_.setKind(RESULT_INT32);
   value_.i32 = value;
 }
 
 void ResultMetric::setMetricValue(long long value) {
   releaseValue();
-  setKind(RESULT_INT64);
+  source_.setKind(RESULT_INT64);
   value_.i64 = value;
 }
 
 void ResultMetric::setMetricValue(unsigned long long value) {
   releaseValue();
-  setKind(RESULT_UINT64);
+  source_.setKind(RESULT_UINT64);
   value_.u64 = value;
 }
 
 void ResultMetric::setMetricValue(double value) {
   releaseValue();
-  setKind(RESULT_DOUBLE);
+  source_.setKind(RESULT_DOUBLE);
   value_.d = value;
 }
 
@@ -253,7 +203,7 @@ void ResultMetric::setMetricValue(const char* value) {
   XRV_TRACE_FN();
   const char* text = value == nullptr ? kNoValue : value;
   size_t length = strlen(text);
-  if (kind() == RESULT_STRING && value_.text != kEmptyText) {
+  if (source_.kind() == RESULT_STRING && value_.text != kEmptyText) {
     // Reuse the buffer: a shorter text fits (it may even lie inside the old one), a
     // longer one cannot lie inside it, so the buffer may move.
     size_t oldLength = strlen(value_.text);
@@ -271,18 +221,18 @@ void ResultMetric::setMetricValue(const char* value) {
   // Copy before releasing: `value` may be the bytes of the current UTF-8 value.
   char* copy = copyText(text, length);
   releaseValue();
-  setKind(RESULT_STRING);
+  source_.setKind(RESULT_STRING);
   value_.text = copy;
 }
 
 void ResultMetric::setMetricValue(UTF8String* value) {
   XRV_TRACE_FN();
-  if (kind() == RESULT_UTF8 && value == value_.utf8 && value != nullptr) {
+  if (source_.kind() == RESULT_UTF8 && value == value_.utf8 && value != nullptr) {
     return;
   }
   UTF8String* owned = value == nullptr ? newUTF8(kNoValue) : value;
   releaseValue();
-  setKind(RESULT_UTF8);
+  source_.setKind(RESULT_UTF8);
   value_.utf8 = owned;
 }
 
@@ -292,13 +242,13 @@ void ResultMetric::setValueFrom(const ResultMetric& other) {
     return;
   }
   setMappedData(other.isMappedData());
-  switch (other.kind()) {
+  switch (other.source_.kind()) {
     case RESULT_STRING:
       setMetricValue(static_cast<const char*>(other.value_.text));
       return;
     case RESULT_UTF8: {
       const UTF8String* source = other.value_.utf8;
-      if (kind() == RESULT_UTF8 && value_.utf8 != nullptr && source != nullptr) {
+      if (source_.kind() == RESULT_UTF8 && value_.utf8 != nullptr && source != nullptr) {
         *value_.utf8 = *source;  // reuses the buffer when it is large enough
         return;
       }
@@ -308,13 +258,13 @@ void ResultMetric::setValueFrom(const ResultMetric& other) {
                         getMetricName() == nullptr ? "" : getMetricName());
       }
       releaseValue();
-      setKind(RESULT_UTF8);
+      source_.setKind(RESULT_UTF8);
       value_.utf8 = copy;
       return;
     }
     default:
       releaseValue();
-      setKind(other.kind());
+      source_.setKind(other.source_.kind());
       value_ = other.value_;
       return;
   }
@@ -333,7 +283,7 @@ ResultMetric* ResultMetric::finishCopy(ResultMetric* copy) const {
 
 ResultMetric* ResultMetric::getDeepCopy() const {
   XRV_TRACE_FN();
-  if (ownsNames()) {
+  if (source_.ownsNames()) {
     return getDeepCopy(getMetricName(), getSurfMetricName());
   }
   auto* copy = new (std::nothrow) ResultMetric(getMetric(), RESULT_INT32);
@@ -353,7 +303,7 @@ void ResultMetric::toUTF8String(XRV::String* out) const {
     return;
   }
   out->clear();
-  switch (kind()) {
+  switch (source_.kind()) {
     case RESULT_INT32:
       out->appendFormat("%d", value_.i32);
       break;
@@ -382,8 +332,8 @@ bool ResultMetric::areValuesEqual(const ResultMetric* other) const {
   if (other == nullptr) {
     return false;
   }
-  if (kind() == other->kind()) {
-    switch (kind()) {
+  if (source_.kind() == other->source_.kind()) {
+    switch (source_.kind()) {
       case RESULT_INT32:
         return value_.i32 == other->value_.i32;
       case RESULT_INT64:
@@ -403,8 +353,8 @@ bool ResultMetric::areValuesEqual(const ResultMetric* other) const {
     return false;
   }
   // A byte string against a UTF-8 string: the bytes of one against the other.
-  if ((kind() == RESULT_STRING && other->kind() == RESULT_UTF8) ||
-      (kind() == RESULT_UTF8 && other->kind() == RESULT_STRING)) {
+  if ((source_.kind() == RESULT_STRING && other->source_.kind() == RESULT_UTF8) ||
+      (source_.kind() == RESULT_UTF8 && other->source_.kind() == RESULT_STRING)) {
     return strcmp(getTextBytes(), other->getTextBytes()) == 0;
   }
   return false;

@@ -2,8 +2,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <map>
-#include <mutex>
 
 #include "definition/AttributeGroupMeta.h"
 #include "foundation/Utilities.h"
@@ -17,33 +15,11 @@
 
 namespace {
 
-// Row filter parsers by grammar name.
-std::mutex filterParsersLock;
-std::map<std::string, RowFilterParser>& filterParsers() {
-  static std::map<std::string, RowFilterParser> parsers;
-  return parsers;
-}
-
-RowFilterParser findFilterParser(const char* grammar) {
-  std::lock_guard<std::mutex> lock(filterParsersLock);
-  auto found = filterParsers().find(grammar == nullptr ? "" : grammar);
-  return found == filterParsers().end() ? nullptr : found->second;
-}
-
 void freeKey(const char* key, const void* /*value*/, void* /*arg*/) {
   free(const_cast<char*>(key));
 }
 
 }  // namespace
-
-void registerRowFilterParser(const char* grammar, RowFilterParser parser) {
-  std::lock_guard<std::mutex> lock(filterParsersLock);
-  if (parser == nullptr) {
-    filterParsers().erase(grammar);
-  } else {
-    filterParsers()[grammar] = parser;
-  }
-}
 
 ResultsManager::ResultsManager(const char* applicationName, const char* attributeGroup,
                                int objectType)
@@ -57,11 +33,8 @@ ResultsManager::ResultsManager(const ResultsManager* source, const char* subnode
     : UAClientClass(source, subnodeKey), requestIntervals_(16) {
   XRV_TRACE_FN();
   constructorHelper();
-  derivedMetrics_ = source->derivedMetrics_;
-  timestampColumn_ = source->timestampColumn_;
-  instanceNameColumn_ = source->instanceNameColumn_;
-  checkMetricCounts_ = source->checkMetricCounts_;
-  inputIsUTF8_ = source->inputIsUTF8_;
+  derived_.copyMetrics(source->derived_);
+  packer_.shape = source->packer_.shape;
 }
 
 ResultsManager::~ResultsManager() {
@@ -101,7 +74,7 @@ void ResultsManager::start() {
 void ResultsManager::reset() {
   XRV_TRACE_FN();
   readFloodControlSettings();
-  readFilterSettings();
+  filter_.load(getAttributeGroupMeta(), getAttributeGroup());
 }
 
 void ResultsManager::readFloodControlSettings() {
@@ -152,49 +125,6 @@ void ResultsManager::readFloodControlSettings() {
   }
 }
 
-void ResultsManager::readFilterSettings() {
-  XRV_TRACE_FN();
-  {
-    PthreadMutexLock lock(filterLock_);
-    filter_.reset();
-  }
-  AttributeGroupMeta* meta = getAttributeGroupMeta();
-  const char* text = meta == nullptr ? nullptr : meta->getFilterExpression();
-  if (text == nullptr || *text == '\0') {
-    return;
-  }
-  const char* grammar = meta->getFilterGrammar();
-  char* expanded = nullptr;
-  if (strcmp(grammar, "filter") == 0) {
-    XRV_TRACE_DETAIL("Found filter expression %s", text);
-    expanded = Utilities::substituteEnvVars(text, nullptr, nullptr, true);
-    XRV_TRACE_DETAIL("Found filter expression, expanded to %s",
-                     expanded == nullptr ? "" : expanded);
-  } else if (strcmp(grammar, "expression") != 0) {
-    XRV_TRACE_ERROR("Unknown filter grammar %s for attribute group %s, no filter applied", grammar,
-                    getAttributeGroup());
-    return;
-  }
-  RowFilterParser parser = findFilterParser(grammar);
-  if (parser == nullptr) {
-    XRV_TRACE_ERROR(
-        "Row filters are not available in this build; the filter of attribute group "
-        "%s is not applied",
-        getAttributeGroup());
-  } else {
-    std::string error;
-    std::shared_ptr<const RowFilter> filter(parser(expanded != nullptr ? expanded : text, &error));
-    if (filter != nullptr) {
-      PthreadMutexLock lock(filterLock_);
-      filter_ = std::move(filter);
-    } else {
-      XRV_TRACE_ERROR("AG %s, error parsing filters", getAttributeGroup());
-      XRV_TRACE_DETAIL("%s", error.c_str());
-    }
-  }
-  free(expanded);
-}
-
 std::vector<std::string> ResultsManager::getPropertyNames() {
   XRV_TRACE_FN();
   // The settings of every group, in table order; those of data sources are theirs to add.
@@ -220,7 +150,7 @@ void ResultsManager::addMetricObject(Metric* metric) {
   XRV_TRACE_FN();
   UAClientClass::addMetricObject(metric);
   if (metric->isDerived()) {
-    derivedMetrics_.push_back(metric);
+    derived_.add(metric);
   }
 }
 
@@ -305,7 +235,7 @@ void ResultsManager::collectData(const char* subnode) {
         doesMetricListContainRatesOrDeltas()) {
       processRatesDeltas();
     }
-    if (!derivedMetrics_.empty()) {
+    if (!derived_.empty()) {
       calculateDerived(nullptr, STORE_INTERVAL_DATA);
     }
   }
@@ -314,7 +244,10 @@ void ResultsManager::collectData(const char* subnode) {
   recordCollection(started, fwTimeMillis());
   // New rows are judged before they become visible: a sample taken between the merge
   // and checkFilter would otherwise get rows the filter drops.
-  filterNewResults();
+  if (const std::shared_ptr<const RowFilter> filter = filter_.current()) {
+    PthreadMutexLock lock(store_.newLock);
+    GroupFilter::mark(*filter, store_.firstNew(), getAttributeGroup());
+  }
   updateResults();
   checkFilter();
 }
@@ -414,7 +347,7 @@ void ResultsManager::updateResults() {
   XRV_TRACE_DETAIL("Aggregate/replace is on, updating result instance list.");
   if (aggregate_ && previousRequestHistorical_) {
     XRV_TRACE_DETAIL("Previous request was historical, purging dead results");
-    purgeDerivedState();
+    derived_.purgeState();
   }
   bool purging = replaceRowsByKey_ && purgeInterval_ >= 1;
   char current[17] = "";
@@ -475,58 +408,19 @@ void ResultsManager::updateResults() {
 
 // --- Filter ---
 
-std::shared_ptr<const RowFilter> ResultsManager::currentFilter() const {
-  PthreadMutexLock lock(filterLock_);
-  return filter_;
-}
-
 bool ResultsManager::resultPassesFilter(ResultInstance* row) {
-  const std::shared_ptr<const RowFilter> filter = currentFilter();
-  return filter == nullptr || passesFilter(*filter, row);
-}
-
-bool ResultsManager::passesFilter(const RowFilter& filter, ResultInstance* row) {
-  FilterResult result;
-  filter.evaluate(*row, &result);
-  if (!result.error.empty()) {
-    XRV_TRACE_SITE();
-    XRV_TRACE_ERROR("AG %s, error from filterExpression->evaluate: %s", getAttributeGroup(),
-                    result.error.c_str());
-    return false;
-  }
-  if (result.returnedType != result.expectedType) {
-    XRV_TRACE_SITE();
-    XRV_TRACE_ERROR(
-        "Error:  filter should have returned a boolean (ExpressionType[%d]) but instead "
-        "returned ExpressionType[%d]",
-        result.expectedType, result.returnedType);
-    return false;
-  }
-  return result.passes;
-}
-
-void ResultsManager::filterNewResults() {
-  XRV_TRACE_FN();
-  const std::shared_ptr<const RowFilter> filter = currentFilter();
-  if (filter == nullptr) {
-    return;
-  }
-  PthreadMutexLock lock(store_.newLock);
-  for (ResultInstance* row = store_.firstNew(); row != nullptr; row = ResultList::next(row)) {
-    row->setPassesFilter(passesFilter(*filter, row));
-  }
+  const std::shared_ptr<const RowFilter> filter = filter_.current();
+  return filter == nullptr || GroupFilter::passes(*filter, row, getAttributeGroup());
 }
 
 void ResultsManager::checkFilter() {
   XRV_TRACE_FN();
-  const std::shared_ptr<const RowFilter> filter = currentFilter();
+  const std::shared_ptr<const RowFilter> filter = filter_.current();
   if (filter == nullptr) {
     return;
   }
   PthreadMutexLock lock(store_.activeLock);
-  for (ResultInstance* row = store_.firstActive(); row != nullptr; row = ResultList::next(row)) {
-    row->setPassesFilter(passesFilter(*filter, row));
-  }
+  GroupFilter::mark(*filter, store_.firstActive(), getAttributeGroup());
 }
 
 // --- Request intervals ---

@@ -13,13 +13,15 @@
 // out to the framework at once.
 //
 // The parts it holds: ResultStore (the active and new rows, their locks and the
-// name index), PureEventCache (the last events and the flood control) and
-// PreviousSample (the previous values for deltas and rates).
+// name index), PureEventCache (the last events and the flood control),
+// PreviousSample (the previous values for deltas and rates), DerivedAttributes (the
+// derived attributes and the expression language's state), GroupFilter (the row
+// filter) and RowPacker (the row shape, and the packing of rows for the framework).
 //
 // Locks, always taken in this order: the collection mutex (one collection at a
 // time; a second caller returns at once), the store's active lock, its new lock;
-// the pure-event cache has its own lock, and all derived calculation of the process
-// is serialised by one global lock.
+// the pure-event cache has its own lock, the filter a leaf lock of its own, and all
+// derived calculation of the process is serialised by one global lock.
 
 #include <atomic>
 #include <ctime>
@@ -30,75 +32,19 @@
 #include "foundation/HashMap.h"
 #include "foundation/Locks.h"
 #include "foundation/String.h"
+#include "provider/DerivedAttributes.h"
+#include "provider/GroupFilter.h"
 #include "provider/PerfObject.h"
 #include "provider/PreviousSample.h"
 #include "provider/PureEventCache.h"
 #include "provider/ResultList.h"
 #include "provider/ResultStore.h"
+#include "provider/RowPacker.h"
 #include "provider/UAClientClass.h"
 
-class AttributeMeta;
 class PrevResult;
 class ResultInstance;
 class ResultMetric;
-class ResultsManager;
-
-// Whether a derived calculation updates the interval data of its expressions
-// (sampling) or only reads them (answering a request).
-enum StorageBehavior {
-  STORE_INTERVAL_DATA,
-  READ_INTERVAL_DATA,
-};
-
-// The values a derived attribute can use while it is computed: the row's values in
-// attribute order, then the derived values computed before it.
-struct DerivedInputs {
-  const ResultMetric* const* values;
-  int count;
-};
-
-// The derived calculation lock: one for the process, held while any provider
-// computes derived values, and whenever a provider's DerivedState is touched.
-PthreadMutex& derivedCalculationLock();
-
-// What the expression language keeps per provider between calculations (the
-// samples of its interval functions). Owned by the provider; touched only under the
-// derived calculation lock.
-class DerivedState {
- public:
-  virtual ~DerivedState() = default;
-  // Forgets everything kept (after a historical request).
-  virtual void purge() = 0;
-};
-
-// The expression language computes formula attributes through this hook: a new
-// ResultMetric for `metric` in `row` (null when it cannot). Installed by the library
-// that provides the language; without one a formula attribute reports -1. Called
-// with the derived calculation lock held.
-using DerivedEvaluator = ResultMetric* (*)(ResultsManager* provider, const Metric* metric,
-                                           const ResultInstance* row,
-                                           const DerivedInputs& inputs, const char* requestId,
-                                           StorageBehavior behavior);
-void registerDerivedEvaluator(DerivedEvaluator evaluator);
-
-// What a filter made of one row.
-struct FilterResult {
-  bool passes = false;
-  std::string error;     // set when the filter could not be evaluated on the row
-  int expectedType = 0;  // when the filter gave no boolean: the boolean's type and
-  int returnedType = 0;  // the type it gave (the expression language's numbers)
-};
-
-// A row filter, parsed from a group's filter expression. Thread-safe.
-class RowFilter {
- public:
-  virtual ~RowFilter() = default;
-  virtual void evaluate(const ResultInstance& row, FilterResult* result) const = 0;
-};
-// Parses a filter text of one grammar ("filter" or "expression"); null with *error
-// set when it does not parse.
-using RowFilterParser = RowFilter* (*)(const char* text, std::string* error);
-void registerRowFilterParser(const char* grammar, RowFilterParser parser);
 
 class ResultsManager : public UAClientClass {
  public:
@@ -167,16 +113,10 @@ class ResultsManager : public UAClientClass {
   void calculateDerived(const char* requestId, StorageBehavior behavior);
   void internalCalculateDerived(const char* requestId, ResultInstance* row,
                                 StorageBehavior behavior);
-  int getDerivedMetricCount() const { return static_cast<int>(derivedMetrics_.size()); }
   static void initGlobalDerivedLock();
-  // The expression language's data for this provider; null until it sets some. Only
-  // from inside a DerivedEvaluator call (the derived calculation lock held).
-  DerivedState* getDerivedState() XRV_REQUIRES(derivedCalculationLock()) {
-    return derivedState_.get();
-  }
-  void setDerivedState(std::unique_ptr<DerivedState> state) XRV_REQUIRES(derivedCalculationLock()) {
-    derivedState_ = std::move(state);
-  }
+  // The derived attributes; the expression language keeps its state for this
+  // provider there (from inside a DerivedEvaluator call).
+  DerivedAttributes& derivedAttributes() { return derived_; }
   void setRequestInterval(const char* requestId, int seconds) override;
   // Nothing when the request had no interval.
   void removeRequestInterval(const char* requestId) override;
@@ -217,12 +157,12 @@ class ResultsManager : public UAClientClass {
   static void addSummarizationClass(ResultsManager* provider);
 
   // --- Row shape (off unless the data source turns them on) ---
-  void setHasTimestampColumn(bool on) { timestampColumn_ = on; }
-  void setReturnsInstanceName(bool on) { instanceNameColumn_ = on; }
-  bool doResultsReturnInstName() const { return instanceNameColumn_; }
-  void setCheckMetricCounts(bool on) { checkMetricCounts_ = on; }
+  void setHasTimestampColumn(bool on) { packer_.shape.timestampColumn = on; }
+  void setReturnsInstanceName(bool on) { packer_.shape.instanceNameColumn = on; }
+  bool doResultsReturnInstName() const { return packer_.shape.instanceNameColumn; }
+  void setCheckMetricCounts(bool on) { packer_.shape.checkMetricCounts = on; }
   // Byte-string values are in UTF-8 already (else in the local code page).
-  void setInputIsUTF8(bool utf8) { inputIsUTF8_ = utf8; }
+  void setInputIsUTF8(bool utf8) { packer_.shape.inputIsUTF8 = utf8; }
 
   // --- Settings and counters ---
   bool isAggregating() const { return aggregate_; }
@@ -242,24 +182,12 @@ class ResultsManager : public UAClientClass {
   virtual const char* applyDisplayHint(const char* hint, const char* value);
 
  private:
+  friend class RowPacker;  // calls applyDisplayHint
+
   void constructorHelper();
   void readFloodControlSettings();
-  void readFilterSettings();
-  // Packs `row` into `buffer` (the group's row size, zeroed). False when the row is
-  // skipped (metric count, filter) or the group has no metadata.
-  bool packRow(const ResultInstance* row, char* buffer, const char* originNode,
-               const char* timestamp, bool eventRow);
-  // An event row packed with its origin node and timestamp; false when skipped.
-  bool packEvent(const ResultInstance* row, std::vector<char>* buffer);
-  int deliverEvent(const std::vector<char>& buffer);
-  void writeValue(char* buffer, const AttributeMeta* column, const Metric* metric,
-                  const ResultMetric* value);
-  ResultMetric* calculateSimpleDerived(const Metric* metric, const ResultInstance* row);
   void calculateDerivedOnActive(const char* requestId, StorageBehavior behavior)
       XRV_REQUIRES(store_.activeLock);
-  bool hasIntervalBasedDerived() const;
-  // Forgets the expression language's interval data (takes the derived lock).
-  void purgeDerivedState();
 
   // Collection.
   PthreadMutex collectingMutex_;
@@ -272,8 +200,7 @@ class ResultsManager : public UAClientClass {
 
   // Previous sample, for deltas and rates: touched only by the collecting thread.
   PreviousSample previous_;
-  std::vector<const Metric*> derivedMetrics_;
-  std::unique_ptr<DerivedState> derivedState_ XRV_GUARDED_BY(derivedCalculationLock());
+  DerivedAttributes derived_;
 
   // Intervals of requests: id (owned) -> seconds.
   PthreadMutex requestIntervalsLock_;
@@ -286,21 +213,15 @@ class ResultsManager : public UAClientClass {
   bool collectionDisabled_ = false;
   bool replaceWithLatest_ = false;
   bool truncateTimestamp_ = false;
-  bool timestampColumn_ = false;
-  bool instanceNameColumn_ = false;
-  bool checkMetricCounts_ = false;
-  bool inputIsUTF8_ = false;
+
+  // The row shape, and the packing of rows for the framework.
+  RowPacker packer_;
 
   // Pure-event cache and flood control, and the provider's place in the summary queue.
   PureEventCache pureCache_;
   std::atomic<time_t> nextSummary_{0};
   std::atomic<bool> summaryQueued_{false};
 
-  // Filter. A reset replaces it while an event may be checked against it on another
-  // thread: whoever evaluates holds a reference.
-  std::shared_ptr<const RowFilter> currentFilter() const XRV_EXCLUDES(filterLock_);
-  void filterNewResults() XRV_EXCLUDES(store_.newLock);
-  bool passesFilter(const RowFilter& filter, ResultInstance* row);
-  mutable PthreadMutex filterLock_;
-  std::shared_ptr<const RowFilter> filter_ XRV_GUARDED_BY(filterLock_);
+  // The row filter; a reset replaces it while events may be checked against it.
+  GroupFilter filter_;
 };

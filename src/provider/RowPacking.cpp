@@ -16,6 +16,7 @@
 #include "provider/ResultInstance.h"
 #include "provider/ResultMetric.h"
 #include "provider/ResultsManager.h"
+#include "provider/RowPacker.h"
 
 namespace {
 
@@ -45,73 +46,74 @@ const ResultMetric* take(const ResultMetric** cursor) {
 
 }  // namespace
 
-void ResultsManager::writeValue(char* buffer, const AttributeMeta* column, const Metric* metric,
-                                const ResultMetric* value) {
+void RowPacker::writeValue(ResultsManager& provider, char* buffer, const AttributeMeta* column,
+                           const Metric* metric, const ResultMetric* value) const {
   switch (value->getKind()) {
     case RESULT_INT32:
-      putInt64(buffer, column, value->getInt());
+      UAClientClass::putInt64(buffer, column, value->getInt());
       break;
     case RESULT_INT64:
-      putInt64(buffer, column, value->getInt64());
+      UAClientClass::putInt64(buffer, column, value->getInt64());
       break;
     case RESULT_UINT64:
-      putUInt64(buffer, column, value->getUInt64());
+      UAClientClass::putUInt64(buffer, column, value->getUInt64());
       break;
     case RESULT_DOUBLE:
-      putInt64(buffer, column,
-               scaledDouble(value->getDouble(), metric->hasScale() ? metric->getScale() : 0));
+      UAClientClass::putInt64(
+          buffer, column,
+          scaledDouble(value->getDouble(), metric->hasScale() ? metric->getScale() : 0));
       break;
     case RESULT_UTF8:
-      putUTF8String(buffer, column, value->getUTF8String());
+      UAClientClass::putUTF8String(buffer, column, value->getUTF8String());
       break;
     case RESULT_STRING: {
       const char* text = value->getString();
       if (column->getHint() != nullptr && *column->getHint() != '\0') {
-        text = applyDisplayHint(column->getHint(), text);
+        text = provider.applyDisplayHint(column->getHint(), text);
       }
-      putString(buffer, column, text, !inputIsUTF8_);
+      UAClientClass::putString(buffer, column, text, !shape.inputIsUTF8);
       break;
     }
   }
 }
 
-bool ResultsManager::packRow(const ResultInstance* row, char* buffer, const char* originNode,
-                             const char* timestamp, bool eventRow) {
+bool RowPacker::packRow(ResultsManager& provider, const ResultInstance* row, char* buffer,
+                        const char* originNode, const char* timestamp, bool eventRow) const {
   XRV_TRACE_SITE();
-  AttributeGroupMeta* meta = getAttributeGroupMeta();
+  AttributeGroupMeta* meta = provider.getAttributeGroupMeta();
   if (row->getInstanceName() == nullptr) {
     // A data source names every row it makes (by its keys; "" without any), so a row
     // without a name is a broken one.
     XRV_TRACE_DETAIL("WARNING: Skipping ResultInstance with name == NULL");
     return false;
   }
-  if (checkMetricCounts_ && row->getExpectedMetricCount() != row->getMetricCount()) {
+  if (shape.checkMetricCounts && row->getExpectedMetricCount() != row->getMetricCount()) {
     XRV_TRACE_DETAIL("Expected %d metrics and got %d.  Skipping row.",
                      row->getExpectedMetricCount(), row->getMetricCount());
     return false;
   }
   if (!row->passesFilter()) {
-    XRV_TRACE_DETAIL("AG %s ResultInstance %s filtered out", getAttributeGroup(),
+    XRV_TRACE_DETAIL("AG %s ResultInstance %s filtered out", provider.getAttributeGroup(),
                      row->getInstanceName() == nullptr ? "" : row->getInstanceName());
     return false;
   }
   memset(buffer, 0, static_cast<size_t>(meta->rowSize()));
   int column = 0;
-  putString(buffer, meta->getColumnAttribute(column++), originNode == nullptr ? "" : originNode,
-            false);
-  if (timestampColumn_) {
+  UAClientClass::putString(buffer, meta->getColumnAttribute(column++),
+                           originNode == nullptr ? "" : originNode, false);
+  if (shape.timestampColumn) {
     const char* stamp = eventRow && row->hasTimestamp() ? row->getTimestamp() : timestamp;
-    putString(buffer, meta->getColumnAttribute(column++), stamp, false);
+    UAClientClass::putString(buffer, meta->getColumnAttribute(column++), stamp, false);
   }
-  if (instanceNameColumn_) {
+  if (shape.instanceNameColumn) {
     const char* name = row->getInstanceName();
-    putString(buffer, meta->getColumnAttribute(column++), name == nullptr ? "" : name,
-              !inputIsUTF8_);
+    UAClientClass::putString(buffer, meta->getColumnAttribute(column++),
+                             name == nullptr ? "" : name, !shape.inputIsUTF8);
   }
   const ResultMetric* nextValue = row->getFirstMetric();
   const ResultMetric* nextDerived = row->getFirstDerivedMetric();
-  for (int i = 0; i < getMetricCount(); ++i) {
-    const Metric* metric = getMetric(i);
+  for (int i = 0; i < provider.getMetricCount(); ++i) {
+    const Metric* metric = provider.getMetric(i);
     const ResultMetric* value = take(metric->isDerived() ? &nextDerived : &nextValue);
     if (value == nullptr) {
       if (metric->getIsHidden()) {
@@ -127,10 +129,10 @@ bool ResultsManager::packRow(const ResultInstance* row, char* buffer, const char
     const AttributeMeta* attribute = meta->getColumnAttribute(column++);
     if (attribute == nullptr) {
       XRV_TRACE_ERROR("Attribute group %s has more shown attributes than table columns",
-                      getAttributeGroup());
+                      provider.getAttributeGroup());
       break;
     }
-    writeValue(buffer, attribute, metric, value);
+    writeValue(provider, buffer, attribute, metric, value);
   }
   return true;
 }
@@ -148,8 +150,8 @@ void ResultsManager::sendDataToAFW(GenericAgentBase* agent, const char* originNo
   char stamp[17];
   getTimeStamp(stamp);
 
-  const bool intervalBased = hasIntervalBasedDerived();
-  if (getRefreshInterval() >= 1 && intervalBased && !derivedMetrics_.empty()) {
+  const bool intervalBased = derived_.hasIntervalBased();
+  if (getRefreshInterval() >= 1 && intervalBased && !derived_.empty()) {
     const char* requestId = nullptr;
     if (agent != nullptr && agent->GetRequestDetail() != nullptr) {
       requestId = agent->GetRequestDetail()->GetRequestId();
@@ -176,7 +178,7 @@ void ResultsManager::sendDataToAFW(GenericAgentBase* agent, const char* originNo
   RowPrefetcher prefetcher(store_.firstActive(), RowPrefetcher::kReading);
   for (const ResultInstance* row = store_.firstActive(); row != nullptr; row = ResultList::next(row)) {
     prefetcher.next();
-    if (!packRow(row, buffer.data(), originNode, stamp, isPureEventBased())) {
+    if (!packer_.packRow(*this, row, buffer.data(), originNode, stamp, isPureEventBased())) {
       continue;
     }
     if (sendRowToAFW(agent, buffer.data(), rowSize) == 1) {
@@ -184,9 +186,9 @@ void ResultsManager::sendDataToAFW(GenericAgentBase* agent, const char* originNo
           "Send Row failed. Data rows lost - attribute group=%s, subnodeKey=%s, row "
           "count=%d, numRowsSent=%d, rowSize=%d, refreshInterval=%d, "
           "intervalBased=%s, derived count=%d",
-          getAttributeGroup(), getSubnodeKey() == nullptr ? "" : getSubnodeKey(), store_.activeCount(),
-          sent, rowSize, getRefreshInterval(), intervalBased ? "true" : "false",
-          getDerivedMetricCount());
+          getAttributeGroup(), getSubnodeKey() == nullptr ? "" : getSubnodeKey(),
+          store_.activeCount(), sent, rowSize, getRefreshInterval(),
+          intervalBased ? "true" : "false", derived_.count());
       break;
     }
     ++sent;
@@ -194,30 +196,32 @@ void ResultsManager::sendDataToAFW(GenericAgentBase* agent, const char* originNo
   XRV_TRACE_DETAIL("Sent %d of %d rows of %s", sent, store_.activeCount(), getAttributeGroup());
 }
 
-bool ResultsManager::packEvent(const ResultInstance* row, std::vector<char>* buffer) {
+bool RowPacker::packEvent(ResultsManager& provider, const ResultInstance* row,
+                          std::vector<char>* buffer) const {
   XRV_TRACE_FN();
-  AttributeGroupMeta* meta = getAttributeGroupMeta();
+  AttributeGroupMeta* meta = provider.getAttributeGroupMeta();
   if (meta == nullptr || meta->rowSize() <= 0) {
-    XRV_TRACE_ERROR("Attribute group %s has no metadata, event not sent", getAttributeGroup());
+    XRV_TRACE_ERROR("Attribute group %s has no metadata, event not sent",
+                    provider.getAttributeGroup());
     return false;
   }
   buffer->resize(static_cast<size_t>(meta->rowSize()));
   char stamp[17];
-  formatTimeStampMillis(fwTimeMillis(), stamp, sizeof stamp);
+  UAClientClass::formatTimeStampMillis(fwTimeMillis(), stamp, sizeof stamp);
   char origin[64];
-  const char* node = getOriginNode();
+  const char* node = provider.getOriginNode();
   if (*node == '\0') {
     node = fwGetOriginNode(origin, sizeof origin) ? origin : "";
   }
-  return packRow(row, buffer->data(), node, stamp, true);
+  return packRow(provider, row, buffer->data(), node, stamp, true);
 }
 
-int ResultsManager::deliverEvent(const std::vector<char>& buffer) {
+int RowPacker::deliverEvent(const ResultsManager& provider, const std::vector<char>& buffer) {
   XRV_TRACE_FN();
-  AttributeGroupMeta* meta = getAttributeGroupMeta();
+  AttributeGroupMeta* meta = provider.getAttributeGroupMeta();
   if (meta == nullptr || meta->getTableManager() == nullptr) {
     XRV_TRACE_ERROR("Attribute group %s has no table server yet, event not sent",
-                    getAttributeGroup());
+                    provider.getAttributeGroup());
     return 1;
   }
   return meta->getTableManager()->EventArrived(buffer.data(), static_cast<int>(buffer.size()));
@@ -226,8 +230,8 @@ int ResultsManager::deliverEvent(const std::vector<char>& buffer) {
 int ResultsManager::sendEventDataToAFW(ResultInstance* row) {
   XRV_TRACE_FN();
   std::vector<char> buffer;
-  if (!packEvent(row, &buffer)) {
+  if (!packer_.packEvent(*this, row, &buffer)) {
     return 0;
   }
-  return deliverEvent(buffer);
+  return RowPacker::deliverEvent(*this, buffer);
 }

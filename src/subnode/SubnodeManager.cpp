@@ -1,7 +1,5 @@
 #include "subnode/SubnodeManager.h"
 
-#include <cstdlib>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -9,7 +7,6 @@
 #include "foundation/List.h"
 #include "framework/Configuration.h"
 #include "framework/Trace.h"
-#include "provider/PerfObject.h"
 #include "provider/UAClientClass.h"
 #include "provider/UAClientClassList.h"
 #include "subnode/SubnodeCopies.h"
@@ -20,31 +17,6 @@
 using XRV::subnode::nextProvider;
 using XRV::subnode::sameText;
 using XRV::subnode::subnodeTypeOf;
-
-namespace {
-
-bool providesGroup(const UAClientClass* provider, const AttributeGroupMeta* meta) {
-  return provider->getAttributeGroupMeta() == meta ||
-         strcmp(provider->getAttributeGroup(), meta->getGroupName()) == 0;
-}
-
-void freeKey(const char* key, const void* /*value*/, void* /*arg*/) {
-  free(const_cast<char*>(key));
-}
-
-}  // namespace
-
-struct SubnodeManager::Subnode {
-  std::string msn;
-  std::string key;
-  std::string type;
-  std::string affinity;
-  std::string version;
-  List providers;             // of UAClientClass*, in the order they were indexed
-  bool online = true;         // what discovery said last
-  bool registered = false;    // registered with the framework (or the request is pending)
-  bool awaitingData = false;  // held back by the DOWN node state until data is collected
-};
 
 // --- Construction ---
 
@@ -62,18 +34,7 @@ SubnodeManager::~SubnodeManager() {
   // is deleted with it.
   zombies_.stop();
   PthreadMutexLock guard(lock_);
-  // The Subnode owns its MSN, which is the key.
-  msnToQueries_.foreach ([](const char* /*key*/, const void* value,
-                            void* /*arg*/) { delete static_cast<const Subnode*>(value); },
-                         nullptr);
-  msnToQueries_.clear();
-  agToQueries_.foreach (
-      [](const char* key, const void* value, void* arg) {
-        freeKey(key, value, arg);
-        delete static_cast<const List*>(value);
-      },
-      nullptr);
-  agToQueries_.clear();
+  subnodes_.clear();
 }
 
 // --- Managed system names ---
@@ -99,21 +60,6 @@ int SubnodeManager::applyConfiguredSubnodes(UAClientClassList& providers) {
 
 // --- Subnodes ---
 
-SubnodeManager::Subnode* SubnodeManager::findSubnode(const char* msn) const {
-  return msn == nullptr ? nullptr : static_cast<Subnode*>(msnToQueries_.get(msn));
-}
-
-void SubnodeManager::updateAwaitingCount() {
-  XRV_TRACE_FN();
-  int count = 0;
-  HashMapIterator it = msnToQueries_.iterator();
-  while (it.hasNext()) {
-    it.next();
-    count += static_cast<const Subnode*>(it.getData())->awaitingData ? 1 : 0;
-  }
-  awaitingData_.store(count);
-}
-
 bool SubnodeManager::addSubnode(const char* msn, const char* key, const char* type,
                                 const char* affinity, const char* version,
                                 UAClientClass* discoveryProvider, bool online) {
@@ -133,7 +79,7 @@ bool SubnodeManager::addSubnodeLocked(const char* msn, const char* key, const ch
                                       const char* affinity, const char* version,
                                       UAClientClass* discoveryProvider, bool online) {
   XRV_TRACE_FN();
-  Subnode* subnode = findSubnode(msn);
+  ManagedSubnode* subnode = subnodes_.find(msn);
   const bool listed = discoveryProvider != nullptr && discoveries_.lists(discoveryProvider, msn);
 
   if (subnode != nullptr && (discoveryProvider == nullptr || listed)) {
@@ -174,7 +120,7 @@ bool SubnodeManager::addSubnodeLocked(const char* msn, const char* key, const ch
     return true;
   }
 
-  auto* created = new Subnode();
+  auto* created = new ManagedSubnode();
   created->msn = msn;
   created->key = key;
   created->type = type;
@@ -193,12 +139,12 @@ bool SubnodeManager::addSubnodeLocked(const char* msn, const char* key, const ch
         "Found a subnode, but not registering due to state/policy - subnode msn=\"%s\", "
         "affinity=\"%s\", type=\"%s\", version=\"%s\"",
         msn, affinity, type, version);
-    updateAwaitingCount();
+    awaitingData_.store(subnodes_.awaitingCount());
   }
   return true;
 }
 
-void SubnodeManager::createSubnode(Subnode* subnode) {
+void SubnodeManager::createSubnode(ManagedSubnode* subnode) {
   XRV_TRACE_FN();
   const char* msn = subnode->msn.c_str();
   for (UAClientClass* provider = providers_->getFirst(); provider != nullptr;
@@ -224,10 +170,10 @@ void SubnodeManager::createSubnode(Subnode* subnode) {
         "configuration file?",
         msn, subnode->type.c_str(), subnode->key.c_str());
   }
-  msnToQueries_.put(msn, subnode);
+  subnodes_.insert(subnode);
 }
 
-void SubnodeManager::registerSubnode(Subnode* subnode) {
+void SubnodeManager::registerSubnode(ManagedSubnode* subnode) {
   XRV_TRACE_FN();
   if (!registerSubnodeWithFramework(subnode->msn.c_str(), subnode->affinity.c_str(),
                                     subnode->type.c_str(), subnode->version.c_str())) {
@@ -236,11 +182,11 @@ void SubnodeManager::registerSubnode(Subnode* subnode) {
   subnode->registered = true;
   if (subnode->awaitingData) {
     subnode->awaitingData = false;
-    updateAwaitingCount();
+    awaitingData_.store(subnodes_.awaitingCount());
   }
 }
 
-void SubnodeManager::deregisterSubnode(Subnode* subnode) {
+void SubnodeManager::deregisterSubnode(ManagedSubnode* subnode) {
   XRV_TRACE_FN();
   if (deregisterSubnodeFromFramework(subnode->msn.c_str())) {
     subnode->registered = false;
@@ -255,7 +201,7 @@ bool SubnodeManager::removeSubnode(const char* msn) {
 
 bool SubnodeManager::removeSubnodeLocked(const char* msnArgument) {
   XRV_TRACE_FN();
-  Subnode* subnode = findSubnode(msnArgument);
+  ManagedSubnode* subnode = subnodes_.find(msnArgument);
   if (subnode == nullptr) {
     XRV_TRACE_ERROR("Failed for msn=\"%s\", because SubnodeManager doesn't manage msn",
                     msnArgument == nullptr ? "" : msnArgument);
@@ -263,14 +209,14 @@ bool SubnodeManager::removeSubnodeLocked(const char* msnArgument) {
   }
   // The argument may be one of the texts dropped below.
   const std::string msn = subnode->msn;
-  msnToQueries_.remove(msn.c_str(), nullptr);  // the key was the Subnode's own
+  subnodes_.remove(subnode);
   discoveries_.forget(msn.c_str());
   if (subnode->registered) {
     deregisterSubnode(subnode);
   }
   if (subnode->awaitingData) {
     subnode->awaitingData = false;
-    updateAwaitingCount();
+    awaitingData_.store(subnodes_.awaitingCount());
   }
 
   for (int i = 0; i < subnode->providers.getCount(); ++i) {
@@ -298,7 +244,7 @@ bool SubnodeManager::removeSubnodeLocked(const char* msnArgument) {
 void SubnodeManager::dropDiscoverySource(UAClientClass* provider) {
   XRV_TRACE_FN();
   for (const std::string& msn : discoveries_.drop(provider)) {
-    if (findSubnode(msn.c_str()) != nullptr && !discoveries_.anyLists(msn.c_str())) {
+    if (subnodes_.find(msn.c_str()) != nullptr && !discoveries_.anyLists(msn.c_str())) {
       XRV_TRACE_DETAIL("Removing msn=\"%s\": the discovery group that found it went away",
                        msn.c_str());
       removeSubnodeLocked(msn.c_str());
@@ -309,32 +255,18 @@ void SubnodeManager::dropDiscoverySource(UAClientClass* provider) {
 bool SubnodeManager::isManagingSubnode(const char* msn) {
   XRV_TRACE_FN();
   PthreadMutexLock guard(lock_);
-  return findSubnode(msn) != nullptr;
+  return subnodes_.find(msn) != nullptr;
 }
 
 bool SubnodeManager::subnodeIsActive(const char* msn) {
   XRV_TRACE_FN();
   PthreadMutexLock guard(lock_);
-  const Subnode* subnode = findSubnode(msn);
+  const ManagedSubnode* subnode = subnodes_.find(msn);
   if (subnode == nullptr) {
     XRV_TRACE_DETAIL("msn=\"%s\" is not managed, so not active", msn == nullptr ? "" : msn);
     return false;
   }
-  return isActiveLocked(subnode);
-}
-
-bool SubnodeManager::isActiveLocked(const Subnode* subnode) const {
-  XRV_TRACE_FN();
-  XRV_TRACE_DETAIL("checking subnode %s", subnode->msn.c_str());
-  for (int i = 0; i < subnode->providers.getCount(); ++i) {
-    auto* provider = static_cast<UAClientClass*>(subnode->providers.get(i));
-    int code = provider->getPerfErrorCode();
-    XRV_TRACE_DETAIL("checking attr group %s, errcode %d", provider->getAttributeGroup(), code);
-    if (code == OBJECT_ACTIVE || code == NO_INSTANCES_RETURNED) {
-      return true;
-    }
-  }
-  return false;
+  return subnode->isActive();
 }
 
 void SubnodeManager::collectionDone(UAClientClass* provider) {
@@ -343,24 +275,19 @@ void SubnodeManager::collectionDone(UAClientClass* provider) {
     return;
   }
   PthreadMutexLock guard(lock_);
-  HashMapIterator it = msnToQueries_.iterator();
-  while (it.hasNext()) {
-    it.next();
-    auto* subnode = static_cast<Subnode*>(it.getData());
-    if (!subnode->awaitingData || subnode->providers.find(provider) < 0) {
-      continue;
-    }
-    const char* msn = subnode->msn.c_str();
-    if (!subnode->online) {
-      XRV_TRACE_DETAIL("Data collected for msn=\"%s\", but the target is offline; not registering",
-                       msn);
-    } else if (!isActiveLocked(subnode)) {
-      XRV_TRACE_DETAIL("Data collected for msn=\"%s\", but it is not active; not registering", msn);
-    } else {
-      XRV_TRACE_DETAIL("Data collected for msn=\"%s\" and it is active, registering it", msn);
-      registerSubnode(subnode);
-    }
+  ManagedSubnode* subnode = subnodes_.awaitingServedBy(provider);
+  if (subnode == nullptr) {
     return;
+  }
+  const char* msn = subnode->msn.c_str();
+  if (!subnode->online) {
+    XRV_TRACE_DETAIL("Data collected for msn=\"%s\", but the target is offline; not registering",
+                     msn);
+  } else if (!subnode->isActive()) {
+    XRV_TRACE_DETAIL("Data collected for msn=\"%s\", but it is not active; not registering", msn);
+  } else {
+    XRV_TRACE_DETAIL("Data collected for msn=\"%s\" and it is active, registering it", msn);
+    registerSubnode(subnode);
   }
 }
 
@@ -448,14 +375,14 @@ UAClientClass* SubnodeManager::getSubnodeQueryClass(const char* msn,
                                                     const AttributeGroupMeta* meta) {
   XRV_TRACE_FN();
   PthreadMutexLock guard(lock_);
-  return findSubnodeQueryClassLocked(msn, meta);
+  return subnodes_.providerFor(msn, meta);
 }
 
 SubnodeProviderPin SubnodeManager::pinSubnodeQueryClass(const char* msn,
                                                         const AttributeGroupMeta* meta) {
   XRV_TRACE_FN();
   PthreadMutexLock guard(lock_);
-  UAClientClass* provider = findSubnodeQueryClassLocked(msn, meta);
+  UAClientClass* provider = subnodes_.providerFor(msn, meta);
   return provider == nullptr ? SubnodeProviderPin() : SubnodeProviderPin(provider);
 }
 
@@ -464,33 +391,10 @@ std::vector<SubnodeProviderPin> SubnodeManager::pinAllSubnodeQueryClasses(
   XRV_TRACE_FN();
   PthreadMutexLock guard(lock_);
   std::vector<SubnodeProviderPin> pins;
-  for (UAClientClass* provider : allSubnodeQueryClassesLocked(meta)) {
+  for (UAClientClass* provider : subnodes_.allProviders(meta)) {
     pins.push_back(SubnodeProviderPin(provider));
   }
   return pins;
-}
-
-UAClientClass* SubnodeManager::findSubnodeQueryClassLocked(const char* msn,
-                                                           const AttributeGroupMeta* meta) {
-  XRV_TRACE_SITE();
-  const Subnode* subnode = findSubnode(msn);
-  if (subnode == nullptr) {
-    XRV_TRACE_ERROR("Failed for msn=\"%s\", meta=%p, because msn is not in _msnToQueries",
-                    msn == nullptr ? "" : msn, static_cast<const void*>(meta));
-    return nullptr;
-  }
-  if (meta == nullptr) {
-    XRV_TRACE_ERROR("No attribute group given for msn=\"%s\"", msn);
-    return nullptr;
-  }
-  for (int i = 0; i < subnode->providers.getCount(); ++i) {
-    auto* provider = static_cast<UAClientClass*>(subnode->providers.get(i));
-    if (providesGroup(provider, meta)) {
-      return provider;
-    }
-  }
-  XRV_TRACE_ERROR("No provider of attribute group %s serves msn=\"%s\"", meta->getGroupName(), msn);
-  return nullptr;
 }
 
 UAClientClass* SubnodeManager::getSubnodeQueryClassByKey(const char* key,
@@ -500,19 +404,8 @@ UAClientClass* SubnodeManager::getSubnodeQueryClassByKey(const char* key,
     return nullptr;
   }
   PthreadMutexLock guard(lock_);
-  HashMapIterator it = msnToQueries_.iterator();
-  while (it.hasNext()) {
-    it.next();
-    const auto* subnode = static_cast<const Subnode*>(it.getData());
-    if (subnode->key != key) {
-      continue;
-    }
-    for (int i = 0; i < subnode->providers.getCount(); ++i) {
-      auto* provider = static_cast<UAClientClass*>(subnode->providers.get(i));
-      if (providesGroup(provider, meta)) {
-        return provider;
-      }
-    }
+  if (UAClientClass* provider = subnodes_.providerForKey(key, meta)) {
+    return provider;
   }
   XRV_TRACE_DETAIL("No provider of attribute group %s serves subnode key %s", meta->getGroupName(),
                    key);
@@ -523,27 +416,7 @@ std::vector<UAClientClass*> SubnodeManager::getAllSubnodeQueryClasses(
     const AttributeGroupMeta* meta) {
   XRV_TRACE_FN();
   PthreadMutexLock guard(lock_);
-  return allSubnodeQueryClassesLocked(meta);
-}
-
-std::vector<UAClientClass*> SubnodeManager::allSubnodeQueryClassesLocked(
-    const AttributeGroupMeta* meta) {
-  std::vector<UAClientClass*> all;
-  auto append = [&all](const List* list) {
-    for (int i = 0; list != nullptr && i < list->getCount(); ++i) {
-      all.push_back(static_cast<UAClientClass*>(list->get(i)));
-    }
-  };
-  if (meta != nullptr) {
-    append(static_cast<const List*>(agToQueries_.get(meta->getGroupName())));
-    return all;
-  }
-  HashMapIterator it = agToQueries_.iterator();
-  while (it.hasNext()) {
-    it.next();
-    append(static_cast<const List*>(it.getData()));
-  }
-  return all;
+  return subnodes_.allProviders(meta);
 }
 
 void SubnodeManager::forEachSubnodeQueryClass(const char* attributeGroup,
@@ -553,7 +426,7 @@ void SubnodeManager::forEachSubnodeQueryClass(const char* attributeGroup,
     return;
   }
   PthreadMutexLock guard(lock_);
-  const auto* list = static_cast<const List*>(agToQueries_.get(attributeGroup));
+  const List* list = subnodes_.groupProviders(attributeGroup);
   for (int i = 0; list != nullptr && i < list->getCount(); ++i) {
     fn(static_cast<UAClientClass*>(list->get(i)));
   }
@@ -578,33 +451,12 @@ bool SubnodeManager::addAGToQueriesEntry(const char* attributeGroup, UAClientCla
   if (attributeGroup == nullptr || provider == nullptr) {
     return false;
   }
-  auto* list = static_cast<List*>(agToQueries_.get(attributeGroup));
-  if (list == nullptr) {
-    list = new List();
-    agToQueries_.put(strdup(attributeGroup), list);
-  } else if (list->find(provider) >= 0) {
-    return false;
-  }
-  list->add(provider);
-  return true;
+  return subnodes_.addGroupProvider(attributeGroup, provider);
 }
 
 bool SubnodeManager::removeAGToQueriesEntry(const char* attributeGroup, UAClientClass* provider) {
   XRV_TRACE_FN();
-  auto* list =
-      attributeGroup == nullptr ? nullptr : static_cast<List*>(agToQueries_.get(attributeGroup));
-  int index = list == nullptr ? -1 : list->find(provider);
-  if (index < 0) {
-    return false;
-  }
-  list->remove(index);
-  if (list->getCount() == 0) {
-    const char* storedKey = nullptr;
-    agToQueries_.remove(attributeGroup, &storedKey);
-    free(const_cast<char*>(storedKey));
-    delete list;
-  }
-  return true;
+  return attributeGroup != nullptr && subnodes_.removeGroupProvider(attributeGroup, provider);
 }
 
 bool SubnodeManager::addDAGToMSNsEntry(UAClientClass* discoveryProvider, const char* msn) {

@@ -9,7 +9,8 @@
 // per subnode), and registered with the framework under a generated managed system
 // name (MSN). The manager keeps three maps:
 //   MSN -> the subnode and the providers serving it (in the order they were indexed);
-//   attribute group -> the subnode providers of that group (in the order added);
+//   attribute group -> the subnode providers of that group (in the order added)
+//   (these two in SubnodeRegistry.h);
 //   discovery provider ("%p" of its address) -> the MSNs it found
 //   (SubnodeDiscoverySources.h);
 // registers and deregisters subnodes, answers which provider serves an MSN and an
@@ -50,11 +51,11 @@
 #include <string>
 #include <vector>
 
-#include "foundation/HashMap.h"
 #include "foundation/Locks.h"
 #include "subnode/SubnodeDiscoverySources.h"
 #include "subnode/SubnodeManagedSystemNames.h"
 #include "subnode/SubnodeProviderPin.h"
+#include "subnode/SubnodeRegistry.h"
 #include "subnode/SubnodeSettings.h"
 #include "subnode/SubnodeZombieCollector.h"
 
@@ -181,31 +182,23 @@ class SubnodeManager {
   int getZombieCount() XRV_EXCLUDES(lock_);
 
  private:
-  struct Subnode;
-  UAClientClass* findSubnodeQueryClassLocked(const char* msn, const AttributeGroupMeta* meta)
-      XRV_REQUIRES(lock_);
-  std::vector<UAClientClass*> allSubnodeQueryClassesLocked(const AttributeGroupMeta* meta)
-      XRV_REQUIRES(lock_);
-  Subnode* findSubnode(const char* msn) const XRV_REQUIRES(lock_);
   bool addSubnodeLocked(const char* msn, const char* key, const char* type, const char* affinity,
                         const char* version, UAClientClass* discoveryProvider, bool online)
       XRV_REQUIRES(lock_);
-  void createSubnode(Subnode* subnode) XRV_REQUIRES(lock_);
+  void createSubnode(ManagedSubnode* subnode) XRV_REQUIRES(lock_);
   bool removeSubnodeLocked(const char* msn) XRV_REQUIRES(lock_);
   // Forgets the discovery provider `provider` and removes the subnodes that only it
   // found (a provider of a removed subnode that is a discovery group itself).
   void dropDiscoverySource(UAClientClass* provider) XRV_REQUIRES(lock_);
-  bool isActiveLocked(const Subnode* subnode) const XRV_REQUIRES(lock_);
-  void registerSubnode(Subnode* subnode) XRV_REQUIRES(lock_);
-  void deregisterSubnode(Subnode* subnode) XRV_REQUIRES(lock_);
-  void updateAwaitingCount() XRV_REQUIRES(lock_);
+  void registerSubnode(ManagedSubnode* subnode) XRV_REQUIRES(lock_);
+  void deregisterSubnode(ManagedSubnode* subnode) XRV_REQUIRES(lock_);
 
   const SubnodeManagerSettings settings_;
   const SubnodeManagedSystemNames names_;
   PthreadMutex lock_;
   UAClientClassList* const providers_ XRV_PT_GUARDED_BY(lock_);  // its subnode changes
-  HashMap msnToQueries_ XRV_GUARDED_BY(lock_);  // MSN (the Subnode's own) -> Subnode*, owned
-  HashMap agToQueries_ XRV_GUARDED_BY(lock_);   // group (owned) -> List* of UAClientClass*
+  // MSN -> subnode, group -> providers.
+  SubnodeRegistry subnodes_ XRV_GUARDED_BY(lock_);
   SubnodeDiscoverySources discoveries_ XRV_GUARDED_BY(lock_);  // discovery provider -> MSNs
   // Subnodes held back by the DOWN node state; read without the lock by collectionDone.
   std::atomic<int> awaitingData_{0};

@@ -110,11 +110,12 @@ RowFilter* parseExpressionGrammar(const char* text, std::string* error) {
 
 // The provider's interval data, created on first use.
 IntervalData* intervalDataOf(ResultsManager* provider) XRV_REQUIRES(derivedCalculationLock()) {
-  auto* data = static_cast<IntervalData*>(provider->getDerivedState());
+  DerivedAttributes& derived = provider->derivedAttributes();
+  auto* data = static_cast<IntervalData*>(derived.state());
   if (data == nullptr) {
     auto created = std::make_unique<IntervalData>();
     data = created.get();
-    provider->setDerivedState(std::move(created));
+    derived.setState(std::move(created));
   }
   return data;
 }
