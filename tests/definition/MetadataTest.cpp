@@ -8,8 +8,11 @@
 #include "definition/AttributeMeta.h"
 #include "definition/DefinitionCheck.h"
 #include "foundation/HashMap.h"
+#include "support/Attributes.h"
 
 namespace {
+
+using XRV::testing::attrs;
 
 // Reads `metadata` (the inside of a <metadata> element) and returns the check's
 // verdict; the groups are in metaMap afterwards.
@@ -37,58 +40,27 @@ class MetadataTest : public ::testing::Test {
   DefinitionCheck check_;
 };
 
-struct Layout {
-  const char* name;
-  std::vector<int> offsets;  // of every attribute after ORIGINNODE, -1 for hidden ones
-  int rowSize;
-};
-
 TEST_F(MetadataTest, RowLayoutAndAlignment) {
   struct Case {
     const char* description;
-    const char* attributes;
+    std::string attributes;
     std::vector<int> offsets;
     int rowSize;
   };
+  // clang-format off
   const Case cases[] = {
-      {"text then number",
-       R"(<attr name="t" type="1" size="64"/><attr name="n" type="0" size="4"/>)",
-       {32, 96},
-       100},
+      {"text then number", attrs("t:1:64 n:0:4"), {32, 96}, 100},
       {"2-byte number after an odd offset goes to the next even one",
-       R"(<attr name="t" type="2" size="3"/><attr name="s" type="0" size="2"/>)"
-       R"(<attr name="l" type="9" size="8"/>)",
-       {32, 36, 40},
-       48},
-      {"8-byte values are aligned to 4 only",
-       R"(<attr name="t" type="1" size="2"/><attr name="l" type="7" size="8"/>)",
-       {32, 36},
-       44},
-      {"4-byte number after one text byte",
-       R"(<attr name="t" type="1" size="1"/><attr name="n" type="3" size="4"/>)",
-       {32, 36},
-       40},
-      {"hidden attributes take no place",
-       R"(<attr name="-h" type="1" size="64"/><attr name="n" type="0" size="4"/>)"
-       R"(<attr name="-x" type="0" size="4"/>)",
-       {-1, 32, -1},
-       36},
-      {"unsupported numeric size: no alignment",
-       R"(<attr name="t" type="1" size="1"/><attr name="odd" type="0" size="3"/>)"
-       R"(<attr name="n" type="0" size="2"/>)",
-       {32, 33, 36},
-       38},
-      {"unknown type code: no alignment",
-       R"(<attr name="t" type="1" size="1"/><attr name="u" type="42" size="4"/>)",
-       {32, 33},
-       37},
+       attrs("t:2:3 s:0:2 l:9:8"), {32, 36, 40}, 48},
+      {"8-byte values are aligned to 4 only", attrs("t:1:2 l:7:8"), {32, 36}, 44},
+      {"4-byte number after one text byte", attrs("t:1:1 n:3:4"), {32, 36}, 40},
+      {"hidden attributes take no place", attrs("-h:1:64 n:0:4 -x:0:4"), {-1, 32, -1}, 36},
+      {"unsupported numeric size: no alignment", attrs("t:1:1 odd:0:3 n:0:2"), {32, 33, 36}, 38},
+      {"unknown type code: no alignment", attrs("t:1:1 u:42:4"), {32, 33}, 37},
       {"no attributes: only the origin node", "", {}, 32},
-      {"impossible sizes take no space",
-       R"(<attr name="neg" type="1" size="-5"/><attr name="huge" type="1" size="2147483647"/>)"
-       R"(<attr name="n" type="0" size="4"/>)",
-       {32, 32, 32},
-       36},
+      {"impossible sizes take no space", attrs("neg:1:-5 huge:1:2147483647 n:0:4"), {32, 32, 32}, 36},
   };
+  // clang-format on
   for (const Case& c : cases) {
     SCOPED_TRACE(c.description);
     ASSERT_TRUE(read(std::string(R"(<ag name="G" table="XRVG">)") + c.attributes + "</ag>"));

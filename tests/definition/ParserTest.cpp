@@ -70,28 +70,24 @@ struct EventCase {
 };
 
 TEST(Parser, ReportsElementsAttributesAndText) {
+  // clang-format off
   const EventCase cases[] = {
       {"nesting and text",
-       "<a>hi<b/>there</a>",
-       {"start:a{}", "text:hi", "start:b{}", "end:b", "text:there", "end:a"}},
+       "<a>hi<b/>there</a>", {"start:a{}", "text:hi", "start:b{}", "end:b", "text:there", "end:a"}},
       {"attributes", "<a x=\"1\"  y=\"two words\" ></a>", {"start:a{x=1,y=two words}", "end:a"}},
       {"self-closing with and without a blank",
-       "<r><a /><b x=\"1\"/></r>",
-       {"start:r{}", "start:a{}", "end:a", "start:b{x=1}", "end:b", "end:r"}},
+       "<r><a /><b x=\"1\"/></r>", {"start:r{}", "start:a{}", "end:a", "start:b{x=1}", "end:b", "end:r"}},
       {"a repeated name keeps the last value", "<a x=\"1\" x=\"2\"/>", {"start:a{x=2}", "end:a"}},
       {"a tab is not a separator", "<a x=\"1\"\ty=\"2\"/>", {"start:a{\ty=2,x=1}", "end:a"}},
       {"nor is a line break", "<a x=\"1\"\n y=\"2\"/>", {"start:a{\n y=2,x=1}", "end:a"}},
       {"names are not trimmed", "<a x =\"1\"/>", {"start:a{x =1}", "end:a"}},
       {"no blank needed after a value", "<a x=\"1\"y=\"\"/>", {"start:a{x=1,y=}", "end:a"}},
       {"values may hold < > and single quotes",
-       "<s c=\"awk '$1 < 2' > out\"/>",
-       {"start:s{c=awk '$1 < 2' > out}", "end:s"}},
+       "<s c=\"awk '$1 < 2' > out\"/>", {"start:s{c=awk '$1 < 2' > out}", "end:s"}},
       {"attributes do not carry over to the next tag",
-       "<a x=\"1\"><b/></a>",
-       {"start:a{x=1}", "start:b{}", "end:b", "end:a"}},
+       "<a x=\"1\"><b/></a>", {"start:a{x=1}", "start:b{}", "end:b", "end:a"}},
       {"comments and declarations are skipped",
-       "<?xml version=\"1.0\"?><!-- <b> -- --><a><!----><?pi ?></a>",
-       {"start:a{}", "end:a"}},
+       "<?xml version=\"1.0\"?><!-- <b> -- --><a><!----><?pi ?></a>", {"start:a{}", "end:a"}},
       {"blank text is text",
        "<a>\n  <b/>\n</a>\n",
        {"start:a{}", "text:\n  ", "start:b{}", "end:b", "text:\n", "end:a", "text:\n"}},
@@ -100,6 +96,7 @@ TEST(Parser, ReportsElementsAttributesAndText) {
        {"start:a{v=<\"'>}", "text:x < y && \"z\"'", "end:a"}},
       {"empty document", "", {}},
   };
+  // clang-format on
   for (const EventCase& c : cases) {
     SCOPED_TRACE(c.name);
     Result result = parse(c.document);

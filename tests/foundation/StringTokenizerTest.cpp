@@ -78,108 +78,86 @@ void runCases(const std::vector<Case>& cases) {
 }
 
 TEST(StringTokenizer, DelimitedTokens) {
+  // clang-format off
   runCases({
       {"consecutive delimiters give empty tokens",
-       "a,,b",
-       {next("a"), next(""), next("b"), hasMore(false), next(kNull)}},
-      {"a delimiter at the end starts no token",
-       "a,",
-       {next("a"), hasMore(false), next(kNull), next(kNull)}},
+       "a,,b", {next("a"), next(""), next("b"), hasMore(false), next(kNull)}},
+      {"a delimiter at the end starts no token", "a,", {next("a"), hasMore(false), next(kNull), next(kNull)}},
       {"a delimiter at the start gives an empty token",
-       ",a",
-       {hasMore(true), next(""), next("a"), next(kNull)}},
+       ",a", {hasMore(true), next(""), next("a"), next(kNull)}},
       {"empty text", "", {hasMore(false), next(kNull)}},
       {"null text", nullptr, {hasMore(false), next(kNull), rest("")}},
       {"any of several delimiter characters",
-       "a b\tc",
-       {next("a"), next("b"), next("c"), next(kNull)},
-       " \t"},
+       "a b\tc", {next("a"), next("b"), next("c"), next(kNull)}, " \t"},
       {"empty delimiter set takes everything", "a,b", {next("a,b"), next(kNull)}, ""},
       {"delimiters given for one call only",
-       "a;b,c;d",
-       {nextAt(";", "a"), next("b"), nextAt(";", "c"), next("d")}},
-      {"null delimiters mean the tokenizer's own",
-       "a,b",
-       {nextAt(nullptr, "a"), nextAt(nullptr, "b")}},
+       "a;b,c;d", {nextAt(";", "a"), next("b"), nextAt(";", "c"), next("d")}},
+      {"null delimiters mean the tokenizer's own", "a,b", {nextAt(nullptr, "a"), nextAt(nullptr, "b")}},
   });
+  // clang-format on
 }
 
 TEST(StringTokenizer, EnclosedTokens) {
+  // clang-format off
   runCases({
       {"quoted value, then the delimiter after it is skipped",
-       "\"abc\",def",
-       {enclosed("\"", "\"", "abc"), next("def"), next(kNull)}},
+       "\"abc\",def", {enclosed("\"", "\"", "abc"), next("def"), next(kNull)}},
       {"text before the begin string is skipped",
-       "junk<v>1</v>,2",
-       {enclosed("<v>", "</v>", "1"), next("2")}},
+       "junk<v>1</v>,2", {enclosed("<v>", "</v>", "1"), next("2")}},
       {"begin string missing: null, position unchanged",
-       "abc,def",
-       {enclosed("[", "]", kNull), next("abc"), enclosed("[", "]", kNull), next("def")}},
+       "abc,def", {enclosed("[", "]", kNull), next("abc"), enclosed("[", "]", kNull), next("def")}},
       {"end string never comes: the rest",
-       "x[abc,d",
-       {enclosed("[", "]", "abc,d"), hasMore(false), rest(kNull), next(kNull)}},
+       "x[abc,d", {enclosed("[", "]", "abc,d"), hasMore(false), rest(kNull), next(kNull)}},
       {"end string as a separator of several characters",
        "a::b::c",
        {enclosed(nullptr, "::", "a"), enclosed("", "::", "b"), enclosed(nullptr, "::", "c"),
         enclosed(nullptr, "::", kNull)}},
       {"only one delimiter after the end string is skipped",
-       "\"a\",,b",
-       {enclosed("\"", "\"", "a"), next(""), next("b")}},
+       "\"a\",,b", {enclosed("\"", "\"", "a"), next(""), next("b")}},
       {"a non-delimiter after the end string stays",
-       "\"a\"x,b",
-       {enclosed("\"", "\"", "a"), next("x"), next("b")}},
+       "\"a\"x,b", {enclosed("\"", "\"", "a"), next("x"), next("b")}},
       {"empty end string: the rest", "a,b", {enclosed(nullptr, "", "a,b"), next(kNull)}},
       {"end string at the very end leaves an empty rest",
-       "\"a\"",
-       {enclosed("\"", "\"", "a"), next(kNull), rest(""), rest(kNull)}},
+       "\"a\"", {enclosed("\"", "\"", "a"), next(kNull), rest(""), rest(kNull)}},
   });
+  // clang-format on
 }
 
 TEST(StringTokenizer, FixedWidthTokens) {
   const char* const umlauts = "\xC3\xA4\xC3\xB6\xC3\xBC,x";  // "äöü,x"
+  // clang-format off
   runCases({
       {"bytes, the last token shorter",
-       "abcdefg",
-       {chars(3, "abc"), chars(3, "def"), chars(3, "g"), chars(1, kNull), rest(kNull)}},
+       "abcdefg", {chars(3, "abc"), chars(3, "def"), chars(3, "g"), chars(1, kNull), rest(kNull)}},
       {"a following delimiter is not skipped", "ab,cd", {chars(2, "ab"), next(""), next("cd")}},
       {"count below one takes nothing", "ab", {chars(0, ""), chars(-3, ""), chars(5, "ab")}},
       {"UTF-8 characters are counted whole",
-       umlauts,
-       {chars(2, "\xC3\xA4\xC3\xB6"), chars(1, "\xC3\xBC"), next(""), next("x")},
-       ",",
-       true},
-      {"bytes cut UTF-8 characters when asked to",
-       umlauts,
-       {chars(1, "\xC3"), chars(2, "\xA4\xC3")}},
+       umlauts, {chars(2, "\xC3\xA4\xC3\xB6"), chars(1, "\xC3\xBC"), next(""), next("x")}, ",", true},
+      {"bytes cut UTF-8 characters when asked to", umlauts, {chars(1, "\xC3"), chars(2, "\xA4\xC3")}},
       {"four-byte characters",
-       "\xF0\x9F\x98\x80"
-       "ab",
-       {chars(1, "\xF0\x9F\x98\x80"), chars(5, "ab"), chars(1, kNull)},
-       ",",
-       true},
+       "\xF0\x9F\x98\x80" "ab", {chars(1, "\xF0\x9F\x98\x80"), chars(5, "ab"), chars(1, kNull)}, ",", true},
       {"stray continuation bytes still count",
-       "\x80\x80\x80\x80\x80"
-       "a",
-       {chars(1, "\x80\x80\x80\x80"), chars(1, "\x80"), chars(1, "a")},
-       ",",
-       true},
+       "\x80\x80\x80\x80\x80" "a",
+       {chars(1, "\x80\x80\x80\x80"), chars(1, "\x80"), chars(1, "a")}, ",", true},
   });
+  // clang-format on
 }
 
 TEST(StringTokenizer, RestOfLine) {
+  // clang-format off
   runCases({
-      {"after tokens",
-       "a,b c,d",
-       {next("a"), rest("b c,d"), hasMore(false), next(kNull), rest(kNull)}},
+      {"after tokens", "a,b c,d", {next("a"), rest("b c,d"), hasMore(false), next(kNull), rest(kNull)}},
       {"after a trailing delimiter it is empty", "a,", {next("a"), rest(""), rest(kNull)}},
       {"after a token that ran to the end it is null", "a", {next("a"), rest(kNull)}},
       {"of an empty text", "", {rest(""), rest(kNull), next(kNull)}},
   });
+  // clang-format on
 }
 
 // Attributes of one script output line, each cut its own way, as the script data
 // source does it.
 TEST(StringTokenizer, ModesMixedOnOneLine) {
+  // clang-format off
   runCases({
       {"log line",
        "web01,2024-01-05 10:00:00 ERROR disk full, /var",
@@ -189,13 +167,11 @@ TEST(StringTokenizer, ModesMixedOnOneLine) {
        "7,\"GET /a,b\",200|OK|tail, more",
        {next("7"), enclosed("\"", "\"", "GET /a,b"), enclosed(nullptr, "|", "200"),
         enclosed(nullptr, "|", "OK"), next("tail"), rest(" more")}},
-      {"tab as separator of one column",
-       "a\tb,c",
-       {nextAt("\t", "a"), next("b"), next("c"), next(kNull)}},
+      {"tab as separator of one column", "a\tb,c", {nextAt("\t", "a"), next("b"), next("c"), next(kNull)}},
       {"fixed widths then tokens",
-       "00420017rest,x",
-       {chars(4, "0042"), chars(4, "0017"), next("rest"), next("x"), chars(1, kNull)}},
+       "00420017rest,x", {chars(4, "0042"), chars(4, "0017"), next("rest"), next("x"), chars(1, kNull)}},
   });
+  // clang-format on
 }
 
 TEST(StringTokenizer, ResetReusesBuffersAndKeepsSettings) {

@@ -13,10 +13,12 @@
 #include "framework/Configuration.h"
 #include "provider/ResultInstance.h"
 #include "provider/ResultMetric.h"
+#include "support/Attributes.h"
 #include "support/FrameworkDouble.h"
 
 namespace {
 
+using XRV::testing::attrs;
 using XRV::testing::DecodingRequest;
 using XRV::testing::TestMetric;
 using XRV::testing::TestQueryClass;
@@ -40,51 +42,29 @@ TEST_F(ResultsManagerTest, DeltasRatesAndPreviousValuesAcrossSamples) {
     bool counter;
     std::vector<Step> steps;
   };
+  // clang-format off
   const Case cases[] = {
-      {"delta, not a counter: negative deltas stay",
-       DELTA_DATA,
-       false,
+      {"delta, not a counter: negative deltas stay", DELTA_DATA, false,
        {{0, "10", "0"}, {10, "15", "5"}, {10, "12", "-3"}}},
-      {"delta of a counter that wrapped is 0",
-       DELTA_DATA,
-       true,
+      {"delta of a counter that wrapped is 0", DELTA_DATA, true,
        {{0, "10", "0"}, {10, "15", "5"}, {10, "12", "0"}, {10, "20", "8"}}},
-      {"rate per second",
-       RATE_DATA,
-       true,
+      {"rate per second", RATE_DATA, true,
        {{0, "100", "0"}, {10, "600", "50"}, {10, "500", "0"}, {5, "510", "2"}}},
-      {"two samples in the same second divide by 1",
-       RATE_DATA,
-       true,
-       {{0, "100", "0"}, {0, "400", "300"}}},
+      {"two samples in the same second divide by 1", RATE_DATA, true, {{0, "100", "0"}, {0, "400", "300"}}},
       {"32-bit rate is clamped", RATE_DATA, true, {{0, "0", "0"}, {1, "3000000000", "2147483647"}}},
-      {"64-bit rate is not",
-       RATE_64BIT_DATA,
-       true,
-       {{0, "0", "0"}, {1, "3000000000", "3000000000"}}},
-      {"percent change rounds half up",
-       PERCENT_DELTA_DATA,
-       false,
+      {"64-bit rate is not", RATE_64BIT_DATA, true, {{0, "0", "0"}, {1, "3000000000", "3000000000"}}},
+      {"percent change rounds half up", PERCENT_DELTA_DATA, false,
        {{0, "200", "0"}, {10, "301", "51"}, {10, "301", "0"}, {10, "150", "-49"}}},
-      {"percent change from 0 is 0",
-       PERCENT_DELTA_64BIT_DATA,
-       false,
+      {"percent change from 0 is 0", PERCENT_DELTA_64BIT_DATA, false,
        {{0, "0", "0"}, {10, "5", "0"}, {10, "10", "100"}}},
       {"value changed", VALUE_CHANGED, false, {{0, "5", "0"}, {10, "5", "0"}, {10, "6", "1"}}},
-      {"previous number",
-       PREVIOUS_NUMERIC_DATA,
-       false,
-       {{0, "5", "5"}, {10, "7", "5"}, {10, "9", "7"}}},
-      {"64-bit delta",
-       DELTA_64BIT_DATA,
-       false,
-       {{0, "0", "0"}, {10, "10000000000", "10000000000"}}},
-      {"32-bit delta is clamped",
-       DELTA_DATA,
-       false,
+      {"previous number", PREVIOUS_NUMERIC_DATA, false, {{0, "5", "5"}, {10, "7", "5"}, {10, "9", "7"}}},
+      {"64-bit delta", DELTA_64BIT_DATA, false, {{0, "0", "0"}, {10, "10000000000", "10000000000"}}},
+      {"32-bit delta is clamped", DELTA_DATA, false,
        {{0, "0", "0"}, {10, "5000000000", "2147483647"}, {10, "0", "-2147483648"}}},
       {"rate of doubles", RATE_DATA, false, {{0, "1.5", "0"}, {2, "5.5", "2"}}},
   };
+  // clang-format on
   int index = 0;
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -92,11 +72,9 @@ TEST_F(ResultsManagerTest, DeltasRatesAndPreviousValuesAcrossSamples) {
     // The 64-bit types get a 64-bit column.
     const bool wide = c.type == RATE_64BIT_DATA || c.type == PERCENT_DELTA_64BIT_DATA ||
                       c.type == DELTA_64BIT_DATA;
-    auto source = provider(group.c_str(),
-                           std::string(R"(<attr name="Name" type="2" size="16"/>)") +
-                               (wide ? R"(<attr name="Value" type="9" size="8"/>)"
-                                     : R"(<attr name="Value" type="0" size="4"/>)"),
-                           {{"Name", STRING_DATA, true}, {"Value", c.type, false, c.counter}});
+    auto source =
+        provider(group.c_str(), attrs(wide ? "Name:2:16 Value:9:8" : "Name:2:16 Value:0:4"),
+                 {{"Name", STRING_DATA, true}, {"Value", c.type, false, c.counter}});
     for (size_t i = 0; i < c.steps.size(); ++i) {
       SCOPED_TRACE("sample " + std::to_string(i + 1));
       clock_.advance(c.steps[i].advanceSeconds * 1000);
@@ -109,9 +87,7 @@ TEST_F(ResultsManagerTest, DeltasRatesAndPreviousValuesAcrossSamples) {
 
 TEST_F(ResultsManagerTest, TextValuesChangedAndPrevious) {
   auto source = provider(
-      "Texts",
-      R"(<attr name="Name" type="2" size="8"/><attr name="Changed" type="0" size="4"/>)"
-      R"(<attr name="Before" type="2" size="8"/>)",
+      "Texts", attrs("Name:2:8 Changed:0:4 Before:2:8"),
       {{"Name", STRING_DATA, true}, {"Changed", VALUE_CHANGED}, {"Before", PREVIOUS_STRING_DATA}});
   // Each text attribute keeps its own previous value.
   EXPECT_EQ(sample(*source, {{"r", "a", "x"}}), (Rows{{"Primary:box:XR", "r", "0", "x"}}));
@@ -121,8 +97,7 @@ TEST_F(ResultsManagerTest, TextValuesChangedAndPrevious) {
 
 TEST_F(ResultsManagerTest, RowsThatStopComingLoseTheirPreviousValues) {
   auto source =
-      provider("Gone", R"(<attr name="Name" type="2" size="8"/><attr name="D" type="0" size="4"/>)",
-               {{"Name", STRING_DATA, true}, {"D", DELTA_DATA}});
+      provider("Gone", attrs("Name:2:8 D:0:4"), {{"Name", STRING_DATA, true}, {"D", DELTA_DATA}});
   sample(*source, {{"a", "10"}, {"b", "10"}});
   sample(*source, {{"a", "11"}});
   // "b" was not in the last sample: it starts again from 0.
@@ -131,9 +106,7 @@ TEST_F(ResultsManagerTest, RowsThatStopComingLoseTheirPreviousValues) {
 }
 
 TEST_F(ResultsManagerTest, WithoutAggregationEachSampleReplacesTheRows) {
-  auto source = provider(
-      "Plain", R"(<attr name="Name" type="2" size="8"/><attr name="V" type="0" size="4"/>)",
-      {{"Name", STRING_DATA, true}, {"V"}});
+  auto source = provider("Plain", attrs("Name:2:8 V:0:4"), {{"Name", STRING_DATA, true}, {"V"}});
   sample(*source, {{"a", "1"}, {"b", "2"}});
   EXPECT_EQ(sample(*source, {{"c", "3"}}), (Rows{{"Primary:box:XR", "c", "3"}}));
   EXPECT_EQ(source->getResultInstanceCount(), 1);
@@ -141,9 +114,7 @@ TEST_F(ResultsManagerTest, WithoutAggregationEachSampleReplacesTheRows) {
 
 TEST_F(ResultsManagerTest, ReplacingByKeyKeepsThePlaceOfARow) {
   setConfigurationProperty("CDP_KEYED_REPLACE_ROWS_BY_KEY", "Y");
-  auto source = provider(
-      "Keyed", R"(<attr name="Name" type="2" size="8"/><attr name="V" type="0" size="4"/>)",
-      {{"Name", STRING_DATA, true}, {"V"}});
+  auto source = provider("Keyed", attrs("Name:2:8 V:0:4"), {{"Name", STRING_DATA, true}, {"V"}});
   EXPECT_TRUE(source->isReplacingRowsByKey());
   sample(*source, {{"a", "1"}, {"b", "2"}, {"c", "3"}});
   EXPECT_EQ(sample(*source, {{"b", "20"}, {"d", "4"}, {"b", "21"}}),
@@ -178,9 +149,8 @@ TEST_F(ResultsManagerTest, PurgingUsesTheCrosswiseMinuteStamps) {
     setConfigurationProperty(("CDP_" + group + "_PURGE_INTERVAL").c_str(), "60");
     setConfigurationProperty(("CDP_" + group + "_TRUNCATE_TIMESTAMP").c_str(),
                              c.truncate ? "Y" : "N");
-    auto source = provider(
-        group.c_str(), R"(<attr name="Name" type="2" size="8"/><attr name="V" type="0" size="4"/>)",
-        {{"Name", STRING_DATA, true}, {"V"}});
+    auto source =
+        provider(group.c_str(), attrs("Name:2:8 V:0:4"), {{"Name", STRING_DATA, true}, {"V"}});
     sample(*source, {{"a", "1"}});
     clock_.advance(c.keptAt * 1000);
     EXPECT_EQ(sample(*source, {{"b", "2"}}).size(), 2u) << "a is kept";
@@ -190,22 +160,18 @@ TEST_F(ResultsManagerTest, PurgingUsesTheCrosswiseMinuteStamps) {
 }
 
 TEST_F(ResultsManagerTest, PackingEveryRepresentation) {
-  auto source =
-      provider("Pack",
-               R"(<attr name="Name" type="2" size="12"/><attr name="Small" type="0" size="2"/>)"
-               R"(<attr name="I32" type="0" size="4"/><attr name="I64" type="9" size="8"/>)"
-               R"(<attr name="U64" type="9" size="8"/><attr name="Ratio" type="9" size="8"/>)"
-               R"(<attr name="Whole" type="0" size="4"/><attr name="-Secret" type="1" size="8"/>)"
-               R"(<attr name="Text" type="1" size="4"/>)",
-               {{"Name", STRING_DATA, true},
-                {"Small"},
-                {"I32"},
-                {"I64", NUMERIC_64BIT_DATA},
-                {"U64", NUMERIC_64BIT_DATA},
-                {"Ratio", NUMERIC_64BIT_DATA, false, false, false, nullptr, nullptr, nullptr, 2},
-                {"Whole"},
-                {"Secret", STRING_DATA, false, false, true},
-                {"Text", STRING_DATA}});
+  auto source = provider(
+      "Pack",
+      attrs("Name:2:12 Small:0:2 I32:0:4 I64:9:8 U64:9:8 Ratio:9:8 Whole:0:4 -Secret:1:8 Text:1:4"),
+      {{"Name", STRING_DATA, true},
+       {"Small"},
+       {"I32"},
+       {"I64", NUMERIC_64BIT_DATA},
+       {"U64", NUMERIC_64BIT_DATA},
+       {"Ratio", NUMERIC_64BIT_DATA, false, false, false, nullptr, nullptr, nullptr, 2},
+       {"Whole"},
+       {"Secret", STRING_DATA, false, false, true},
+       {"Text", STRING_DATA}});
   source->setInputIsUTF8(true);
   Rows rows =
       sample(*source, {{"first", "300", "-7", "5000000000", "9223372036854775808", "0.125", "2.5",
@@ -222,13 +188,10 @@ TEST_F(ResultsManagerTest, PackingEveryRepresentation) {
 }
 
 TEST_F(ResultsManagerTest, AMissingValueMovesTheFollowingColumnsUp) {
-  auto source =
-      provider("Shift",
-               R"(<attr name="Name" type="2" size="8"/><attr name="Sum" type="0" size="4"/>)"
-               R"(<attr name="V" type="0" size="4"/>)",
-               {{"Name", STRING_DATA, true},
-                {"Sum", NUMERIC_DATA, false, false, false, "V", "+", "V"},
-                {"V"}});
+  auto source = provider("Shift", attrs("Name:2:8 Sum:0:4 V:0:4"),
+                         {{"Name", STRING_DATA, true},
+                          {"Sum", NUMERIC_DATA, false, false, false, "V", "+", "V"},
+                          {"V"}});
   // A collected row gets its derived value.
   EXPECT_EQ(sample(*source, {{"a", "4"}}), (Rows{{"Primary:box:XR", "a", "8", "4"}}));
   // A row added without derived values: V takes Sum's column and V's stays empty.
@@ -240,11 +203,8 @@ TEST_F(ResultsManagerTest, AMissingValueMovesTheFollowingColumnsUp) {
 }
 
 TEST_F(ResultsManagerTest, RowShapeFlagsAndSkippedRows) {
-  auto source = provider(
-      "Shape",
-      R"(<attr name="Stamp" type="1" size="16"/><attr name="Instance" type="2" size="16"/>)"
-      R"(<attr name="Name" type="2" size="8"/><attr name="V" type="0" size="4"/>)",
-      {{"Name", STRING_DATA, true}, {"V"}});
+  auto source = provider("Shape", attrs("Stamp:1:16 Instance:2:16 Name:2:8 V:0:4"),
+                         {{"Name", STRING_DATA, true}, {"V"}});
   source->setHasTimestampColumn(true);
   source->setReturnsInstanceName(true);
   source->setCheckMetricCounts(true);
@@ -258,7 +218,7 @@ TEST_F(ResultsManagerTest, RowShapeFlagsAndSkippedRows) {
 }
 
 TEST_F(ResultsManagerTest, ARowWithoutANameIsNeverSent) {
-  auto keyless = provider("Keyless", R"(<attr name="V" type="0" size="4"/>)", {{"V"}});
+  auto keyless = provider("Keyless", attrs("V:0:4"), {{"V"}});
   EXPECT_EQ(sample(*keyless, {{"7"}}), (Rows{{"Primary:box:XR", "7"}})) << "named \"\"";
   std::unique_ptr<ResultInstance> named(keyless->makeRow({"8"}));
   auto* nameless = new ResultInstance(nullptr, 1);
@@ -270,8 +230,7 @@ TEST_F(ResultsManagerTest, ARowWithoutANameIsNeverSent) {
 }
 
 TEST_F(ResultsManagerTest, ALostRowStopsTheRequest) {
-  auto source =
-      provider("Lost", R"(<attr name="Name" type="2" size="8"/>)", {{"Name", STRING_DATA, true}});
+  auto source = provider("Lost", attrs("Name:2:8"), {{"Name", STRING_DATA, true}});
   source->rows = {{"a"}, {"b"}, {"c"}};
   source->collectData(nullptr);
   XRV::testing::TraceCapture capture("error");
@@ -308,9 +267,7 @@ TEST_F(ResultsManagerTest, TwoOperandDerivedValues) {
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.a) + c.op + c.b);
     std::string group = "Derived" + std::to_string(index++);
-    auto source = provider(group.c_str(),
-                           R"(<attr name="A" type="9" size="8"/><attr name="B" type="9" size="8"/>)"
-                           R"(<attr name="R" type="9" size="8"/>)",
+    auto source = provider(group.c_str(), attrs("A:9:8 B:9:8 R:9:8"),
                            {{"A", c.type},
                             {"B", c.type},
                             {"R", NUMERIC_64BIT_DATA, false, false, false, "A", c.op, "B"}});
@@ -321,14 +278,11 @@ TEST_F(ResultsManagerTest, TwoOperandDerivedValues) {
 }
 
 TEST_F(ResultsManagerTest, TextConcatenationAndMissingOperands) {
-  auto source =
-      provider("Concat",
-               R"(<attr name="A" type="2" size="8"/><attr name="B" type="2" size="8"/>)"
-               R"(<attr name="AB" type="2" size="16"/><attr name="Lost" type="0" size="4"/>)",
-               {{"A", STRING_DATA},
-                {"B", STRING_DATA},
-                {"AB", STRING_DATA, false, false, false, "A", "+", "B"},
-                {"Lost", NUMERIC_DATA, false, false, false, "A", "+", "Nope"}});
+  auto source = provider("Concat", attrs("A:2:8 B:2:8 AB:2:16 Lost:0:4"),
+                         {{"A", STRING_DATA},
+                          {"B", STRING_DATA},
+                          {"AB", STRING_DATA, false, false, false, "A", "+", "B"},
+                          {"Lost", NUMERIC_DATA, false, false, false, "A", "+", "Nope"}});
   XRV::testing::TraceCapture capture("detail");
   EXPECT_EQ(sample(*source, {{"web", "01"}}),
             (Rows{{"Primary:box:XR", "web", "01", "web01", "0"}}));
@@ -336,8 +290,7 @@ TEST_F(ResultsManagerTest, TextConcatenationAndMissingOperands) {
 }
 
 TEST_F(ResultsManagerTest, CacheHitsAndDisabledCollection) {
-  auto source =
-      provider("Cached", R"(<attr name="Name" type="2" size="8"/>)", {{"Name", STRING_DATA, true}});
+  auto source = provider("Cached", attrs("Name:2:8"), {{"Name", STRING_DATA, true}});
   source->rows = {{"a"}};
   source->collectDataIfNeeded(nullptr);
   source->collectDataIfNeeded(nullptr);
@@ -348,8 +301,7 @@ TEST_F(ResultsManagerTest, CacheHitsAndDisabledCollection) {
   EXPECT_EQ(source->collections.load(), 2);
 
   setConfigurationProperty("CDP_OFF_DISABLE_COLLECTION", "yes");
-  auto disabled =
-      provider("Off", R"(<attr name="Name" type="2" size="8"/>)", {{"Name", STRING_DATA, true}});
+  auto disabled = provider("Off", attrs("Name:2:8"), {{"Name", STRING_DATA, true}});
   disabled->rows = {{"a"}};
   disabled->collectData(nullptr);
   EXPECT_EQ(disabled->collections.load(), 0);

@@ -317,28 +317,20 @@ TEST_F(GenericAgentTest, RequestInformationReachesTheProvidersWithThePARMAReplac
     FW_REQUEST_TYPE expectedType;
     std::vector<std::string> expectedInfo;  // "name=value" as filed
   };
+  // clang-format off
   const Case cases[] = {
       {"every PARMA is replaced",
        {{"_REQ_TYPE", "NON_HISTORICAL_SITUATION"}, {"_FILTER", "host=PARMA;alias=PARMA"}},
-       "web01",
-       FW_NON_HISTORICAL_SITUATION,
-       {"_FILTER=host=web01;alias=web01"}},
+       "web01", FW_NON_HISTORICAL_SITUATION, {"_FILTER=host=web01;alias=web01"}},
       {"no parameter leaves the text alone",
-       {{"_FILTER", "host=PARMA"}},
-       nullptr,
-       FW_DEMAND,
-       {"_FILTER=host=PARMA"}},
+       {{"_FILTER", "host=PARMA"}}, nullptr, FW_DEMAND, {"_FILTER=host=PARMA"}},
       {"received items pass, others do not",
        {{"XRV_HOST", "db01"}, {"OTHER", "x"}, {"_REQ_TYPE", "HISTORICAL_SITUATION"}},
-       "p",
-       FW_HISTORICAL_SITUATION,
-       {"XRV_HOST=db01"}},
+       "p", FW_HISTORICAL_SITUATION, {"XRV_HOST=db01"}},
       {"an unknown sample type keeps the request's own",
-       {{"_REQ_TYPE", "SOMETIMES"}},
-       nullptr,
-       FW_DEMAND,
-       {}},
+       {{"_REQ_TYPE", "SOMETIMES"}}, nullptr, FW_DEMAND, {}},
   };
+  // clang-format on
   FakeClock clock;
   int requestNumber = 0;
   for (const Case& c : cases) {

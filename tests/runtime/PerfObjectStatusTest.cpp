@@ -12,10 +12,12 @@
 #include "definition/AttributeGroupMeta.h"
 #include "provider/UAClientClassList.h"
 #include "subnode/SubnodeManager.h"
+#include "support/Attributes.h"
 #include "support/FrameworkDouble.h"
 
 namespace {
 
+using XRV::testing::attrs;
 using XRV::testing::TestQueryClass;
 
 // A data source that reports whatever status the test gives it.
@@ -66,22 +68,13 @@ class PerfObjectStatusTest : public ::testing::Test {
 };
 
 TEST_F(PerfObjectStatusTest, OneRowPerProviderWithStatusAndErrorCode) {
-  AttributeGroupMeta* named = XRV::testing::defineGroup("Performance_Object_Status", R"(
-      <attr name="Query_Name" type="2" size="32"/>
-      <attr name="Object_Name" type="2" size="32"/>
-      <attr name="Subnode_Key" type="2" size="16"/>
-      <attr name="Object_Status" type="1" size="24"/>
-      <attr name="Error_Code" type="1" size="32"/>
-      <attr name="Object_Type" type="0" size="4"/>
-      <attr name="Last_Return_Code" type="0" size="4"/>
-      <attr name="Last_Standard_Error" type="2" size="64"/>
-      <attr name="Not_Known" type="2" size="8"/>)");
-  AttributeGroupMeta* numbered = XRV::testing::defineGroup("XRV_Numbers", R"(
-      <attr name="Query_Name" type="2" size="32"/>
-      <attr name="Object_Status" type="0" size="4"/>
-      <attr name="Error_Code" type="0" size="4"/>
-      <attr name="Error_Code_Name" type="1" size="32"/>
-      <attr name="Not_Known" type="0" size="4"/>)");
+  AttributeGroupMeta* named = XRV::testing::defineGroup(
+      "Performance_Object_Status",
+      attrs("Query_Name:2:32 Object_Name:2:32 Subnode_Key:2:16 Object_Status:1:24 Error_Code:1:32 "
+            "Object_Type:0:4 Last_Return_Code:0:4 Last_Standard_Error:2:64 Not_Known:2:8"));
+  AttributeGroupMeta* numbered = XRV::testing::defineGroup(
+      "XRV_Numbers",
+      attrs("Query_Name:2:32 Object_Status:0:4 Error_Code:0:4 Error_Code_Name:1:32 Not_Known:0:4"));
   providers_.addClientClass(new StatusSource("Disk", PERF_OBJECT_ACTIVE, OBJECT_ACTIVE));
   providers_.addClientClass(
       new StatusSource("Broken", PERF_OBJECT_ACTIVE, SCRIPT_NOT_FOUND, "nosuch --all"));
@@ -118,14 +111,11 @@ TEST_F(PerfObjectStatusTest, OneRowPerProviderWithStatusAndErrorCode) {
 }
 
 TEST_F(PerfObjectStatusTest, CollectionStatistics) {
-  AttributeGroupMeta* meta = XRV::testing::defineGroup("Performance_Object_Status", R"(
-      <attr name="Query_Name" type="2" size="32"/>
-      <attr name="Number_of_Collections" type="0" size="4"/>
-      <attr name="Last_Collection_Start" type="1" size="16"/>
-      <attr name="Last_Collection_Duration" type="0" size="4"/>
-      <attr name="Average_Collection_Duration" type="0" size="4"/>
-      <attr name="Refresh_Interval" type="0" size="4"/>
-      <attr name="Cache_Hits" type="7" size="8"/>)");
+  AttributeGroupMeta* meta = XRV::testing::defineGroup(
+      "Performance_Object_Status",
+      attrs("Query_Name:2:32 Number_of_Collections:0:4 Last_Collection_Start:1:16 "
+            "Last_Collection_Duration:0:4 Average_Collection_Duration:0:4 Refresh_Interval:0:4 "
+            "Cache_Hits:7:8"));
   auto* source = new StatusSource("Disk", PERF_OBJECT_ACTIVE, OBJECT_ACTIVE);
   source->setRefreshInterval(60);
   providers_.addClientClass(source);
@@ -147,8 +137,8 @@ TEST_F(PerfObjectStatusTest, CollectionStatistics) {
 
 TEST_F(PerfObjectStatusTest, GroupsNamedAfterTheStatusGroupGetTheirProviderWhileRead) {
   installPerfObjectStatusHook();
-  AttributeGroupMeta* meta = XRV::testing::defineGroup(
-      "XRV_Performance_Object_Status", R"(<attr name="Query_Name" type="2" size="32"/>)");
+  AttributeGroupMeta* meta =
+      XRV::testing::defineGroup("XRV_Performance_Object_Status", attrs("Query_Name:2:32"));
   auto* created = dynamic_cast<PerfObjectStatus*>(
       queryClassList().getClientClass("XRV_Performance_Object_Status"));
   ASSERT_NE(created, nullptr);
@@ -158,17 +148,15 @@ TEST_F(PerfObjectStatusTest, GroupsNamedAfterTheStatusGroupGetTheirProviderWhile
   EXPECT_EQ(created->getObjectType(), UA_STATUS);
 
   // The exact name is start-up's to create, not the reader's.
-  XRV::testing::defineGroup("Performance_Object_Status",
-                            R"(<attr name="Query_Name" type="2" size="32"/>)");
+  XRV::testing::defineGroup("Performance_Object_Status", attrs("Query_Name:2:32"));
   EXPECT_EQ(queryClassList().getClientClass("Performance_Object_Status"), nullptr);
 }
 
 // Subnodes come and go while the status group is collected: the walk holds the
 // subnode manager's lock, as every change of the provider list does.
 TEST_F(PerfObjectStatusTest, CollectsWhileSubnodesComeAndGo) {
-  AttributeGroupMeta* meta = XRV::testing::defineGroup(
-      "Performance_Object_Status", R"(<attr name="Query_Name" type="2" size="32"/>
-      <attr name="Subnode_Key" type="2" size="16"/>)");
+  AttributeGroupMeta* meta = XRV::testing::defineGroup("Performance_Object_Status",
+                                                       attrs("Query_Name:2:32 Subnode_Key:2:16"));
   auto* web = new TestQueryClass("Web", {{"V"}});
   providers_.addClientClass(web);
   PerfObjectStatus status("ZQM", "Performance_Object_Status", &providers_, meta);

@@ -206,46 +206,6 @@ int FrameworkDouble::invokeCommand(const char* name, const char* commandText, co
   return chosen(FwCommand{name, commandText, node});
 }
 
-FrameworkDouble::Settings FrameworkDouble::settings() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return settings_;
-}
-
-FwAgentLoader FrameworkDouble::agentLoader() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return loader_;
-}
-
-std::vector<FrameworkDouble::Row> FrameworkDouble::rows() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return rows_;
-}
-
-std::vector<FrameworkDouble::Event> FrameworkDouble::events() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return events_;
-}
-
-std::vector<FrameworkDouble::Registration> FrameworkDouble::registrations() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return registrations_;
-}
-
-std::vector<std::string> FrameworkDouble::deregistrations() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return deregistrations_;
-}
-
-std::vector<FrameworkDouble::Audit> FrameworkDouble::auditRecords() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return audits_;
-}
-
-std::vector<TableManager*> FrameworkDouble::tableManagers() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return managers_;
-}
-
 TableManager* FrameworkDouble::findTableManager(const char* table) const {
   std::lock_guard<std::mutex> lock(mutex_);
   for (TableManager* manager : managers_) {

@@ -95,19 +95,26 @@ class FrameworkDouble : public FrameworkHost, public FwRowSink {
   int invokeCommand(const char* name, const char* text, const char* node = nullptr);
 
   // What was recorded, as copies.
-  Settings settings() const;
-  FwAgentLoader agentLoader() const;
-  std::vector<Row> rows() const;
-  std::vector<Event> events() const;
-  std::vector<Registration> registrations() const;
-  std::vector<std::string> deregistrations() const;
-  std::vector<Audit> auditRecords() const;
-  std::vector<TableManager*> tableManagers() const;
+  Settings settings() const { return copied(settings_); }
+  FwAgentLoader agentLoader() const { return copied(loader_); }
+  std::vector<Row> rows() const { return copied(rows_); }
+  std::vector<Event> events() const { return copied(events_); }
+  std::vector<Registration> registrations() const { return copied(registrations_); }
+  std::vector<std::string> deregistrations() const { return copied(deregistrations_); }
+  std::vector<Audit> auditRecords() const { return copied(audits_); }
+  std::vector<TableManager*> tableManagers() const { return copied(managers_); }
   TableManager* findTableManager(const char* table) const;
 
   TraceCapture& trace() { return trace_; }
 
  private:
+  // `field` as it is now: the threads of the agent record while the test reads.
+  template <typename T>
+  T copied(const T& field) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return field;
+  }
+
   mutable std::mutex mutex_;
   TraceCapture trace_;
   Settings settings_;

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <initializer_list>
 #include <string>
 
 #include "EvaluationSupport.h"
@@ -16,7 +17,7 @@ struct Case {
   const char* expected;
 };
 
-void runTable(const Case* cases, size_t count) {
+void runTable(std::initializer_list<Case> cases) {
   ValueRow row;
   row.add("cpu", 95)
       .add("name", "web01")
@@ -27,18 +28,17 @@ void runTable(const Case* cases, size_t count) {
       .addUtf8("city", "Z\xC3\xBCrich")  // Zürich
       .add("pct", "100*")
       .add("Disk Used", 80, "disk_used");
-  for (size_t i = 0; i < count; ++i) {
-    SCOPED_TRACE(cases[i].filter);
-    EXPECT_EQ(evaluateFilter(cases[i].filter, row), cases[i].expected);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.filter);
+    EXPECT_EQ(evaluateFilter(c.filter, row), c.expected);
   }
 }
 
 TEST(Filter, Wildcards) {
-  const Case cases[] = {
+  // clang-format off
+  runTable({
       {"name LIKE \"web*\"", "boolean true"},
-      {"name LIKE 'web?"
-       "?'",
-       "boolean true"},
+      {"name LIKE 'web?" "?'", "boolean true"},
       {"name LIKE 'web?'", "boolean false"},
       {"name LIKE '*01'", "boolean true"},
       {"name LIKE '*'", "boolean true"},
@@ -48,18 +48,16 @@ TEST(Filter, Wildcards) {
       {"name LIKE 'WEB*'", "boolean false"},
       {"name NOT LIKE 'web*'", "boolean false"},
       {"city LIKE 'Z?rich'", "boolean true"},
-      {"city LIKE 'Z?"
-       "?rich'",
-       "boolean false"},
+      {"city LIKE 'Z?" "?rich'", "boolean false"},
       {"pct LIKE '100\\*'", "boolean true"},
       {"pct LIKE '10\\*'", "boolean false"},
       {"cpu LIKE '9*'", "boolean true"},
-  };
-  runTable(cases, std::size(cases));
+  });
+  // clang-format on
 }
 
 TEST(Filter, ComparisonsAndLogic) {
-  const Case cases[] = {
+  runTable({
       {"cpu > 90 AND name LIKE \"web*\"", "boolean true"},
       {"cpu > 90 and name like 'db*'", "boolean false"},
       {"cpu > 90 OR cpu < 10 AND status = 'FAIL'", "boolean true"},
@@ -80,22 +78,20 @@ TEST(Filter, ComparisonsAndLogic) {
       {"host > 'da'", "boolean true"},
       {"disk_used = 80 AND `Disk Used` = 80", "boolean true"},
       {"cpu = '95'", "boolean true"},
-  };
-  runTable(cases, std::size(cases));
+  });
 }
 
 TEST(Filter, EvaluationErrors) {
-  const Case cases[] = {
+  runTable({
       {"missing = 1", "error: attribute missing is not in the row"},
       {"cpu > 90 AND missing = 1", "error: attribute missing is not in the row"},
       {"cpu < 90 AND missing = 1", "boolean false"},  // decided before the missing one
       {"cpu > host", "error: cannot compare text \"db7\" with a number"},
-  };
-  runTable(cases, std::size(cases));
+  });
 }
 
 TEST(Filter, ParseErrorsSayWhatAndWhere) {
-  const Case cases[] = {
+  runTable({
       {"", "parse error at 1: expected an attribute or a value but found end of text"},
       {"cpu > ", "parse error at 7: expected an attribute or a value but found end of text"},
       {"cpu 90", "parse error at 7: expected a comparison or LIKE but found number"},
@@ -110,8 +106,7 @@ TEST(Filter, ParseErrorsSayWhatAndWhere) {
       {"cpu > - 'x'", "parse error at 12: expected a number after '-' but found text \"x\""},
       {"cpu > 90 & x = 1", "parse error at 11: unexpected '&' (did you mean '&&'?)"},
       {"name = 'web", "parse error at 12: text without its closing '"},
-  };
-  runTable(cases, std::size(cases));
+  });
 }
 
 TEST(Filter, DeepNestingIsRefused) {

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <initializer_list>
 #include <string>
 
 #include "EvaluationSupport.h"
@@ -36,16 +37,16 @@ ValueRow standardRow() {
   return row;
 }
 
-void runTable(const Case* cases, size_t count) {
+void runTable(std::initializer_list<Case> cases) {
   ValueRow row = standardRow();
-  for (size_t i = 0; i < count; ++i) {
-    SCOPED_TRACE(cases[i].formula);
-    EXPECT_EQ(evaluateFormula(cases[i].formula, row), cases[i].expected);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.formula);
+    EXPECT_EQ(evaluateFormula(c.formula, row), c.expected);
   }
 }
 
 TEST(Formula, PrecedenceAndAssociativity) {
-  const Case cases[] = {
+  runTable({
       {"1 + 2 * 3", "int32 7"},
       {"(1 + 2) * 3", "int32 9"},
       {"10 - 4 - 3", "int32 3"},
@@ -62,12 +63,11 @@ TEST(Formula, PrecedenceAndAssociativity) {
       {"!(false && false)", "boolean true"},
       {"a - b * 2 > b + 1 * 2", "boolean false"},
       {"a = 7 && b <> 3", "boolean true"},
-  };
-  runTable(cases, std::size(cases));
+  });
 }
 
 TEST(Formula, IntegerAndDoubleArithmetic) {
-  const Case cases[] = {
+  runTable({
       {"a / b", "int32 3"},
       {"a / 2.0", "double 3.5"},
       {"a % b", "int32 1"},
@@ -81,12 +81,11 @@ TEST(Formula, IntegerAndDoubleArithmetic) {
       {"w - 1", "int64 9223372036854775806"},
       {"w - w + b", "int64 2"},  // once 64-bit, stays 64-bit
       {"b + w - w", "int64 0"},  // b + w clamps first
-  };
-  runTable(cases, std::size(cases));
+  });
 }
 
 TEST(Formula, OverflowWidensThenClamps) {
-  const Case cases[] = {
+  runTable({
       {"big + 1", "int64 2147483648"},
       {"big * big", "int64 4611686014132420609"},
       {"-big - 2", "int64 -2147483649"},
@@ -100,20 +99,22 @@ TEST(Formula, OverflowWidensThenClamps) {
       {"9223372036854775807", "int64 9223372036854775807"},
       {"9223372036854775808",
        "parse error at 20: malformed or too large number 9223372036854775808"},
-  };
-  runTable(cases, std::size(cases));
+  });
 }
 
 TEST(Formula, DivisionByZeroGivesZero) {
-  const Case cases[] = {
-      {"a / 0", "int32 0"},  {"a % 0", "int32 0"},    {"w / (b - 2)", "int64 0"},
-      {"d / 0", "double 0"}, {"d % 0.0", "double 0"}, {"1 / 0 + 5", "int32 5"},
-  };
-  runTable(cases, std::size(cases));
+  runTable({
+      {"a / 0", "int32 0"},
+      {"a % 0", "int32 0"},
+      {"w / (b - 2)", "int64 0"},
+      {"d / 0", "double 0"},
+      {"d % 0.0", "double 0"},
+      {"1 / 0 + 5", "int32 5"},
+  });
 }
 
 TEST(Formula, TextsAndUtf8) {
-  const Case cases[] = {
+  runTable({
       {"s + 1", "text abc1"},
       {"s + d", "text abc2.5"},
       {"'x' + \"y\" + s", "text xyabc"},
@@ -143,12 +144,11 @@ TEST(Formula, TextsAndUtf8) {
       {"tonumber('x', -1)", "int32 -1"},
       {"tonumber('1e3')", "double 1000"},
       {"tonumber('0x1f')", "int32 31"},
-  };
-  runTable(cases, std::size(cases));
+  });
 }
 
 TEST(Formula, FunctionsOnNumbers) {
-  const Case cases[] = {
+  runTable({
       {"if(a > b, 'big', 'small')", "text big"},
       {"if(0, 1, 2)", "int32 2"},
       {"if(true, 1, missing)", "int32 1"},
@@ -164,24 +164,22 @@ TEST(Formula, FunctionsOnNumbers) {
       {"round(3.14159, 2)", "double 3.14"},
       {"round(1234, -2)", "int32 1200"},
       {"round(a)", "int32 7"},
-  };
-  runTable(cases, std::size(cases));
+  });
 }
 
 TEST(Formula, AttributeReferences) {
-  const Case cases[] = {
+  runTable({
       {"srcName + 1", "int32 12"},
       {"`Display Name` * 2", "int32 22"},
       {"x", "int32 2"},  // the metric name x, not the display name x
       {"y", "int32 1"},
       {"missing + 1", "error: attribute missing is not in the row"},
       {"`no such one`", "error: attribute no such one is not in the row"},
-  };
-  runTable(cases, std::size(cases));
+  });
 }
 
 TEST(Formula, EvaluationErrors) {
-  const Case cases[] = {
+  runTable({
       {"s * 2", "error: cannot apply * to text \"abc\" and 32-bit integer"},
       {"s > 5", "error: cannot compare text \"abc\" with a number"},
       {"true + 1", "error: cannot apply + to boolean and 32-bit integer"},
@@ -200,14 +198,13 @@ TEST(Formula, EvaluationErrors) {
       {"average(a)",
        "error: average has no samples here (interval functions work in formulas of attributes "
        "only)"},
-  };
-  runTable(cases, std::size(cases));
+  });
 }
 
 // The column is one past the last character read: the definition reader's marker
 // line puts its "^" under that last character.
 TEST(Formula, ParseErrorsSayWhatAndWhere) {
-  const Case cases[] = {
+  runTable({
       {"", "parse error at 1: unexpected end of text"},
       {"a +", "parse error at 4: unexpected end of text"},
       {"a + * b", "parse error at 6: unexpected '*'"},
@@ -226,8 +223,7 @@ TEST(Formula, ParseErrorsSayWhatAndWhere) {
       {"a # b", "parse error at 4: unexpected character '#'"},
       {"matches(s, '(')",
        "parse error at 16: invalid regular expression \"(\": U_REGEX_MISMATCHED_PAREN at offset 1"},
-  };
-  runTable(cases, std::size(cases));
+  });
 }
 
 TEST(Formula, DeepNestingIsRefusedNotOverflowed) {

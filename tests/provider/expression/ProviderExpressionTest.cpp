@@ -17,11 +17,13 @@
 #include "framework/Configuration.h"
 #include "provider/ResultInstance.h"
 #include "provider/ResultMetric.h"
+#include "support/Attributes.h"
 #include "support/FrameworkDouble.h"
 #include "support/TraceCapture.h"
 
 namespace {
 
+using XRV::testing::attrs;
 using XRV::testing::TestMetric;
 using XRV::testing::TestQueryClass;
 using XRV::testing::TraceCapture;
@@ -69,11 +71,7 @@ class ProviderExpressionTest : public XRV::testing::ProviderTest {
 
 TEST_F(ProviderExpressionTest, FormulasAreComputedInListOrderOnEveryCollection) {
   auto source =
-      provider("CALC",
-               R"(<attr name="Name" type="2" size="16"/><attr name="A" type="0" size="4"/>)"
-               R"(<attr name="B" type="0" size="4"/><attr name="Ratio" type="0" size="4"/>)"
-               R"(<attr name="Label" type="2" size="32"/><attr name="Later" type="0" size="4"/>)"
-               R"(<attr name="Next" type="0" size="4"/>)",
+      provider("CALC", attrs("Name:2:16 A:0:4 B:0:4 Ratio:0:4 Label:2:32 Later:0:4 Next:0:4"),
                {{"Name", STRING_DATA, true}, {"A"}, {"B"}},
                {{"Ratio", "(A * 100) / (B + 1)"},
                 {"Label", "Name + ':' + tostring(Ratio)", STRING_DATA},  // an earlier derived value
@@ -92,22 +90,18 @@ TEST_F(ProviderExpressionTest, FormulasAreComputedInListOrderOnEveryCollection) 
 }
 
 TEST_F(ProviderExpressionTest, FailedFormulasReportMinusOneOrEmptyText) {
-  auto source =
-      provider("FAIL",
-               R"(<attr name="Name" type="2" size="16"/><attr name="Number" type="0" size="4"/>)"
-               R"(<attr name="Text" type="2" size="16"/><attr name="Wide" type="9" size="8"/>)",
-               {{"Name", STRING_DATA, true}},
-               {{"Number", "Name * 2"},
-                {"Text", "substr(Name, Missing)", STRING_DATA},
-                {"Wide", "tostring(2147483647 + 1)", NUMERIC_64BIT_DATA}});
+  auto source = provider("FAIL", attrs("Name:2:16 Number:0:4 Text:2:16 Wide:9:8"),
+                         {{"Name", STRING_DATA, true}},
+                         {{"Number", "Name * 2"},
+                          {"Text", "substr(Name, Missing)", STRING_DATA},
+                          {"Wide", "tostring(2147483647 + 1)", NUMERIC_64BIT_DATA}});
   EXPECT_EQ(sample(*source, {{"x"}}), (Rows{{"n", "x", "-1", "", "2147483648"}}));
 }
 
 TEST_F(ProviderExpressionTest, AFormulaThatDoesNotParseIsTracedWithItsMarkerAndIsMinusOne) {
   TraceCapture capture("error");
-  auto source = provider(
-      "BAD", R"(<attr name="K" type="2" size="4"/><attr name="Broken" type="0" size="4"/>)",
-      {{"K", STRING_DATA, true}}, {{"Broken", "K + * 3"}});
+  auto source = provider("BAD", attrs("K:2:4 Broken:0:4"), {{"K", STRING_DATA, true}},
+                         {{"Broken", "K + * 3"}});
   EXPECT_TRUE(capture.hasText("Error parsing expression:\nK + * 3\n    ^"));
   EXPECT_TRUE(capture.hasText(
       "Due to the expression parsing error, the value of metric Broken will be set to -1."));
@@ -118,10 +112,8 @@ TEST_F(ProviderExpressionTest, AFormulaThatDoesNotParseIsTracedWithItsMarkerAndI
 TEST_F(ProviderExpressionTest, FiltersMarkEveryRowAndExpandVariables) {
   setConfigurationProperty("CPU_LIMIT", "90");
   auto source = provider(
-      "HOSTS",
-      R"(<attr name="name" type="2" size="16"/><attr name="cpu" type="0" size="4"/>)"
-      R"(<attr name="busy" type="0" size="4"/>)",
-      {{"name", STRING_DATA, true}, {"cpu"}}, {{"busy", "cpu - 50"}},
+      "HOSTS", attrs("name:2:16 cpu:0:4 busy:0:4"), {{"name", STRING_DATA, true}, {"cpu"}},
+      {{"busy", "cpu - 50"}},
       R"(filter_expression="cpu &gt; ${CPU_LIMIT} AND name LIKE &quot;web*&quot; AND busy &gt; 0")");
   EXPECT_EQ(sample(*source, {{"web1", "95"}, {"web2", "50"}, {"db1", "99"}, {"web3", "91"}}),
             (Rows{{"n", "web1", "95", "45"}, {"n", "web3", "91", "41"}}));
@@ -131,34 +123,22 @@ TEST_F(ProviderExpressionTest, FilterErrorsAreTracedAndTheRowIsDropped) {
   struct Case {
     const char* grammar;
     const char* filter;
-    const char* trace;  // exact text
+    std::string trace;  // exact text
     Rows rows;
   };
+  const char* const missing =
+      "AG F, error from filterExpression->evaluate: attribute missing is not in the row";
+  const std::string notBoolean =
+      "Error:  filter should have returned a boolean (ExpressionType[1]) but instead returned ";
+  const Rows both = {{"n", "a", "1"}, {"n", "b", "2"}};
   const Case cases[] = {
-      {"filter",
-       "missing = 1",
-       "AG F, error from filterExpression->evaluate: attribute missing is not in the row",
-       {}},
-      {"filter",
-       "name = 'a' OR missing = 1",
-       "AG F, error from filterExpression->evaluate: attribute missing is not in the row",
-       {{"n", "a", "1"}}},
-      {"expression",
-       "cpu + 1",
-       "Error:  filter should have returned a boolean (ExpressionType[1]) but instead returned "
-       "ExpressionType[2]",
-       {}},
-      {"expression",
-       "name + 'x'",
-       "Error:  filter should have returned a boolean (ExpressionType[1]) but instead returned "
-       "ExpressionType[5]",
-       {}},
+      {"filter", "missing = 1", missing, {}},
+      {"filter", "name = 'a' OR missing = 1", missing, {{"n", "a", "1"}}},
+      {"expression", "cpu + 1", notBoolean + "ExpressionType[2]", {}},
+      {"expression", "name + 'x'", notBoolean + "ExpressionType[5]", {}},
       {"expression", "cpu > 1 && like(name, 'b*')", "", {{"n", "b", "2"}}},
-      {"filter", "cpu >", "AG F, error parsing filters", {{"n", "a", "1"}, {"n", "b", "2"}}},
-      {"expression",
-       "delta(cpu) > 0",
-       "AG F, error parsing filters",
-       {{"n", "a", "1"}, {"n", "b", "2"}}},
+      {"filter", "cpu >", "AG F, error parsing filters", both},
+      {"expression", "delta(cpu) > 0", "AG F, error parsing filters", both},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.grammar) + ": " + c.filter);
@@ -171,11 +151,10 @@ TEST_F(ProviderExpressionTest, FilterErrorsAreTracedAndTheRowIsDropped) {
         agAttributes.replace(at, 1, to);
       }
     }
-    auto source = provider(
-        "F", R"(<attr name="name" type="2" size="8"/><attr name="cpu" type="0" size="4"/>)",
-        {{"name", STRING_DATA, true}, {"cpu"}}, {}, agAttributes);
+    auto source = provider("F", attrs("name:2:8 cpu:0:4"), {{"name", STRING_DATA, true}, {"cpu"}},
+                           {}, agAttributes);
     EXPECT_EQ(sample(*source, {{"a", "1"}, {"b", "2"}}), c.rows);
-    if (*c.trace != '\0') {
+    if (!c.trace.empty()) {
       EXPECT_TRUE(capture.hasText(c.trace));
     }
     resetDefinitionState();
@@ -185,18 +164,13 @@ TEST_F(ProviderExpressionTest, FilterErrorsAreTracedAndTheRowIsDropped) {
 // Interval functions without an interval: each collection adds a sample, and the
 // functions look at the last two.
 TEST_F(ProviderExpressionTest, IntervalFunctionsAcrossSamples) {
-  auto source =
-      provider("IVL",
-               R"(<attr name="K" type="2" size="4"/><attr name="V" type="0" size="4"/>)"
-               R"(<attr name="Delta" type="9" size="8"/><attr name="Rate" type="0" size="4"/>)"
-               R"(<attr name="Avg" type="0" size="4"/><attr name="Min" type="0" size="4"/>)"
-               R"(<attr name="Max" type="0" size="4"/>)",
-               {{"K", STRING_DATA, true}, {"V"}},
-               {{"Delta", "delta(V)", NUMERIC_64BIT_DATA},
-                {"Rate", "round(rate(V) * 10)"},
-                {"Avg", "round(average(V) * 10)"},
-                {"Min", "minimum(V)"},
-                {"Max", "maximum(V)"}});
+  auto source = provider("IVL", attrs("K:2:4 V:0:4 Delta:9:8 Rate:0:4 Avg:0:4 Min:0:4 Max:0:4"),
+                         {{"K", STRING_DATA, true}, {"V"}},
+                         {{"Delta", "delta(V)", NUMERIC_64BIT_DATA},
+                          {"Rate", "round(rate(V) * 10)"},
+                          {"Avg", "round(average(V) * 10)"},
+                          {"Min", "minimum(V)"},
+                          {"Max", "maximum(V)"}});
   struct Step {
     int advance;
     const char* value;
@@ -220,15 +194,11 @@ TEST_F(ProviderExpressionTest, IntervalFunctionsAcrossSamples) {
 // Requests with intervals of their own read the same samples over their own
 // windows; reading changes nothing.
 TEST_F(ProviderExpressionTest, IntervalFunctionsForTwoConcurrentRequests) {
-  auto source =
-      provider("REQ",
-               R"(<attr name="K" type="2" size="4"/><attr name="V" type="0" size="4"/>)"
-               R"(<attr name="Delta" type="0" size="4"/><attr name="Avg" type="0" size="4"/>)"
-               R"(<attr name="Max" type="0" size="4"/>)",
-               {{"K", STRING_DATA, true}, {"V"}},
-               {{"Delta", "delta(V)", NUMERIC_DATA, true},
-                {"Avg", "round(average(V))", NUMERIC_DATA, true},
-                {"Max", "maximum(V)", NUMERIC_DATA, true}});
+  auto source = provider("REQ", attrs("K:2:4 V:0:4 Delta:0:4 Avg:0:4 Max:0:4"),
+                         {{"K", STRING_DATA, true}, {"V"}},
+                         {{"Delta", "delta(V)", NUMERIC_DATA, true},
+                          {"Avg", "round(average(V))", NUMERIC_DATA, true},
+                          {"Max", "maximum(V)", NUMERIC_DATA, true}});
   source->setRefreshInterval(10);
   source->setRequestInterval("every-minute", 60);
   source->setRequestInterval("every-30s", 30);
@@ -260,13 +230,10 @@ TEST_F(ProviderExpressionTest, IntervalFunctionsForTwoConcurrentRequests) {
 
 TEST_F(ProviderExpressionTest, EventsGetTheirFormulasToo) {
   XRV::testing::FrameworkDouble framework;
-  auto source =
-      provider("EVT",
-               R"(<attr name="Msg" type="2" size="16"/><attr name="Sev" type="0" size="4"/>)"
-               R"(<attr name="Loud" type="0" size="4"/><attr name="Seen" type="0" size="4"/>)",
-               {{"Msg", STRING_DATA, true}, {"Sev"}},
-               {{"Loud", "if(Sev >= 3 && contains(Msg, 'disk'), 1, 0)"}, {"Seen", "delta(Sev)"}},
-               R"(pure="true" filter_expression="Loud = 1")");
+  auto source = provider(
+      "EVT", attrs("Msg:2:16 Sev:0:4 Loud:0:4 Seen:0:4"), {{"Msg", STRING_DATA, true}, {"Sev"}},
+      {{"Loud", "if(Sev >= 3 && contains(Msg, 'disk'), 1, 0)"}, {"Seen", "delta(Sev)"}},
+      R"(pure="true" filter_expression="Loud = 1")");
   ResultInstance* quiet = source->makeRow({"cpu hot", "5"});
   EXPECT_FALSE(source->sendEventData(quiet, STORE_INTERVAL_DATA)) << "filtered out";
   delete quiet;
@@ -278,10 +245,8 @@ TEST_F(ProviderExpressionTest, EventsGetTheirFormulasToo) {
 
 TEST_F(ProviderExpressionTest, AHistoricalRequestPurgesTheSamples) {
   setConfigurationProperty("CDP_HIST_AGGREGATE_RESULTS", "Y");
-  auto source = provider("HIST",
-                         R"(<attr name="K" type="2" size="4"/><attr name="V" type="0" size="4"/>)"
-                         R"(<attr name="D" type="0" size="4"/>)",
-                         {{"K", STRING_DATA, true}, {"V"}}, {{"D", "delta(V)"}});
+  auto source = provider("HIST", attrs("K:2:4 V:0:4 D:0:4"), {{"K", STRING_DATA, true}, {"V"}},
+                         {{"D", "delta(V)"}});
   sample(*source, {{"k", "10"}});
   EXPECT_EQ(sample(*source, {{"k", "15"}}), (Rows{{"n", "k", "15", "5"}}));
   source->setPreviousRequestHistorical(true);
