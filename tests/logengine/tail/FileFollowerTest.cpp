@@ -206,6 +206,58 @@ TEST_F(FileFollowerTest, RenameWhileDownIsReadToTheEndOfTheOldFile) {
   EXPECT_EQ(take(), Lines{"e"});
 }
 
+TEST_F(FileFollowerTest, ResumeChecksThatTheSavedFileIsStillTheSame) {
+  struct Case {
+    const char* name;
+    std::function<void(FileFollowerTest&)> whileDown;
+    Lines expected;
+  };
+  const Case cases[] = {
+      {"appended", [](FileFollowerTest& t) { t.append("more\n"); }, {"more"}},
+      {"truncated shorter", [](FileFollowerTest& t) { std::ofstream(t.log_, std::ios::binary) << "x\n"; }, {"x"}},
+      {"rewritten longer with another head",
+       [](FileFollowerTest& t) { std::ofstream(t.log_, std::ios::binary) << "other first line\nother second line\n"; },
+       {"other first line", "other second line"}},
+      // The inode number may well be reused; the first bytes tell the files apart.
+      {"deleted and recreated",
+       [](FileFollowerTest& t) {
+         fs::remove(t.log_);
+         t.append("recreated with a longer first line\n");
+       },
+       {"recreated with a longer first line"}},
+  };
+  for (const auto& c : cases) {
+    fs::remove(log_);
+    append("first line\nsecond line\n");
+    follower(options(StartMode::RestartFromTop))->poll();
+    take();
+    c.whileDown(*this);
+    auto f = follower(options());
+    f->poll();
+    EXPECT_EQ(take(), c.expected) << c.name;
+  }
+}
+
+TEST_F(FileFollowerTest, RotatedFileIsReadUntilItStaysQuietForTheGrace) {
+  auto o = options(StartMode::RestartFromTop);
+  o.rotatedFileGrace = 150ms;
+  append("a\n");
+  const std::size_t before = openDescriptors();
+  auto f = follower(o);
+  f->poll();
+  fs::rename(log_, dir_ / "app.log.1");
+  f->poll();
+  EXPECT_EQ(openDescriptors(), before + 3) << "eventfd, inotify and the old file";
+  append("late\n", dir_ / "app.log.1");
+  f->poll();
+  std::this_thread::sleep_for(200ms);
+  f->poll();
+  EXPECT_EQ(openDescriptors(), before + 2) << "the old file is closed";
+  append("too late\n", dir_ / "app.log.1");
+  f->poll();
+  EXPECT_EQ(take(), (Lines{"a", "late"}));
+}
+
 TEST_F(FileFollowerTest, PollingAloneFindsChangesWithoutBusyWaiting) {
   auto o = options(StartMode::RestartFromTop);
   o.useInotify = false;

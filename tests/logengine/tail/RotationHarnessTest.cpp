@@ -27,12 +27,19 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
-constexpr std::uint64_t kCapacity = 40000;
+constexpr std::uint64_t kLinesPerRound = 16000;
+
+// XRVLOG_HARNESS_ROUNDS runs the scenario more often, for a longer soak.
+int rounds() {
+  const char* text = std::getenv("XRVLOG_HARNESS_ROUNDS");
+  const int n = text == nullptr ? 0 : std::atoi(text);
+  return n > 0 ? n : 2;
+}
 
 class Harness {
 public:
-  Harness() {
-    counts_.assign(kCapacity, 0);
+  explicit Harness(std::uint64_t capacity) : capacity_(capacity) {
+    counts_.assign(capacity_, 0);
     openLog();
   }
   ~Harness() {
@@ -58,6 +65,8 @@ public:
   void stopFollower() {
     follower_->stop();
     runner_.join();
+    rotations_ += follower_->stats().rotations;
+    truncations_ += follower_->stats().truncations;
     follower_.reset();
   }
 
@@ -140,6 +149,8 @@ public:
   }
 
   std::uint64_t written() const { return next_; }
+  std::uint64_t rotations() const { return rotations_; }
+  std::uint64_t truncations() const { return truncations_; }
   fs::path dir() const { return dir_; }
   fs::path log() const { return log_; }
 
@@ -161,7 +172,7 @@ private:
   void take(std::string_view line, unsigned flags) {
     std::uint64_t seq = 0;
     const bool parsed = line.size() > 9 && line[0] == 'L' &&
-                        std::from_chars(line.data() + 1, line.data() + 9, seq).ec == std::errc() && seq < kCapacity;
+                        std::from_chars(line.data() + 1, line.data() + 9, seq).ec == std::errc() && seq < capacity_;
     std::lock_guard lock(mutex_);
     if (flags != kLineComplete) {
       // A torn line can only come from a truncation cutting a line short.
@@ -178,7 +189,7 @@ private:
   }
   std::uint64_t lowestMissing() {
     std::lock_guard lock(mutex_);
-    while (cursor_ < kCapacity && (counts_[cursor_] != 0 || inWindow(cursor_))) {
+    while (cursor_ < capacity_ && (counts_[cursor_] != 0 || inWindow(cursor_))) {
       ++cursor_;
     }
     return cursor_;
@@ -187,6 +198,7 @@ private:
   test::TempDir temp_{"xrvlog-harness"};
   fs::path dir_ = temp_.path();
   fs::path log_ = dir_ / "app.log";
+  std::uint64_t capacity_;
   int fd_ = -1;
   std::uint64_t next_ = 0; // the writer's next sequence number
   std::unique_ptr<FileFollower> follower_;
@@ -195,56 +207,64 @@ private:
   std::vector<std::uint8_t> counts_;
   std::vector<std::pair<std::uint64_t, std::uint64_t>> windows_;
   std::uint64_t cursor_ = 0;
+  std::uint64_t rotations_ = 0, truncations_ = 0;
   std::uint64_t stray_ = 0, damagedInside_ = 0, damagedOutside_ = 0;
 };
 
 TEST(RotationHarnessTest, EveryLineOnceThroughRotationsAndRestarts) {
-  Harness h;
+  const int n = rounds();
+  Harness h(kLinesPerRound * static_cast<std::uint64_t>(n));
   h.startFollower(StartMode::RestartFromTop);
-  h.write(2000);
+  for (int round = 0; round < n; ++round) {
+    h.write(2000);
 
-  // Rename: the writer keeps appending to the old file for a while.
-  fs::rename(h.log(), h.dir() / "app.log.1");
-  h.write(200);
-  h.reopen();
-  h.write(2000);
+    // Rename: the writer keeps appending to the old file for a while.
+    fs::rename(h.log(), h.dir() / "app.log.1");
+    h.write(200);
+    h.reopen();
+    h.write(2000);
 
-  // copytruncate, with lines written while the copy is made.
-  h.copyTruncate(100);
-  h.write(2000);
+    // copytruncate, with lines written while the copy is made.
+    h.copyTruncate(100);
+    h.write(2000);
 
-  // Truncated in place once everything was read.
-  h.truncateInPlace();
-  h.write(2000);
+    // Truncated in place once everything was read.
+    h.truncateInPlace();
+    h.write(2000);
 
-  // Deleted, still written through the open descriptor, then recreated.
-  fs::remove(h.log());
-  h.write(200);
-  h.reopen();
-  h.write(2000);
+    // Deleted, still written through the open descriptor, then recreated.
+    fs::remove(h.log());
+    h.write(200);
+    h.reopen();
+    h.write(2000);
 
-  // Restart without rotation.
-  h.stopFollower();
-  h.write(300);
-  h.startFollower(StartMode::Tail);
-  h.write(1000);
+    // Restart without rotation.
+    h.stopFollower();
+    h.write(300);
+    h.startFollower(StartMode::Tail);
+    h.write(1000);
 
-  // Restart with a rename rotation while stopped.
-  h.stopFollower();
-  h.write(500);
-  fs::rename(h.log(), h.dir() / "app.log.2");
-  h.write(100);
-  h.reopen();
-  h.write(500);
-  h.startFollower(StartMode::Tail);
-  h.write(2000);
+    // Restart with a rename rotation while stopped.
+    h.stopFollower();
+    h.write(500);
+    fs::rename(h.log(), h.dir() / "app.log.2");
+    h.write(100);
+    h.reopen();
+    h.write(500);
+    h.startFollower(StartMode::Tail);
+    h.write(2000);
 
-  // A second copytruncate, right after a burst.
-  h.copyTruncate(50);
-  h.write(1000);
+    // A second copytruncate, right after a burst.
+    h.copyTruncate(50);
+    h.write(1000);
+  }
 
   EXPECT_TRUE(h.waitFor(h.written())) << "not every line arrived";
   h.stopFollower();
+  // Per round: rename, delete, the rename found at restart; two copytruncates and
+  // one truncation in place.
+  EXPECT_EQ(h.rotations(), 3U * static_cast<unsigned>(n));
+  EXPECT_EQ(h.truncations(), 3U * static_cast<unsigned>(n));
   const std::string report = h.verify();
   std::cout << "[ harness  ] " << h.written() << " lines written; " << report << '\n';
   ::testing::Test::RecordProperty("copytruncate", report);
