@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 
 namespace xrvlog {
 namespace {
@@ -64,6 +65,9 @@ struct FileFollower::OpenFile {
   Signature signature;
   LineAssembler lines;
   Clock::time_point lastGrowth;
+  // After a truncation: a writer that does not append keeps writing at its old offset
+  // and leaves a hole of NUL bytes at the top, which is no log text.
+  bool skipNuls = false;
 };
 
 FileFollower::FileFollower(FollowerOptions options, LineHandler handler)
@@ -195,7 +199,15 @@ void FileFollower::readAvailable(OpenFile& file) {
     file.readPosition += static_cast<std::uint64_t>(got);
     file.lastGrowth = Clock::now();
     stats_.bytes += static_cast<std::uint64_t>(got);
-    file.lines.commit(static_cast<std::size_t>(got), counting_);
+    std::size_t text = static_cast<std::size_t>(got);
+    if (file.skipNuls) {
+      const std::size_t nuls = static_cast<std::size_t>(
+          std::find_if(space.data(), space.data() + text, [](char c) { return c != '\0'; }) - space.data());
+      file.skipNuls = nuls == text;
+      text -= nuls;
+      std::memmove(space.data(), space.data() + nuls, text);
+    }
+    file.lines.commit(text, counting_);
     stateDirty_ = true;
     if (static_cast<std::size_t>(got) < space.size()) {
       return;
@@ -218,6 +230,7 @@ void FileFollower::checkTruncation(OpenFile& file) {
   // Truncated (copytruncate or in place): what was held belongs to the old contents.
   file.lines.flushPartial(counting_);
   file.readPosition = 0;
+  file.skipNuls = true;
   file.signature = readSignature(file.fd, options_.signatureBytes).value_or(Signature{});
   ++stats_.truncations;
   stateDirty_ = true;

@@ -9,7 +9,7 @@
 //    No other member may be called concurrently with them, except stop().
 //  - stop() may be called from any thread, at any time: it makes wait() and run()
 //    return promptly.
-//  - The handler must not call back into the follower.
+//  - The handler must not throw or call back into the follower.
 //
 // Reading is woken by inotify (changes to the file, names appearing in its directory)
 // and, whatever inotify says, by a check every fileMonitorFrequency; between those the
@@ -17,11 +17,18 @@
 // its end (and kept for rotatedFileGrace in case the writer still appends to it)
 // before the file now under the name is read from its top. A file that shrinks below
 // the read position, or whose first bytes change, was truncated: it is read again from
-// its top. Lines that a copytruncate copies away before they were read are not seen.
+// its top, skipping the NUL bytes a writer that does not append leaves there.
+//
+// The one loss: copytruncate copies the file away and then empties it. Lines written
+// after the follower's last read and before the truncation are only in the copy, which
+// is not followed; the window is usually one wake-up long (see the rotation harness).
 //
 // With a state file, the position is saved every stateSaveInterval and when run()
 // returns or the follower is destroyed; after a crash, the lines handed out since the
-// last save are handed out again.
+// last save are handed out again. At restart the saved inode is looked for under the
+// name and then in the same directory (a rename during the downtime), and its first
+// bytes must still match. Of a file rotated away while the follower ran, what is
+// appended after the stop is not read. A stopped follower stays stopped.
 
 #include "FollowState.h"
 #include "LineAssembler.h"

@@ -156,6 +156,14 @@ TEST_F(FileFollowerTest, RotationsAndTruncationsWithoutWriterRaces) {
          t.append("new\n");
        },
        {"new"}, 0, 1},
+      {"truncated under a writer that keeps its offset",
+       [](FileFollowerTest& t) {
+         fs::resize_file(t.log_, 0);
+         std::fstream out(t.log_, std::ios::binary | std::ios::in | std::ios::out);
+         out.seekp(16);
+         out << "new\n";
+       },
+       {"new"}, 0, 1},
       {"rewritten in place past the read position",
        [](FileFollowerTest& t) {
          std::ofstream(t.log_, std::ios::binary) << "NEW FIRST\nNEW SECOND\nNEW THIRD\n";
