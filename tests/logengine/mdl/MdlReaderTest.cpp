@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
+#include <fstream>
 #include <functional>
 #include <string>
 
@@ -18,7 +19,8 @@ MdlDocument readOk(const std::string& text) {
   return result.ok() ? result.document() : MdlDocument{};
 }
 
-// Tag bytes the format-file mode puts around slot names and values.
+// Tag bytes the format-file mode puts around slot names and values. Its expressions
+// hold real tab characters in "[ \t]".
 const std::string kSlot = "\x01" "msg" "\x04" "\x02" "$2" "\x03";
 
 const std::string kGenerated =
@@ -32,10 +34,10 @@ const std::string kGenerated =
     "SSH_AUTH_TYPE='PASSWORD' SSH_PUB_KEYFILE='/k.pub' SSH_PRIV_KEYFILE='/k'\n"
     "//SOURCE FILE '/tmp/.zelto/xrv_1.pipe' UNMATCHLOG='' codepage= CompareByAllMatches "
     "FileMonitorFrequency=5\n"
-    "//RECORDSET  END(0,regex,(?m)^()[ \\t]*Start (\\S+)|^()[ \\t]*Begin\\r?\\n)\n"
+    "//RECORDSET  END(0,regex,(?m)^()[ \t]*Start (\\S+)|^()[ \t]*Begin\\r?\\n)\n"
     "//ATTRIBUTES NEWLINE\n"
-    "OBVEvent Z 2048 +FILTER={ScanRegEx(0,^()[ \\t]*Disk (\\S+) is full[ \\t]*()$,REPLACEFIRST(" +
-    kSlot + ")) OR ScanRegEx(0,^()[ \\t\\t\\r\\f\\v]*a\\{1,2\\}\\(x\\) \\[\\.\\][ \\t]*()$) OR "
+    "OBVEvent Z 2048 +FILTER={ScanRegEx(0,^()[ \t]*Disk (\\S+) is full[ \t]*()$,REPLACEFIRST(" +
+    kSlot + ")) OR ScanRegEx(0,^()[ \t\\t\\r\\f\\v]*a\\{1,2\\}\\(x\\) \\[\\.\\][ \t]*()$) OR "
     "MatchRegEx(0,()[^)]{1,3}(?:x|y)()" + ",REPLACEFIRST(" + kSlot + "))} @Generated WSK Event\n"
     "RemoteHost H 64 @Name of host where event originated, if not local\n";
 
@@ -90,7 +92,7 @@ TEST(MdlReader, ReadsTheRecordSetAndTheEventFilterTheFormatFileModeWrites) {
   MdlDocument document = readOk(kGenerated);
   ASSERT_TRUE(document.recordSet.has_value());
   EXPECT_EQ(document.recordSet->boundary, MdlRecordSet::Boundary::End);
-  EXPECT_EQ(document.recordSet->pattern, "(?m)^()[ \\t]*Start (\\S+)|^()[ \\t]*Begin\\r?\\n");
+  EXPECT_EQ(document.recordSet->pattern, "(?m)^()[ \t]*Start (\\S+)|^()[ \t]*Begin\\r?\\n");
   EXPECT_EQ(document.split, FieldSplit::Whole);
   ASSERT_EQ(document.attributes.size(), 2u);
 
@@ -104,10 +106,10 @@ TEST(MdlReader, ReadsTheRecordSetAndTheEventFilterTheFormatFileModeWrites) {
   const auto& terms = event.filters[0].alternatives;
   ASSERT_EQ(terms.size(), 3u);
   EXPECT_EQ(terms[0].kind, MdlPattern::Kind::Scan);
-  EXPECT_EQ(terms[0].regex, "^()[ \\t]*Disk (\\S+) is full[ \\t]*()$");
+  EXPECT_EQ(terms[0].regex, "^()[ \t]*Disk (\\S+) is full[ \t]*()$");
   EXPECT_EQ(terms[0].replaceFirst, kSlot);
   EXPECT_EQ(terms[0].column, 26);
-  EXPECT_EQ(terms[1].regex, "^()[ \\t\\t\\r\\f\\v]*a\\{1,2\\}\\(x\\) \\[\\.\\][ \\t]*()$");
+  EXPECT_EQ(terms[1].regex, "^()[ \t\\t\\r\\f\\v]*a\\{1,2\\}\\(x\\) \\[\\.\\][ \t]*()$");
   EXPECT_FALSE(terms[1].replaceFirst.has_value());
   EXPECT_EQ(terms[2].kind, MdlPattern::Kind::Match);
   EXPECT_EQ(terms[2].regex, "()[^)]{1,3}(?:x|y)()");
@@ -241,6 +243,31 @@ TEST(MdlReader, ReadsEveryRegexSourceAndItsGroups) {
   EXPECT_EQ(source.description, "app logs");
   EXPECT_EQ(source.restart, RestartPosition::FromEnd);
   EXPECT_FALSE(source.eraseRestart);
+}
+
+// Every complete example in the operator's reference (a block that starts with
+// //APPL) reads as it stands there.
+TEST(MdlReader, ReadsTheExamplesOfTheReference) {
+  std::ifstream doc(MDL_DOC);
+  ASSERT_TRUE(doc.is_open());
+  std::string line;
+  std::string block;
+  bool inBlock = false;
+  int examples = 0;
+  while (std::getline(doc, line)) {
+    if (line.starts_with("```")) {
+      if (inBlock && block.starts_with("//APPL")) {
+        MdlReadResult result = MdlReader::read(block);
+        EXPECT_TRUE(result.ok()) << result.error().toString() << "\n" << block;
+        ++examples;
+      }
+      inBlock = !inBlock;
+      block.clear();
+    } else if (inBlock) {
+      block += line + "\n";
+    }
+  }
+  EXPECT_EQ(examples, 2);
 }
 
 }  // namespace
