@@ -53,11 +53,23 @@ size_t skipClass(const MdlCursor& cursor, std::string_view text, size_t open, si
   cursor.failAt(base + open, "the character class opened here is never closed");
 }
 
+// Whether the group opening `group` captures: a plain group or a named one, not
+// (?:...), a look-around or an option setting.
+bool isCapture(std::string_view group) {
+  if (group.size() < 2 || group[1] != '?') {
+    return group.size() < 2 || group[1] != '*';
+  }
+  if (group.starts_with("(?P<") || group.starts_with("(?'")) {
+    return true;
+  }
+  return group.starts_with("(?<") && group.size() > 3 && group[3] != '=' && group[3] != '!';
+}
+
 // Follows a regular expression from `begin`. Returns the first position outside
 // every group at which `stop` holds, or npos when the text ends first; groups
 // must balance and nest no deeper than the limit.
 size_t scanRegex(const MdlCursor& cursor, std::string_view text, size_t begin, size_t base,
-                 const std::function<bool(size_t)>& stop) {
+                 const std::function<bool(size_t)>& stop, int* captures = nullptr) {
   std::vector<size_t> open;
   size_t i = begin;
   while (i < text.size()) {
@@ -86,6 +98,9 @@ size_t scanRegex(const MdlCursor& cursor, std::string_view text, size_t begin, s
                                     std::to_string(MdlLimits::kGroupNesting) + " levels");
       }
       open.push_back(i);
+      if (captures != nullptr && isCapture(text.substr(i))) {
+        ++*captures;
+      }
       ++i;
     } else if (c == ')') {
       if (open.empty()) {
@@ -228,8 +243,10 @@ MdlRecordSet readRecordSet(MdlCursor& cursor) {
   return recordSet;
 }
 
-void checkGroups(const MdlCursor& cursor, size_t start, const std::string& regex) {
-  scanRegex(cursor, regex, 0, start, [](size_t) { return false; });
+int checkGroups(const MdlCursor& cursor, size_t start, const std::string& regex) {
+  int captures = 0;
+  scanRegex(cursor, regex, 0, start, [](size_t) { return false; }, &captures);
+  return captures;
 }
 
 }  // namespace xrvlog

@@ -18,7 +18,8 @@ MdlFilter readFilter(MdlCursor& cursor, bool drop);
 MdlRecordSet readRecordSet(MdlCursor& cursor);
 
 // An expression that runs to the end of a quoted value: checks that its groups
-// close and nest within the limit. `start` is the column the value starts at.
-void checkGroups(const MdlCursor& cursor, size_t start, const std::string& regex);
+// close and nest within the limit, and returns how many groups capture. `start` is
+// where the value starts in the line.
+int checkGroups(const MdlCursor& cursor, size_t start, const std::string& regex);
 
 }  // namespace xrvlog

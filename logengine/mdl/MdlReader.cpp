@@ -342,7 +342,7 @@ class Reader {
       if (document_.fieldRegex.empty()) {
         cursor.failAt(start - 1, "the expression is empty");
       }
-      checkGroups(cursor, start, document_.fieldRegex);
+      fieldGroups_ = checkGroups(cursor, start, document_.fieldRegex);
     } else {
       cursor.fail("NEWLINE, TAB, a quoted delimiter or REGEX='expression'");
     }
@@ -446,7 +446,9 @@ class Reader {
         cursor.advance();
       }
       attribute.group = std::string(cursor.text().substr(at, cursor.position() - at));
-      if (attribute.group.empty() || attribute.group.size() > MdlLimits::kNameBytes) {
+      bool number = !attribute.group.empty() && attribute.group[0] >= '0' && attribute.group[0] <= '9';
+      if (attribute.group.empty() || attribute.group.size() > MdlLimits::kNameBytes ||
+          (number && attribute.group.find_first_not_of("0123456789") != std::string::npos)) {
         cursor.setPosition(at);
         cursor.fail("a group number or name");
       }
@@ -456,25 +458,43 @@ class Reader {
   }
 
   // With fields from one expression, an attribute names the group it takes: by
-  // GROUP=, or by being named like the group. A number is checked by the matcher.
+  // GROUP=, or by being named like the group; and a filter's input is one of the
+  // expression's groups.
   void checkGroupReference(const MdlCursor& cursor, size_t start, const MdlAttribute& attribute) {
-    if (document_.split != FieldSplit::Regex || attribute.type == AttributeType::RemoteHost) {
+    if (document_.split != FieldSplit::Regex) {
+      return;
+    }
+    for (const MdlFilter& filter : attribute.filters) {
+      for (const MdlPattern& term : filter.alternatives) {
+        if (term.input > fieldGroups_) {
+          cursor.failAt(static_cast<size_t>(term.column - 1), noSuchGroup(term.input));
+        }
+      }
+    }
+    if (attribute.type == AttributeType::RemoteHost) {
       return;
     }
     const std::string& group = attribute.group.empty() ? attribute.name : attribute.group;
     if (group[0] >= '0' && group[0] <= '9') {
-      return;
-    }
-    if (!namesGroup(document_.fieldRegex, group)) {
+      if (group.size() > 4 || std::stoi(group) > fieldGroups_) {
+        cursor.failAt(start, noSuchGroup(group.size() > 4 ? 9999 : std::stoi(group)));
+      }
+    } else if (!namesGroup(document_.fieldRegex, group)) {
       cursor.failAt(start, "the //ATTRIBUTES expression has no group named " + group +
                                "; name a group so or give GROUP=");
     }
+  }
+
+  std::string noSuchGroup(int group) const {
+    return "there is no group " + std::to_string(group) + ": the //ATTRIBUTES expression has " +
+           std::to_string(fieldGroups_) + " capturing groups";
   }
 
   std::string_view text_;
   Stage stage_ = Stage::Start;
   MdlDocument document_;
   std::map<std::string, int> attributeLines_;
+  int fieldGroups_ = 0;  // capturing groups of the //ATTRIBUTES expression
 };
 
 }  // namespace

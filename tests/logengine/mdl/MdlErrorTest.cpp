@@ -103,7 +103,13 @@ INSTANTIATE_TEST_SUITE_P(
                   "no group named b"},
         Malformed{kHead + kSource + "//ATTRIBUTES REGEX='(?<a>x)'\nb Z 1 GROUP=c\n", 5, 1,
                   "no group named c"},
-        Malformed{kTop + "v Z 1 GROUP=1\n", 5, 7, "GROUP= needs fields from"}));
+        Malformed{kTop + "v Z 1 GROUP=1\n", 5, 7, "GROUP= needs fields from"},
+        Malformed{kHead + kSource + "//ATTRIBUTES REGEX='(a)(?:b)(?<c>d)(?=e)(?#(x)'\nb Z 1 GROUP=3\n",
+                  5, 1, "no group 3: the //ATTRIBUTES expression has 2 capturing groups"},
+        Malformed{kHead + kSource + "//ATTRIBUTES REGEX='(?<c>d)'\nc Z 1 -FILTER={ScanRegEx(2,x)}\n",
+                  5, 16, "no group 2"},
+        Malformed{kHead + kSource + "//ATTRIBUTES REGEX='(?<c>d)'\nc Z 1 GROUP=1c\n", 5, 13,
+                  "a group number or name"}));
 
 INSTANTIATE_TEST_SUITE_P(
     Attributes, MalformedMdl,
@@ -132,6 +138,15 @@ INSTANTIATE_TEST_SUITE_P(
         Malformed{kTop + "v Z 10 +FILTER={ScanRegEx(0," + std::string(251, '(') +
                       std::string(251, ')') + ")}\n",
                   5, 279, "nested deeper than 250"}));
+
+TEST(MdlReaderLimits, RefusesATextLargerThanTheLimit) {
+  std::string text = "//APPL a\n";
+  text.resize(MdlLimits::kTextBytes + 1, '#');
+  MdlReadResult result = MdlReader::read(text);
+  ASSERT_FALSE(result.ok());
+  EXPECT_EQ(result.error().toString(),
+            "line 1, column 1: the MDL text is 16777217 bytes, more than the limit of 16777216");
+}
 
 TEST(MdlReaderLimits, RefusesMoreAttributesThanTheLimit) {
   std::string text = "//APPL a\n//NAME t E\n//SOURCE FILE '/l'\n//ATTRIBUTES ';'\n";

@@ -210,10 +210,10 @@ INSTANTIATE_TEST_SUITE_P(
                       EXPECT_EQ(d.recordSet->pattern, "^\\d{4}-\\d\\d-\\d\\d ");
                     }},
         HandWritten{"records that end at a closing line",
-                    "//RECORDSET END(0,regex,(?m)^\\](\\)|[)(]|\\Q)\\E)$)\n//ATTRIBUTES NEWLINE\n"
+                    "//RECORDSET END(0,regex,(?m)^\\](\\)|[])(]|[[:punct:])]|\\Q)\\E)$)\n//ATTRIBUTES NEWLINE\n"
                     "entry Z 8192\n",
                     [](const MdlDocument& d) {
-                      EXPECT_EQ(d.recordSet->pattern, "(?m)^\\](\\)|[)(]|\\Q)\\E)$");
+                      EXPECT_EQ(d.recordSet->pattern, "(?m)^\\](\\)|[])(]|[[:punct:])]|\\Q)\\E)$");
                     }},
         HandWritten{"REPLACEFIRST ending in parentheses",
                     "//ATTRIBUTES NEWLINE\nmsg Z 99 +FILTER={ScanRegEx(0,(a)(b),REPLACEFIRST("
