@@ -8,7 +8,7 @@ export ASAN_OPTIONS ?= detect_leaks=1:abort_on_error=1:strict_string_checks=1
 export UBSAN_OPTIONS ?= print_stacktrace=1:halt_on_error=1
 export TSAN_OPTIONS ?= halt_on_error=1:second_deadlock_stack=1
 
-.PHONY: deps build check check-asan check-tsan bench fuzz-config fuzz-definition fuzz-expression clean
+.PHONY: deps build check check-asan check-tsan bench fuzz-config fuzz-definition fuzz-expression fuzz-mdl clean
 
 deps:
 	@scripts/install-deps
@@ -58,6 +58,8 @@ soak: build
 #                    kept corpus tests/fuzz/corpus/definition
 #   fuzz-expression: the formula and filter parsers and the evaluator (600 s); what
 #                    it finds is merged into tests/fuzz/corpus/expression
+#   fuzz-mdl:        the log engine's MDL reader (600 s); what it finds is merged
+#                    into tests/fuzz/corpus/mdl
 FUZZ_CONFIGURE = CC=clang CXX=clang++ $(CMAKE) -S . -B build-fuzz -G Ninja -DXRV_FUZZ=ON \
   -DXRV_SANITIZE=address -DXRV_BENCH=OFF
 
@@ -68,27 +70,31 @@ fuzz-config: deps
 	build-fuzz/tests/fuzz/fuzz_config -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
 	  build-fuzz/corpus-config tests/fuzz/corpus/config
 
+# $(call fuzz_kept,NAME,MAX_LEN,OPTIONS): runs fuzz_NAME from its kept corpus
+# tests/fuzz/corpus/NAME with the dictionary tests/fuzz/NAME.dict, then merges what it
+# found into the kept corpus.
+define fuzz_kept
+	$(FUZZ_CONFIGURE)
+	$(CMAKE) --build build-fuzz --target fuzz_$(1)
+	mkdir -p build-fuzz/corpus-$(1)
+	build-fuzz/tests/fuzz/fuzz_$(1) -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
+	  -max_len=$(2) $(3) -dict=tests/fuzz/$(1).dict \
+	  build-fuzz/corpus-$(1) tests/fuzz/corpus/$(1)
+	build-fuzz/tests/fuzz/fuzz_$(1) -merge=1 -max_len=$(2) \
+	  tests/fuzz/corpus/$(1) build-fuzz/corpus-$(1)
+endef
+
 fuzz-definition: FUZZ_SECONDS = 600
 fuzz-definition: deps
-	$(FUZZ_CONFIGURE)
-	$(CMAKE) --build build-fuzz --target fuzz_definition
-	mkdir -p build-fuzz/corpus-definition
-	build-fuzz/tests/fuzz/fuzz_definition -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
-	  -max_len=16384 -dict=tests/fuzz/definition.dict \
-	  build-fuzz/corpus-definition tests/fuzz/corpus/definition
-	build-fuzz/tests/fuzz/fuzz_definition -merge=1 -max_len=16384 \
-	  tests/fuzz/corpus/definition build-fuzz/corpus-definition
+	$(call fuzz_kept,definition,16384,)
 
 fuzz-expression: FUZZ_SECONDS = 600
 fuzz-expression: deps
-	$(FUZZ_CONFIGURE)
-	$(CMAKE) --build build-fuzz --target fuzz_expression
-	mkdir -p build-fuzz/corpus-expression
-	build-fuzz/tests/fuzz/fuzz_expression -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
-	  -max_len=512 -timeout=10 -dict=tests/fuzz/expression.dict \
-	  build-fuzz/corpus-expression tests/fuzz/corpus/expression
-	build-fuzz/tests/fuzz/fuzz_expression -merge=1 -max_len=512 \
-	  tests/fuzz/corpus/expression build-fuzz/corpus-expression
+	$(call fuzz_kept,expression,512,-timeout=10)
+
+fuzz-mdl: FUZZ_SECONDS = 600
+fuzz-mdl: deps
+	$(call fuzz_kept,mdl,4096,-timeout=10)
 
 clean:
 	rm -rf build build-asan build-tsan build-fuzz
