@@ -155,6 +155,7 @@ class Matcher {
   std::vector<PatternStats> stats_;
   uint64_t limited_records_ = 0;
   uint32_t until_sample_ = 1;
+  uint64_t clock_cost_ns_ = 0;
 };
 
 }  // namespace xrvlog
