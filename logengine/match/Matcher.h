@@ -45,7 +45,10 @@ struct PatternSpec {
 };
 
 // Bounds on the effort one record may cost. A record that reaches one of them counts
-// as unmatched and as a limit hit of the filter that was trying it.
+// as unmatched and as a limit hit of the filter that was trying it. PCRE2 applies the
+// match limit at each start position, so a scan filter's whole effort on a line is
+// bounded by the limit times the line's length; the reader's bound on a record's size
+// keeps that finite.
 struct MatchLimits {
   uint32_t match_limit = 1'000'000;  // backtracking steps per start position
   uint32_t depth_limit = 10'000;     // interpreter only: nested backtracking frames

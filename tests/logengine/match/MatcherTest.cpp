@@ -5,9 +5,23 @@
 
 #include <time.h>
 
+#include <atomic>
 #include <chrono>
+#include <cstdlib>
+#include <new>
 #include <string>
 #include <vector>
+
+// Counts the test program's allocations, to show that matching a line makes none.
+static std::atomic<std::size_t> allocations{0};
+
+void* operator new(std::size_t size) {
+  allocations.fetch_add(1, std::memory_order_relaxed);
+  if (void* block = std::malloc(size == 0 ? 1 : size)) return block;
+  throw std::bad_alloc();
+}
+void operator delete(void* block) noexcept { std::free(block); }
+void operator delete(void* block, std::size_t) noexcept { std::free(block); }
 
 namespace xrvlog {
 namespace {
@@ -132,6 +146,26 @@ TEST(MatcherTest, ReplaceFirstBufferIsReusedAcrossLines) {
   EXPECT_EQ(matcher.match("bb").text, "<bb>");
   EXPECT_EQ(matcher.match("--").matched(), false);
   EXPECT_EQ(matcher.match("--").text, "--");
+}
+
+TEST(MatcherTest, MatchingAllocatesNothingOnceTheBuffersHaveGrown) {
+  std::vector<PatternSpec> specs = {
+      {PatternKind::Match, "(\\w+) (\\w+)", {{"a", "1"}, {"b", "2"}}, std::string("$2 $1!")},
+      {PatternKind::Scan, "(?<n>\\d+)", {{"n", "n"}}, std::string("<${n}>")},
+      {PatternKind::Scan, "(a+)+$", {}, {}},
+  };
+  Matcher matcher(PatternSet::compile(specs));
+  const std::vector<std::string> lines = {"alpha beta gamma", "-- 12345 --", "----", std::string(5000, 'a') + "b",
+                                          "x y", "--7"};
+  for (const std::string& line : lines) matcher.match(line);
+  const std::size_t before = allocations.load();
+  int matched = 0;
+  for (int round = 0; round < 100; ++round) {
+    for (const std::string& line : lines) matched += matcher.match(line).matched() ? 1 : 0;
+  }
+  EXPECT_EQ(allocations.load() - before, 0u);
+  EXPECT_EQ(matched, 400);
+  EXPECT_EQ(matcher.stats()[2].limit_hits, 101u);
 }
 
 class CatastrophicTest : public ::testing::TestWithParam<bool> {};
