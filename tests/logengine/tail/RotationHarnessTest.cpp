@@ -11,15 +11,15 @@
 
 #include <gtest/gtest.h>
 
-#include <charconv>
 #include <fcntl.h>
+#include <unistd.h>
+#include <charconv>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <mutex>
 #include <sstream>
 #include <thread>
-#include <unistd.h>
 
 namespace xrvlog {
 namespace {
@@ -74,7 +74,8 @@ public:
     char line[128];
     for (std::uint64_t i = 0; i < n; ++i) {
       const int len = std::snprintf(line, sizeof line, "L%08llu %.*s\n", static_cast<unsigned long long>(next_),
-                                    static_cast<int>(next_ % 61), "abcdefghijklmnopqrstuvwxyzabcdefghijklmnopqrstuvwxyzabcdefghijk");
+                                    static_cast<int>(next_ % 61),
+                                    "abcdefghijklmnopqrstuvwxyzabcdefghijklmnopqrstuvwxyzabcdefghijk");
       if (::write(fd_, line, static_cast<std::size_t>(len)) != len) {
         throw std::runtime_error("write");
       }
@@ -96,14 +97,15 @@ public:
       out << in.rdbuf();
     }
     write(writtenDuringCopy);
-    if (::ftruncate(fd_, 0) != 0) {
-      throw std::runtime_error("ftruncate");
-    }
+    truncate();
     std::lock_guard lock(mutex_);
     windows_.push_back({start, next_});
   }
   void truncateInPlace() {
     waitFor(next_);
+    truncate();
+  }
+  void truncate() {
     if (::ftruncate(fd_, 0) != 0) {
       throw std::runtime_error("ftruncate");
     }
@@ -148,13 +150,7 @@ public:
     return report.str();
   }
 
-  std::uint64_t written() const { return next_; }
-  std::uint64_t rotations() const { return rotations_; }
-  std::uint64_t truncations() const { return truncations_; }
-  fs::path dir() const { return dir_; }
-  fs::path log() const { return log_; }
-
-private:
+  // The test reads dir_, log_, next_, rotations_ and truncations_ directly.
   void openLog() {
     fd_ = ::open(log_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     if (fd_ < 0) {
@@ -219,7 +215,7 @@ TEST(RotationHarnessTest, EveryLineOnceThroughRotationsAndRestarts) {
     h.write(2000);
 
     // Rename: the writer keeps appending to the old file for a while.
-    fs::rename(h.log(), h.dir() / "app.log.1");
+    fs::rename(h.log_, h.dir_ / "app.log.1");
     h.write(200);
     h.reopen();
     h.write(2000);
@@ -233,7 +229,7 @@ TEST(RotationHarnessTest, EveryLineOnceThroughRotationsAndRestarts) {
     h.write(2000);
 
     // Deleted, still written through the open descriptor, then recreated.
-    fs::remove(h.log());
+    fs::remove(h.log_);
     h.write(200);
     h.reopen();
     h.write(2000);
@@ -247,7 +243,7 @@ TEST(RotationHarnessTest, EveryLineOnceThroughRotationsAndRestarts) {
     // Restart with a rename rotation while stopped.
     h.stopFollower();
     h.write(500);
-    fs::rename(h.log(), h.dir() / "app.log.2");
+    fs::rename(h.log_, h.dir_ / "app.log.2");
     h.write(100);
     h.reopen();
     h.write(500);
@@ -259,14 +255,14 @@ TEST(RotationHarnessTest, EveryLineOnceThroughRotationsAndRestarts) {
     h.write(1000);
   }
 
-  EXPECT_TRUE(h.waitFor(h.written())) << "not every line arrived";
+  EXPECT_TRUE(h.waitFor(h.next_)) << "not every line arrived";
   h.stopFollower();
   // Per round: rename, delete, the rename found at restart; two copytruncates and
   // one truncation in place.
-  EXPECT_EQ(h.rotations(), 3U * static_cast<unsigned>(n));
-  EXPECT_EQ(h.truncations(), 3U * static_cast<unsigned>(n));
+  EXPECT_EQ(h.rotations_, 3U * static_cast<unsigned>(n));
+  EXPECT_EQ(h.truncations_, 3U * static_cast<unsigned>(n));
   const std::string report = h.verify();
-  std::cout << "[ harness  ] " << h.written() << " lines written; " << report << '\n';
+  std::cout << "[ harness  ] " << h.next_ << " lines written; " << report << '\n';
   ::testing::Test::RecordProperty("copytruncate", report);
 }
 

@@ -10,24 +10,21 @@ namespace xrvlog::test {
 
 class TempDir {
 public:
-  explicit TempDir(const std::string& prefix) {
-    std::string pattern = "/tmp/" + prefix + "-XXXXXX";
-    if (::mkdtemp(pattern.data()) == nullptr) {
-      throw std::runtime_error("mkdtemp failed for " + pattern);
-    }
-    path_ = pattern;
-  }
-  ~TempDir() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
+  explicit TempDir(const std::string& prefix) : path_(make("/tmp/" + prefix + "-XXXXXX")) {}
+  ~TempDir() { std::filesystem::remove_all(path_, ignored_); }
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
-
   const std::filesystem::path& path() const { return path_; }
 
 private:
+  static std::string make(std::string pattern) {
+    if (::mkdtemp(pattern.data()) == nullptr) {
+      throw std::runtime_error("mkdtemp failed for " + pattern);
+    }
+    return pattern;
+  }
   std::filesystem::path path_;
+  std::error_code ignored_;
 };
 
 } // namespace xrvlog::test
