@@ -14,9 +14,7 @@ bool isBlank(char c) { return c == ' ' || c == '\t'; }
 
 }  // namespace
 
-bool isNameStart(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
-}
+bool isNameStart(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_'; }
 
 bool isNameChar(char c) { return isNameStart(c) || (c >= '0' && c <= '9'); }
 
@@ -114,15 +112,15 @@ int MdlCursor::number(std::string_view what, long low, long high) {
   if (negative) {
     value = -value;
   }
-  std::string range = std::string(what) + " from " + std::to_string(low) + " to " +
-                      std::to_string(high);
+  std::string range =
+      std::string(what) + " from " + std::to_string(low) + " to " + std::to_string(high);
   if (!digits) {
     position_ = start;
     fail(range);
   }
   if (value < low || value > high) {
-    failAt(start, "expected " + range + ", found " +
-                      std::string(text_.substr(start, position_ - start)));
+    failAt(start,
+           "expected " + range + ", found " + std::string(text_.substr(start, position_ - start)));
   }
   return static_cast<int>(value);
 }

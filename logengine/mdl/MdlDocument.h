@@ -51,7 +51,7 @@ struct MdlSource {
   bool eraseRestart = false;
   std::string unmatchLog;  // empty: unmatched records are not written anywhere
   CompareMode compare = CompareMode::AllMatches;
-  std::string codepage;  // empty: the platform's own encoding
+  std::string codepage;                 // empty: the platform's own encoding
   std::optional<int> monitorFrequency;  // seconds between polls
   std::optional<int> existTimeToWait;   // seconds between looks for a missing file
   bool remote = false;
@@ -127,8 +127,8 @@ struct MdlDocument {
   std::vector<MdlSource> sources;
   std::optional<MdlRecordSet> recordSet;
   FieldSplit split = FieldSplit::Whole;
-  std::string delimiter;    // Delimiter split
-  std::string fieldRegex;   // Regex split
+  std::string delimiter;   // Delimiter split
+  std::string fieldRegex;  // Regex split
   std::vector<MdlAttribute> attributes;
 };
 

@@ -202,8 +202,7 @@ MdlFilter readFilter(MdlCursor& cursor, bool drop) {
   while (true) {
     if (filter.alternatives.size() == MdlLimits::kAlternatives) {
       cursor.failAt(cursor.position(), "a filter may join at most " +
-                                           std::to_string(MdlLimits::kAlternatives) +
-                                           " terms");
+                                           std::to_string(MdlLimits::kAlternatives) + " terms");
     }
     filter.alternatives.push_back(readTerm(cursor));
     bool blank = cursor.skipBlanks();
@@ -245,7 +244,8 @@ MdlRecordSet readRecordSet(MdlCursor& cursor) {
 
 int checkGroups(const MdlCursor& cursor, size_t start, const std::string& regex) {
   int captures = 0;
-  scanRegex(cursor, regex, 0, start, [](size_t) { return false; }, &captures);
+  scanRegex(
+      cursor, regex, 0, start, [](size_t) { return false; }, &captures);
   return captures;
 }
 

@@ -44,8 +44,7 @@ std::string headerName(MdlCursor& cursor, std::string_view what) {
 
 // Whether a regular expression names a group `name`: (?<name>, (?P<name> or (?'name'.
 bool namesGroup(const std::string& regex, const std::string& name) {
-  for (const std::string& opening : {"(?<" + name + ">", "(?P<" + name + ">",
-                                     "(?'" + name + "'"}) {
+  for (const std::string& opening : {"(?<" + name + ">", "(?P<" + name + ">", "(?'" + name + "'"}) {
     if (regex.find(opening) != std::string::npos) {
       return true;
     }
@@ -62,9 +61,10 @@ class Reader {
       text_.remove_suffix(1);
     }
     if (text_.size() > MdlLimits::kTextBytes) {
-      throw MdlSyntaxError{1, 1, "the MDL text is " + std::to_string(text_.size()) +
-                                     " bytes, more than the limit of " +
-                                     std::to_string(MdlLimits::kTextBytes)};
+      throw MdlSyntaxError{1, 1,
+                           "the MDL text is " + std::to_string(text_.size()) +
+                               " bytes, more than the limit of " +
+                               std::to_string(MdlLimits::kTextBytes)};
     }
     int number = 0;
     size_t start = 0;
@@ -148,7 +148,8 @@ class Reader {
 
   void finish(int lineAfterLast) {
     if (stage_ != Stage::Attributes || document_.attributes.empty()) {
-      throw MdlSyntaxError{lineAfterLast, 1, "expected " + expected() + ", found the end of the text"};
+      throw MdlSyntaxError{lineAfterLast, 1,
+                           "expected " + expected() + ", found the end of the text"};
     }
   }
 
@@ -190,8 +191,7 @@ class Reader {
       if (sized || !cursor.acceptLiteral("MaximumAttributeSize=")) {
         cursor.fail("MaximumAttributeSize= or the end of the line");
       }
-      document_.maximumAttributeSize =
-          cursor.number("a size", 1, MdlLimits::kMaxAttributeSize);
+      document_.maximumAttributeSize = cursor.number("a size", 1, MdlLimits::kMaxAttributeSize);
       sized = true;
     }
     stage_ = Stage::Table;
@@ -205,8 +205,8 @@ class Reader {
       cursor.fail("FILE");
     }
     if (document_.sources.size() == MdlLimits::kSources) {
-      cursor.failAt(at, "a table may watch at most " + std::to_string(MdlLimits::kSources) +
-                            " sources");
+      cursor.failAt(
+          at, "a table may watch at most " + std::to_string(MdlLimits::kSources) + " sources");
     }
     MdlSource source;
     source.line = cursor.line();
@@ -281,7 +281,8 @@ class Reader {
     } else if (word == "tail") {
       source.tail = true;
     } else if (word == "restartfromtop" || word == "restartfromend") {
-      source.restart = word == "restartfromtop" ? RestartPosition::FromTop : RestartPosition::FromEnd;
+      source.restart =
+          word == "restartfromtop" ? RestartPosition::FromTop : RestartPosition::FromEnd;
     } else if (word == "eraserestart") {
       cursor.expectLiteral("=", "'='");
       source.eraseRestart = yesNo(cursor, "EraseRestart");
@@ -446,7 +447,8 @@ class Reader {
         cursor.advance();
       }
       attribute.group = std::string(cursor.text().substr(at, cursor.position() - at));
-      bool number = !attribute.group.empty() && attribute.group[0] >= '0' && attribute.group[0] <= '9';
+      bool number =
+          !attribute.group.empty() && attribute.group[0] >= '0' && attribute.group[0] <= '9';
       if (attribute.group.empty() || attribute.group.size() > MdlLimits::kNameBytes ||
           (number && attribute.group.find_first_not_of("0123456789") != std::string::npos)) {
         cursor.setPosition(at);

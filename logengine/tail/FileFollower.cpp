@@ -1,6 +1,5 @@
 #include "FileFollower.h"
 
-#include <cerrno>
 #include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -8,6 +7,7 @@
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <cerrno>
 
 #include <algorithm>
 #include <cstring>
@@ -19,7 +19,8 @@ namespace {
 constexpr std::size_t kMaxRetired = 4;
 
 constexpr std::uint32_t kFileEvents = IN_MODIFY | IN_MOVE_SELF | IN_DELETE_SELF | IN_ATTRIB;
-constexpr std::uint32_t kDirectoryEvents = IN_CREATE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE | IN_ONLYDIR;
+constexpr std::uint32_t kDirectoryEvents =
+    IN_CREATE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE | IN_ONLYDIR;
 
 std::string directoryOf(const std::string& path) {
   const auto slash = path.rfind('/');
@@ -52,7 +53,7 @@ std::string findByInode(const std::string& dir, std::uint64_t device, std::uint6
   return found;
 }
 
-} // namespace
+}  // namespace
 
 struct FileFollower::OpenFile {
   OpenFile(std::size_t block, std::size_t maxLine) : lines(block, maxLine) {}
@@ -61,7 +62,7 @@ struct FileFollower::OpenFile {
   int watch = -1;
   std::uint64_t device = 0;
   std::uint64_t inode = 0;
-  std::uint64_t readPosition = 0; // offset of the next read
+  std::uint64_t readPosition = 0;  // offset of the next read
   Signature signature;
   LineAssembler lines;
   Clock::time_point lastGrowth;
@@ -123,9 +124,11 @@ void FileFollower::start() {
     return;
   }
   struct stat st {};
-  if (::stat(options_.path.c_str(), &st) == 0 && st.st_dev == saved->device && st.st_ino == saved->inode) {
+  if (::stat(options_.path.c_str(), &st) == 0 && st.st_dev == saved->device &&
+      st.st_ino == saved->inode) {
     if (openCurrent(true)) {
-      if (st.st_size >= static_cast<off_t>(saved->position) && signatureMatches(current_->fd, saved->signature)) {
+      if (st.st_size >= static_cast<off_t>(saved->position) &&
+          signatureMatches(current_->fd, saved->signature)) {
         current_->readPosition = saved->position;
       } else {
         ++stats_.truncations;
@@ -139,7 +142,8 @@ void FileFollower::start() {
     const int fd = ::open(old.c_str(), O_RDONLY | O_CLOEXEC);
     struct stat ost {};
     if (fd >= 0 && ::fstat(fd, &ost) == 0 && ost.st_ino == saved->inode &&
-        ost.st_size >= static_cast<off_t>(saved->position) && signatureMatches(fd, saved->signature)) {
+        ost.st_size >= static_cast<off_t>(saved->position) &&
+        signatureMatches(fd, saved->signature)) {
       auto file = std::make_unique<OpenFile>(options_.readBlockSize, options_.maxLineLength);
       file->fd = fd;
       file->device = ost.st_dev;
@@ -189,7 +193,8 @@ bool FileFollower::openCurrent(bool fromTop) {
 void FileFollower::readAvailable(OpenFile& file) {
   for (;;) {
     const std::span<char> space = file.lines.writable();
-    const ssize_t got = ::pread(file.fd, space.data(), space.size(), static_cast<off_t>(file.readPosition));
+    const ssize_t got =
+        ::pread(file.fd, space.data(), space.size(), static_cast<off_t>(file.readPosition));
     if (got < 0 && errno == EINTR) {
       continue;
     }
@@ -202,7 +207,8 @@ void FileFollower::readAvailable(OpenFile& file) {
     std::size_t text = static_cast<std::size_t>(got);
     if (file.skipNuls) {
       const std::size_t nuls = static_cast<std::size_t>(
-          std::find_if(space.data(), space.data() + text, [](char c) { return c != '\0'; }) - space.data());
+          std::find_if(space.data(), space.data() + text, [](char c) { return c != '\0'; }) -
+          space.data());
       file.skipNuls = nuls == text;
       text -= nuls;
       std::memmove(space.data(), space.data() + nuls, text);
@@ -268,7 +274,8 @@ void FileFollower::closeFile(OpenFile& file) {
 
 void FileFollower::watchDirectory() {
   if (inotifyFd_ >= 0 && directoryWatch_ < 0) {
-    directoryWatch_ = ::inotify_add_watch(inotifyFd_, directoryOf(options_.path).c_str(), kDirectoryEvents);
+    directoryWatch_ =
+        ::inotify_add_watch(inotifyFd_, directoryOf(options_.path).c_str(), kDirectoryEvents);
   }
 }
 
@@ -326,9 +333,11 @@ void FileFollower::poll() {
 }
 
 std::chrono::milliseconds FileFollower::nextTimeout() const {
-  auto timeout = current_ ? options_.fileMonitorFrequency
-                          : (directoryWatch_ >= 0 ? std::max(options_.fileMonitorFrequency, options_.fileExistTimeToWait)
-                                                  : options_.fileExistTimeToWait);
+  auto timeout = current_
+                     ? options_.fileMonitorFrequency
+                     : (directoryWatch_ >= 0
+                            ? std::max(options_.fileMonitorFrequency, options_.fileExistTimeToWait)
+                            : options_.fileExistTimeToWait);
   if (!retired_.empty()) {
     timeout = std::min(timeout, options_.rotatedFileGrace);
   }
@@ -345,7 +354,8 @@ bool FileFollower::wait() {
   pollfd fds[2] = {{wakeFd_, POLLIN, 0}, {inotifyFd_, POLLIN, 0}};
   const nfds_t count = inotifyFd_ >= 0 ? 2 : 1;
   const auto timeout = nextTimeout();
-  const int rc = ::poll(fds, count, static_cast<int>(std::min<std::int64_t>(timeout.count(), 1 << 30)));
+  const int rc =
+      ::poll(fds, count, static_cast<int>(std::min<std::int64_t>(timeout.count(), 1 << 30)));
   ++stats_.wakeups;
   if (rc > 0 && inotifyFd_ >= 0 && (fds[1].revents & POLLIN) != 0) {
     // A burst of writes makes a burst of events; gather it into one pass.
@@ -392,4 +402,4 @@ bool FileFollower::saveState() {
   return true;
 }
 
-} // namespace xrvlog
+}  // namespace xrvlog

@@ -44,9 +44,9 @@ namespace xrvlog {
 
 // Where reading starts when the follower is created.
 enum class StartMode {
-  Tail,           // TAIL: where the state file says; without one, at the end
-  RestartFromTop, // RESTARTFROMTOP: at the top, whatever was read before
-  RestartFromEnd, // RESTARTFROMEND: at the end, whatever was read before
+  Tail,            // TAIL: where the state file says; without one, at the end
+  RestartFromTop,  // RESTARTFROMTOP: at the top, whatever was read before
+  RestartFromEnd,  // RESTARTFROMEND: at the end, whatever was read before
 };
 
 struct FollowerOptions {
@@ -73,15 +73,15 @@ struct FollowerOptions {
 struct FollowerStats {
   std::uint64_t lines = 0;
   std::uint64_t bytes = 0;
-  std::uint64_t rotations = 0;   // renamed or deleted away
-  std::uint64_t truncations = 0; // shrunk or rewritten in place
+  std::uint64_t rotations = 0;    // renamed or deleted away
+  std::uint64_t truncations = 0;  // shrunk or rewritten in place
   std::uint64_t opens = 0;
-  std::uint64_t wakeups = 0;     // returns from wait()
+  std::uint64_t wakeups = 0;  // returns from wait()
   std::uint64_t stateWriteErrors = 0;
 };
 
 class FileFollower {
-public:
+ public:
   FileFollower(FollowerOptions options, LineHandler handler);
   ~FileFollower();
   FileFollower(const FileFollower&) = delete;
@@ -103,7 +103,7 @@ public:
   // False while the file is missing.
   bool following() const;
 
-private:
+ private:
   struct OpenFile;
   using Clock = std::chrono::steady_clock;
 
@@ -132,4 +132,4 @@ private:
   Clock::time_point lastSave_;
 };
 
-} // namespace xrvlog
+}  // namespace xrvlog

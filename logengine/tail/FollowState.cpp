@@ -1,11 +1,11 @@
 #include "FollowState.h"
 
+#include <fcntl.h>
+#include <unistd.h>
 #include <cerrno>
 #include <charconv>
-#include <fcntl.h>
 #include <fstream>
 #include <sstream>
-#include <unistd.h>
 #include <vector>
 
 namespace xrvlog {
@@ -64,7 +64,7 @@ std::string directoryOf(const std::string& path) {
   return slash == 0 ? "/" : path.substr(0, slash);
 }
 
-} // namespace
+}  // namespace
 
 std::optional<Signature> readSignature(int fd, std::uint32_t maxBytes) {
   std::vector<char> buffer(maxBytes);
@@ -72,7 +72,8 @@ std::optional<Signature> readSignature(int fd, std::uint32_t maxBytes) {
   if (got < 0) {
     return std::nullopt;
   }
-  return Signature{static_cast<std::uint32_t>(got), fnv1a(buffer.data(), static_cast<std::size_t>(got))};
+  return Signature{static_cast<std::uint32_t>(got),
+                   fnv1a(buffer.data(), static_cast<std::size_t>(got))};
 }
 
 bool signatureMatches(int fd, const Signature& signature) {
@@ -87,15 +88,16 @@ bool signatureMatches(int fd, const Signature& signature) {
     buffer = heap.data();
   }
   const ssize_t got = readHead(fd, buffer, signature.length);
-  return got == static_cast<ssize_t>(signature.length) && fnv1a(buffer, signature.length) == signature.hash;
+  return got == static_cast<ssize_t>(signature.length) &&
+         fnv1a(buffer, signature.length) == signature.hash;
 }
 
 bool writeFollowState(const std::string& statePath, const FollowState& state) {
   std::ostringstream text;
   text << kHeader << '\n'
        << state.path << '\n'
-       << state.device << ' ' << state.inode << ' ' << state.position << ' ' << state.signature.length << ' '
-       << state.signature.hash << '\n';
+       << state.device << ' ' << state.inode << ' ' << state.position << ' '
+       << state.signature.length << ' ' << state.signature.hash << '\n';
   const std::string temporary = statePath + ".tmp";
   const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
   if (fd < 0) {
@@ -151,4 +153,4 @@ std::optional<FollowState> readFollowState(const std::string& statePath) {
   return state;
 }
 
-} // namespace xrvlog
+}  // namespace xrvlog

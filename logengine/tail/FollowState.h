@@ -15,7 +15,7 @@
 namespace xrvlog {
 
 struct Signature {
-  std::uint32_t length = 0; // bytes hashed, up to the follower's signature size
+  std::uint32_t length = 0;  // bytes hashed, up to the follower's signature size
   std::uint64_t hash = 0;
 
   bool operator==(const Signature&) const = default;
@@ -25,7 +25,7 @@ struct FollowState {
   std::string path;
   std::uint64_t device = 0;
   std::uint64_t inode = 0;
-  std::uint64_t position = 0; // offset of the first byte not yet handed out as a line
+  std::uint64_t position = 0;  // offset of the first byte not yet handed out as a line
   Signature signature;
 
   bool operator==(const FollowState&) const = default;
@@ -43,4 +43,4 @@ bool writeFollowState(const std::string& statePath, const FollowState& state);
 // nullopt when the file is missing or not a state file this code wrote.
 std::optional<FollowState> readFollowState(const std::string& statePath);
 
-} // namespace xrvlog
+}  // namespace xrvlog

@@ -17,7 +17,7 @@ std::size_t LineAssembler::commit(std::size_t n, const LineHandler& handler) {
   char* const base = buffer_.get();
   const std::size_t end = held_ + n;
   std::size_t start = 0;
-  std::size_t scan = held_; // the held bytes hold no newline
+  std::size_t scan = held_;  // the held bytes hold no newline
   std::size_t lines = 0;
   while (scan < end) {
     const void* nl = std::memchr(base + scan, '\n', end - scan);
@@ -26,12 +26,14 @@ std::size_t LineAssembler::commit(std::size_t n, const LineHandler& handler) {
     }
     const std::size_t at = static_cast<std::size_t>(static_cast<const char*>(nl) - base);
     while (at - start > maxLine_) {
-      handler(std::string_view(base + start, maxLine_), kLineCut | (continuing_ ? kLineContinued : 0U));
+      handler(std::string_view(base + start, maxLine_),
+              kLineCut | (continuing_ ? kLineContinued : 0U));
       continuing_ = true;
       ++lines;
       start += maxLine_;
     }
-    handler(std::string_view(base + start, at - start), continuing_ ? kLineContinued : kLineComplete);
+    handler(std::string_view(base + start, at - start),
+            continuing_ ? kLineContinued : kLineComplete);
     continuing_ = false;
     ++lines;
     start = at + 1;
@@ -39,7 +41,8 @@ std::size_t LineAssembler::commit(std::size_t n, const LineHandler& handler) {
   }
   // What is left has no newline: cut it while it exceeds the bound.
   while (end - start > maxLine_) {
-    handler(std::string_view(base + start, maxLine_), kLineCut | (continuing_ ? kLineContinued : 0U));
+    handler(std::string_view(base + start, maxLine_),
+            kLineCut | (continuing_ ? kLineContinued : 0U));
     continuing_ = true;
     ++lines;
     start += maxLine_;
@@ -56,7 +59,8 @@ bool LineAssembler::flushPartial(const LineHandler& handler) {
     continuing_ = false;
     return false;
   }
-  handler(std::string_view(buffer_.get(), held_), kLineUnterminated | (continuing_ ? kLineContinued : 0U));
+  handler(std::string_view(buffer_.get(), held_),
+          kLineUnterminated | (continuing_ ? kLineContinued : 0U));
   clear();
   return true;
 }
@@ -66,4 +70,4 @@ void LineAssembler::clear() {
   continuing_ = false;
 }
 
-} // namespace xrvlog
+}  // namespace xrvlog

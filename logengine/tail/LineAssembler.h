@@ -15,16 +15,16 @@ namespace xrvlog {
 // Flags passed with each line.
 enum LineFlags : unsigned {
   kLineComplete = 0,
-  kLineCut = 1,          // longer than the bound: this piece has no newline, the rest follows
-  kLineContinued = 2,    // this piece continues a line handed out cut before
-  kLineUnterminated = 4, // the file ended without a newline and will not be read further
+  kLineCut = 1,           // longer than the bound: this piece has no newline, the rest follows
+  kLineContinued = 2,     // this piece continues a line handed out cut before
+  kLineUnterminated = 4,  // the file ended without a newline and will not be read further
 };
 
 // The view is valid only during the call.
 using LineHandler = std::function<void(std::string_view line, unsigned flags)>;
 
 class LineAssembler {
-public:
+ public:
   // blockSize: bytes offered to each read; maxLine: longest line held back whole.
   LineAssembler(std::size_t blockSize, std::size_t maxLine);
 
@@ -39,7 +39,7 @@ public:
 
   std::size_t held() const { return held_; }
 
-private:
+ private:
   std::size_t blockSize_;
   std::size_t maxLine_;
   std::unique_ptr<char[]> buffer_;
@@ -47,4 +47,4 @@ private:
   bool continuing_ = false;
 };
 
-} // namespace xrvlog
+}  // namespace xrvlog

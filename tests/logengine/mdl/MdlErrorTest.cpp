@@ -41,8 +41,8 @@ INSTANTIATE_TEST_SUITE_P(
         Malformed{kHead + "//ATTRIBUTES NEWLINE\n", 3, 1, "expected //SOURCE FILE"},
         Malformed{kHead + kSource + "line Z 1\n", 4, 1,
                   "expected //SOURCE FILE, //RECORDSET or //ATTRIBUTES, found 'line'"},
-        Malformed{kHead + kSource + "//RECORDSET START(0,regex,a)\n//RECORDSET END(0,regex,b)\n",
-                  5, 1, "expected //SOURCE FILE or //ATTRIBUTES"},
+        Malformed{kHead + kSource + "//RECORDSET START(0,regex,a)\n//RECORDSET END(0,regex,b)\n", 5,
+                  1, "expected //SOURCE FILE or //ATTRIBUTES"},
         Malformed{kTop, 5, 1, "expected an attribute line, found the end of the text"},
         Malformed{kTop + "//SOURCE FILE '/m'\n", 5, 1, "expected an attribute line"},
         Malformed{kTop + std::string("x Z 1\0y Z 1\n", 12), 5, 6, "NUL byte"},
@@ -93,7 +93,8 @@ INSTANTIATE_TEST_SUITE_P(
         Malformed{kHead + kSource + "//RECORDSET END(0,regex,)\n", 4, 25,
                   "expected a regular expression"},
         Malformed{kHead + kSource + "//RECORDSET END(0,regex,((a)\n", 4, 25, "group opened here"},
-        Malformed{kHead + kSource + "//RECORDSET END(0,regex,(a)\n", 4, 28, "expected ')' closing the pattern"},
+        Malformed{kHead + kSource + "//RECORDSET END(0,regex,(a)\n", 4, 28,
+                  "expected ')' closing the pattern"},
         Malformed{kHead + kSource + "//RECORDSET END(0,regex,a) b\n", 4, 28,
                   "the end of the line after the RECORDSET pattern"},
         Malformed{kHead + kSource + "//ATTRIBUTES COMMA\n", 4, 14, "expected NEWLINE, TAB"},
@@ -104,10 +105,12 @@ INSTANTIATE_TEST_SUITE_P(
         Malformed{kHead + kSource + "//ATTRIBUTES REGEX='(?<a>x)'\nb Z 1 GROUP=c\n", 5, 1,
                   "no group named c"},
         Malformed{kTop + "v Z 1 GROUP=1\n", 5, 7, "GROUP= needs fields from"},
-        Malformed{kHead + kSource + "//ATTRIBUTES REGEX='(a)(?:b)(?<c>d)(?=e)(?#(x)'\nb Z 1 GROUP=3\n",
-                  5, 1, "no group 3: the //ATTRIBUTES expression has 2 capturing groups"},
-        Malformed{kHead + kSource + "//ATTRIBUTES REGEX='(?<c>d)'\nc Z 1 -FILTER={ScanRegEx(2,x)}\n",
-                  5, 16, "no group 2"},
+        Malformed{
+            kHead + kSource + "//ATTRIBUTES REGEX='(a)(?:b)(?<c>d)(?=e)(?#(x)'\nb Z 1 GROUP=3\n", 5,
+            1, "no group 3: the //ATTRIBUTES expression has 2 capturing groups"},
+        Malformed{
+            kHead + kSource + "//ATTRIBUTES REGEX='(?<c>d)'\nc Z 1 -FILTER={ScanRegEx(2,x)}\n", 5,
+            16, "no group 2"},
         Malformed{kHead + kSource + "//ATTRIBUTES REGEX='(?<c>d)'\nc Z 1 GROUP=1c\n", 5, 13,
                   "a group number or name"}));
 
@@ -131,7 +134,8 @@ INSTANTIATE_TEST_SUITE_P(
                   "expected OR or '}' after the term, found 'AND'"},
         Malformed{kTop + "v Z 10 +FILTER={ScanRegEx(0,a)ORScanRegEx(0,b)}\n", 5, 31, "OR or '}'"},
         Malformed{kTop + "v Z 10 +FILTER={ScanRegEx(0,(a}\n", 5, 29, "group opened here"},
-        Malformed{kTop + "v Z 10 +FILTER={ScanRegEx(0,(a)}\n", 5, 33, "expected ')' closing the term"},
+        Malformed{kTop + "v Z 10 +FILTER={ScanRegEx(0,(a)}\n", 5, 33,
+                  "expected ')' closing the term"},
         Malformed{kTop + "v Z 10 +FILTER={ScanRegEx(0,)}\n", 5, 29, "a regular expression"},
         Malformed{kTop + "v Z 10 +FILTER={ScanRegEx(0,a,REPLACEFIRST(x)}\n", 5, 31,
                   "REPLACEFIRST is not closed"},
@@ -156,7 +160,8 @@ TEST(MdlReaderLimits, RefusesMoreAttributesThanTheLimit) {
   MdlReadResult result = MdlReader::read(text);
   ASSERT_FALSE(result.ok());
   EXPECT_EQ(result.error().line, 5 + static_cast<int>(MdlLimits::kAttributes));
-  EXPECT_EQ(result.error().toString(), "line 1029, column 1: a table may have at most 1024 attributes");
+  EXPECT_EQ(result.error().toString(),
+            "line 1029, column 1: a table may have at most 1024 attributes");
 }
 
 }  // namespace

@@ -21,7 +21,13 @@ MdlDocument readOk(const std::string& text) {
 
 // Tag bytes the format-file mode puts around slot names and values. Its expressions
 // hold real tab characters in "[ \t]".
-const std::string kSlot = "\x01" "msg" "\x04" "\x02" "$2" "\x03";
+const std::string kSlot =
+    "\x01"
+    "msg"
+    "\x04"
+    "\x02"
+    "$2"
+    "\x03";
 
 const std::string kGenerated =
     "//APPL XRV_none ProcessMax=50\n"
@@ -37,8 +43,11 @@ const std::string kGenerated =
     "//RECORDSET  END(0,regex,(?m)^()[ \t]*Start (\\S+)|^()[ \t]*Begin\\r?\\n)\n"
     "//ATTRIBUTES NEWLINE\n"
     "OBVEvent Z 2048 +FILTER={ScanRegEx(0,^()[ \t]*Disk (\\S+) is full[ \t]*()$,REPLACEFIRST(" +
-    kSlot + ")) OR ScanRegEx(0,^()[ \t\\t\\r\\f\\v]*a\\{1,2\\}\\(x\\) \\[\\.\\][ \t]*()$) OR "
-    "MatchRegEx(0,()[^)]{1,3}(?:x|y)()" + ",REPLACEFIRST(" + kSlot + "))} @Generated WSK Event\n"
+    kSlot +
+    ")) OR ScanRegEx(0,^()[ \t\\t\\r\\f\\v]*a\\{1,2\\}\\(x\\) \\[\\.\\][ \t]*()$) OR "
+    "MatchRegEx(0,()[^)]{1,3}(?:x|y)()" +
+    ",REPLACEFIRST(" + kSlot +
+    "))} @Generated WSK Event\n"
     "RemoteHost H 64 @Name of host where event originated, if not local\n";
 
 TEST(MdlReader, ReadsTheHeaderAndEverySourceOptionTheFormatFileModeWrites) {
@@ -164,8 +173,7 @@ INSTANTIATE_TEST_SUITE_P(
                       EXPECT_EQ(d.attributes[2].line, 9);
                       EXPECT_EQ(d.attributes[2].description, "order state");
                     }},
-        HandWritten{"quote as delimiter",
-                    "//attributes ''''\nv z 8\n",
+        HandWritten{"quote as delimiter", "//attributes ''''\nv z 8\n",
                     [](const MdlDocument& d) { EXPECT_EQ(d.delimiter, "'"); }},
         HandWritten{"tab", "//ATTRIBUTES TAB\nv D 8\n",
                     [](const MdlDocument& d) {
@@ -210,7 +218,8 @@ INSTANTIATE_TEST_SUITE_P(
                       EXPECT_EQ(d.recordSet->pattern, "^\\d{4}-\\d\\d-\\d\\d ");
                     }},
         HandWritten{"records that end at a closing line",
-                    "//RECORDSET END(0,regex,(?m)^\\](\\)|[])(]|[[:punct:])]|\\Q)\\E)$)\n//ATTRIBUTES NEWLINE\n"
+                    "//RECORDSET "
+                    "END(0,regex,(?m)^\\](\\)|[])(]|[[:punct:])]|\\Q)\\E)$)\n//ATTRIBUTES NEWLINE\n"
                     "entry Z 8192\n",
                     [](const MdlDocument& d) {
                       EXPECT_EQ(d.recordSet->pattern, "(?m)^\\](\\)|[])(]|[[:punct:])]|\\Q)\\E)$");
@@ -233,10 +242,10 @@ INSTANTIATE_TEST_SUITE_P(
     });
 
 TEST(MdlReader, ReadsEveryRegexSourceAndItsGroups) {
-  MdlDocument document =
-      readOk("//APPL a\n//NAME t E\n//SOURCE FILE REGEX='/var/log/(app|web)[0-9]*\\.log' "
-             "description='app logs' RESTARTFROMEND EraseRestart=n\n"
-             "//ATTRIBUTES NEWLINE\nline Z 10\n");
+  MdlDocument document = readOk(
+      "//APPL a\n//NAME t E\n//SOURCE FILE REGEX='/var/log/(app|web)[0-9]*\\.log' "
+      "description='app logs' RESTARTFROMEND EraseRestart=n\n"
+      "//ATTRIBUTES NEWLINE\nline Z 10\n");
   const MdlSource& source = document.sources.at(0);
   EXPECT_EQ(source.naming, SourceNaming::Regex);
   EXPECT_EQ(source.name, "/var/log/(app|web)[0-9]*\\.log");

@@ -19,7 +19,7 @@ using namespace std::chrono_literals;
 using Lines = std::vector<std::string>;
 
 class FileFollowerTest : public ::testing::Test {
-public:
+ public:
   void append(const std::string& text, const fs::path& path = {}) {
     std::ofstream(path.empty() ? log_ : path, std::ios::binary | std::ios::app) << text;
   }
@@ -33,10 +33,11 @@ public:
     return o;
   }
   std::unique_ptr<FileFollower> follower(FollowerOptions o) {
-    return std::make_unique<FileFollower>(std::move(o), [this](std::string_view line, unsigned flags) {
-      lines_.emplace_back(line);
-      flags_.push_back(flags);
-    });
+    return std::make_unique<FileFollower>(std::move(o),
+                                          [this](std::string_view line, unsigned flags) {
+                                            lines_.emplace_back(line);
+                                            flags_.push_back(flags);
+                                          });
   }
   // A follower that has read the log as it is from its top.
   std::unique_ptr<FileFollower> readFromTop(FollowerOptions o) {
@@ -58,15 +59,19 @@ TEST_F(FileFollowerTest, StartModesWithAndWithoutSavedPosition) {
   struct Case {
     const char* name;
     StartMode mode;
-    bool saved; // a previous follower read "a" and saved
+    bool saved;  // a previous follower read "a" and saved
     bool erase;
-    Lines expected; // after "b" was there at start and "c" appended
+    Lines expected;  // after "b" was there at start and "c" appended
   };
   const Case cases[] = {
       {"TAIL, no state: from the end", StartMode::Tail, false, false, {"c"}},
       {"TAIL resumes at the saved position", StartMode::Tail, true, false, {"b", "c"}},
       {"EraseRestart forgets the position", StartMode::Tail, true, true, {"c"}},
-      {"RESTARTFROMTOP ignores the position", StartMode::RestartFromTop, true, false, {"a", "b", "c"}},
+      {"RESTARTFROMTOP ignores the position",
+       StartMode::RestartFromTop,
+       true,
+       false,
+       {"a", "b", "c"}},
       {"RESTARTFROMEND ignores the position", StartMode::RestartFromEnd, true, false, {"c"}},
   };
   for (const auto& c : cases) {
@@ -96,7 +101,8 @@ TEST_F(FileFollowerTest, OverlongLineIsCutAtTheBound) {
   append("abcdefghij\nok\n");
   readFromTop(o);
   EXPECT_EQ(take(), (Lines{"abcd", "efgh", "ij", "ok"}));
-  EXPECT_EQ(flags_, (std::vector<unsigned>{kLineCut, kLineCut | kLineContinued, kLineContinued, kLineComplete}));
+  EXPECT_EQ(flags_, (std::vector<unsigned>{kLineCut, kLineCut | kLineContinued, kLineContinued,
+                                           kLineComplete}));
 }
 
 TEST_F(FileFollowerTest, MissingFileIsWaitedForAndReadFromTop) {
@@ -260,5 +266,5 @@ TEST_F(FileFollowerTest, NoDescriptorLeaksAcrossRotations) {
   EXPECT_EQ(descriptors(), before);
 }
 
-} // namespace
-} // namespace xrvlog
+}  // namespace
+}  // namespace xrvlog

@@ -16,7 +16,7 @@ namespace {
 namespace fs = std::filesystem;
 
 class FollowStateTest : public ::testing::Test {
-protected:
+ protected:
   void writeFile(const std::string& name, const std::string& text) {
     std::ofstream(dir_ / name, std::ios::binary) << text;
   }
@@ -25,7 +25,8 @@ protected:
 };
 
 TEST_F(FollowStateTest, RoundTripsReplacesAndLeavesNoTemporaryFile) {
-  const FollowState state{"/var/log/with space.log", 2049, 123456789012ULL, 987654321ULL, {256, 0xfedcba9876543210ULL}};
+  const FollowState state{
+      "/var/log/with space.log", 2049, 123456789012ULL, 987654321ULL, {256, 0xfedcba9876543210ULL}};
   const std::string path = dir_ / "state";
   ASSERT_TRUE(writeFollowState(path, state));
   EXPECT_EQ(readFollowState(path), state);
@@ -75,5 +76,5 @@ TEST_F(FollowStateTest, SignatureFollowsTheFirstBytes) {
   ::close(fd);
 }
 
-} // namespace
-} // namespace xrvlog
+}  // namespace
+}  // namespace xrvlog

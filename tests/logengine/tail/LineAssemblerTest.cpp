@@ -16,14 +16,19 @@ struct Piece {
   bool operator==(const Piece&) const = default;
 };
 
-std::ostream& operator<<(std::ostream& os, const Piece& p) { return os << '"' << p.text << "\"/" << p.flags; }
+std::ostream& operator<<(std::ostream& os, const Piece& p) {
+  return os << '"' << p.text << "\"/" << p.flags;
+}
 
 // Feeds the chunks one read each, then flushes what is held; checks the counts and
 // the held bytes reported on the way.
-std::vector<Piece> feed(std::size_t block, std::size_t maxLine, const std::vector<std::string>& chunks) {
+std::vector<Piece> feed(std::size_t block, std::size_t maxLine,
+                        const std::vector<std::string>& chunks) {
   LineAssembler lines(block, maxLine);
   std::vector<Piece> out;
-  const LineHandler handler = [&](std::string_view line, unsigned flags) { out.push_back({std::string(line), flags}); };
+  const LineHandler handler = [&](std::string_view line, unsigned flags) {
+    out.push_back({std::string(line), flags});
+  };
   for (const auto& chunk : chunks) {
     for (std::size_t at = 0; at < chunk.size();) {
       auto space = lines.writable();
@@ -59,14 +64,23 @@ TEST(LineAssemblerTest, SplitsHoldsAndCutsLines) {
        4,
        5,
        {"abcdefghijkl\nz\n"},
-       {{"abcde", kLineCut}, {"fghij", kLineCut | kLineContinued}, {"kl", kLineContinued}, {"z", 0}}},
+       {{"abcde", kLineCut},
+        {"fghij", kLineCut | kLineContinued},
+        {"kl", kLineContinued},
+        {"z", 0}}},
       {"cut line ending unterminated",
        4,
        3,
        {"abcdefg"},
-       {{"abc", kLineCut}, {"def", kLineCut | kLineContinued}, {"g", kLineUnterminated | kLineContinued}}},
+       {{"abc", kLineCut},
+        {"def", kLineCut | kLineContinued},
+        {"g", kLineUnterminated | kLineContinued}}},
       {"line of exactly the bound stays whole", 2, 4, {"ab", "cd", "\n"}, {{"abcd", 0}}},
-      {"tiny block, many reads", 1, 16, {"one\ntwo\nthree\n"}, {{"one", 0}, {"two", 0}, {"three", 0}}},
+      {"tiny block, many reads",
+       1,
+       16,
+       {"one\ntwo\nthree\n"},
+       {{"one", 0}, {"two", 0}, {"three", 0}}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -74,5 +88,5 @@ TEST(LineAssemblerTest, SplitsHoldsAndCutsLines) {
   }
 }
 
-} // namespace
-} // namespace xrvlog
+}  // namespace
+}  // namespace xrvlog

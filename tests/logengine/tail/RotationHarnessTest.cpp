@@ -37,7 +37,7 @@ int rounds() {
 }
 
 class Harness {
-public:
+ public:
   explicit Harness(std::uint64_t capacity) : capacity_(capacity) {
     counts_.assign(capacity_, 0);
     openLog();
@@ -59,7 +59,8 @@ public:
     o.rotatedFileGrace = 300ms;
     o.stateSaveInterval = 100ms;
     o.readBlockSize = 64 * 1024;
-    follower_ = std::make_unique<FileFollower>(o, [this](std::string_view line, unsigned flags) { take(line, flags); });
+    follower_ = std::make_unique<FileFollower>(
+        o, [this](std::string_view line, unsigned flags) { take(line, flags); });
     runner_ = std::thread([f = follower_.get()] { f->run(); });
   }
   void stopFollower() {
@@ -73,9 +74,10 @@ public:
   void write(std::uint64_t n) {
     char line[128];
     for (std::uint64_t i = 0; i < n; ++i) {
-      const int len = std::snprintf(line, sizeof line, "L%08llu %.*s\n", static_cast<unsigned long long>(next_),
-                                    static_cast<int>(next_ % 61),
-                                    "abcdefghijklmnopqrstuvwxyzabcdefghijklmnopqrstuvwxyzabcdefghijk");
+      const int len =
+          std::snprintf(line, sizeof line, "L%08llu %.*s\n", static_cast<unsigned long long>(next_),
+                        static_cast<int>(next_ % 61),
+                        "abcdefghijklmnopqrstuvwxyzabcdefghijklmnopqrstuvwxyzabcdefghijk");
       if (::write(fd_, line, static_cast<std::size_t>(len)) != len) {
         throw std::runtime_error("write");
       }
@@ -143,8 +145,8 @@ public:
         lost += counts_[seq] == 0;
         doubled += counts_[seq] > 1;
       }
-      report << "copytruncate window of " << (w.second - w.first) << " lines: " << lost << " lost, " << doubled
-             << " doubled; ";
+      report << "copytruncate window of " << (w.second - w.first) << " lines: " << lost << " lost, "
+             << doubled << " doubled; ";
     }
     report << "damaged lines inside windows: " << damagedInside_;
     return report.str();
@@ -168,7 +170,8 @@ public:
   void take(std::string_view line, unsigned flags) {
     std::uint64_t seq = 0;
     const bool parsed = line.size() > 9 && line[0] == 'L' &&
-                        std::from_chars(line.data() + 1, line.data() + 9, seq).ec == std::errc() && seq < capacity_;
+                        std::from_chars(line.data() + 1, line.data() + 9, seq).ec == std::errc() &&
+                        seq < capacity_;
     std::lock_guard lock(mutex_);
     if (flags != kLineComplete) {
       // A torn line can only come from a truncation cutting a line short.
@@ -196,7 +199,7 @@ public:
   fs::path log_ = dir_ / "app.log";
   std::uint64_t capacity_;
   int fd_ = -1;
-  std::uint64_t next_ = 0; // the writer's next sequence number
+  std::uint64_t next_ = 0;  // the writer's next sequence number
   std::unique_ptr<FileFollower> follower_;
   std::thread runner_;
   std::mutex mutex_;
@@ -266,5 +269,5 @@ TEST(RotationHarnessTest, EveryLineOnceThroughRotationsAndRestarts) {
   ::testing::Test::RecordProperty("copytruncate", report);
 }
 
-} // namespace
-} // namespace xrvlog
+}  // namespace
+}  // namespace xrvlog

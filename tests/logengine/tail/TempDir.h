@@ -9,14 +9,14 @@
 namespace xrvlog::test {
 
 class TempDir {
-public:
+ public:
   explicit TempDir(const std::string& prefix) : path_(make("/tmp/" + prefix + "-XXXXXX")) {}
   ~TempDir() { std::filesystem::remove_all(path_, ignored_); }
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
   const std::filesystem::path& path() const { return path_; }
 
-private:
+ private:
   static std::string make(std::string pattern) {
     if (::mkdtemp(pattern.data()) == nullptr) {
       throw std::runtime_error("mkdtemp failed for " + pattern);
@@ -27,4 +27,4 @@ private:
   std::error_code ignored_;
 };
 
-} // namespace xrvlog::test
+}  // namespace xrvlog::test
