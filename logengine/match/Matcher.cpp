@@ -54,8 +54,8 @@ uint32_t resolve_group(pcre2_code* code, std::size_t index, std::string_view gro
     unsigned long number = group.size() > 9 ? ~0ul : std::stoul(std::string(group));
     if (number > groups) {
       throw PatternError(index, offset,
-                         where + " names group " + std::string(group) + ", but the expression has " +
-                             std::to_string(groups) + " groups");
+                         where + " names group " + std::string(group) +
+                             ", but the expression has " + std::to_string(groups) + " groups");
     }
     return static_cast<uint32_t>(number);
   }
@@ -125,8 +125,8 @@ std::vector<Piece> parse_replacement(const std::string& text, pcre2_code* code, 
       throw PatternError(index, dollar,
                          "'$' in the replacement must be followed by a group, {group} or '$'");
     }
-    const uint32_t group =
-        resolve_group(code, index, reference, dollar, "the replacement at offset " + std::to_string(dollar));
+    const uint32_t group = resolve_group(code, index, reference, dollar,
+                                         "the replacement at offset " + std::to_string(dollar));
     if (!literal.empty()) pieces.push_back(Piece{std::move(literal), -1});
     literal.clear();
     pieces.push_back(Piece{{}, static_cast<int>(group)});
@@ -152,8 +152,8 @@ std::shared_ptr<const PatternSet> PatternSet::compile(std::vector<PatternSpec> s
     if (limits.utf) options |= PCRE2_UTF | PCRE2_MATCH_INVALID_UTF;
     int error = 0;
     PCRE2_SIZE offset = 0;
-    compiled.code = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(expression.data()), expression.size(),
-                                  options, &error, &offset, nullptr);
+    compiled.code = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(expression.data()),
+                                  expression.size(), options, &error, &offset, nullptr);
     if (compiled.code == nullptr) {
       throw PatternError(index, offset,
                          pcre2_message(error) + " at offset " + std::to_string(offset) + " of \"" +
@@ -172,8 +172,8 @@ std::shared_ptr<const PatternSet> PatternSet::compile(std::vector<PatternSpec> s
       }
     }
     for (const FieldSpec& field : added.spec.fields) {
-      added.field_groups.push_back(
-          resolve_group(added.code, index, field.group, std::string::npos, "field '" + field.name + "'"));
+      added.field_groups.push_back(resolve_group(added.code, index, field.group, std::string::npos,
+                                                 "field '" + field.name + "'"));
     }
     if (added.spec.replacement) {
       added.replacement = parse_replacement<Piece>(*added.spec.replacement, added.code, index);
@@ -189,10 +189,12 @@ std::shared_ptr<const PatternSet> PatternSet::compile(std::vector<PatternSpec> s
   if (set->jit_) {
     set->status_ += "JIT";
   } else if (jitted > 0) {
-    set->status_ += "JIT for " + std::to_string(jitted) + " of " + std::to_string(set->patterns_.size()) +
-                    " filters, interpreter for the rest (" + jit_failure + ")";
+    set->status_ += "JIT for " + std::to_string(jitted) + " of " +
+                    std::to_string(set->patterns_.size()) + " filters, interpreter for the rest (" +
+                    jit_failure + ")";
   } else {
-    set->status_ += "interpreter (JIT " + (jit_failure.empty() ? std::string("unavailable") : jit_failure) + ")";
+    set->status_ += "interpreter (JIT " +
+                    (jit_failure.empty() ? std::string("unavailable") : jit_failure) + ")";
   }
   return set;
 }

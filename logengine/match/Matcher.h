@@ -54,8 +54,8 @@ struct MatchLimits {
   uint32_t depth_limit = 10'000;     // interpreter only: nested backtracking frames
   uint32_t heap_limit_kib = 4096;    // interpreter only: its backtracking frames
   std::size_t jit_stack_max = 1024 * 1024;
-  bool use_jit = true;               // false forces the interpreter
-  bool utf = true;                   // lines are UTF-8 (invalid sequences never match)
+  bool use_jit = true;  // false forces the interpreter
+  bool utf = true;      // lines are UTF-8 (invalid sequences never match)
   // CPU time is read on every Nth line and scaled by N; 0 switches it off.
   uint32_t cpu_sample_period = 64;
 };

@@ -13,10 +13,13 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <cstdarg>
 #include <cstring>
 #include <thread>
 
+#include "framework/Mutex.h"
 #include "framework/ReadFile.h"
 #include "framework/Trace.h"
 #include "host/AgentApi.h"
@@ -132,6 +135,30 @@ struct HttpServer::Impl {
   HttpConnections connections;
   HttpWorkers workers;
   std::atomic<bool> stopping{false};  // requests from now on are answered 503
+  // Requests handed to a worker whose answer has not gone out yet: stop() waits for
+  // them, so that the answer to a shutdown request reaches its client.
+  XRV::Mutex workLock;
+  std::condition_variable workDone;
+  int answersPending XRV_GUARDED_BY(workLock) = 0;
+
+  void answerPending() {
+    XRV::MutexLock lock(workLock);
+    ++answersPending;
+  }
+  void answerSent() {
+    {
+      XRV::MutexLock lock(workLock);
+      --answersPending;
+    }
+    workDone.notify_all();
+  }
+  // Waits until every pending answer went out (or its connection ended), at most
+  // `limit`.
+  void waitForAnswers(std::chrono::milliseconds limit) {
+    XRV::MutexLock lock(workLock);
+    workDone.wait_for(lock.native(), limit,
+                      [this]() XRV_NO_THREAD_SAFETY_ANALYSIS { return answersPending == 0; });
+  }
 
   Impl(AgentApi& agentApi, const HttpLimits& httpLimits)
       : api(agentApi), limits(httpLimits), connections(httpLimits.headSeconds),
@@ -267,6 +294,7 @@ struct HttpServer::Impl {
       }
     }
     request->submitted = true;
+    answerPending();
     MHD_suspend_connection(connection);
     if (!workers.submit([this, connection, request] {
           request->answer = answer(*request, connection);
@@ -291,8 +319,13 @@ MHD_Result accessHandler(void* server, MHD_Connection* connection, const char* u
 
 void requestCompleted(void* server, MHD_Connection* connection, void** context,
                       MHD_RequestTerminationCode) {
-  delete static_cast<Request*>(*context);
+  auto* request = static_cast<Request*>(*context);
+  const bool wasPending = request != nullptr && request->submitted;
+  delete request;
   *context = nullptr;
+  if (wasPending) {
+    static_cast<HttpServer::Impl*>(server)->answerSent();
+  }
   static_cast<HttpServer::Impl*>(server)->connections.requestDone(connection);
 }
 
@@ -430,11 +463,15 @@ void HttpServer::stop() {
     return;
   }
   // The requests being worked on finish and resume their connections (a suspended
-  // connection must be resumed before the daemon goes); later ones are refused.
+  // connection must be resumed before the daemon goes), and their answers go out;
+  // later ones are refused.
   // The listening socket stays with the daemon until it stops: taking it out of
   // the event loops while they run races with the loops themselves.
   impl.stopping.store(true);
   impl.workers.stop();
+  // The loops still run: the answers the workers left (a shutdown request's own
+  // among them) are written before the connections go.
+  impl.waitForAnswers(std::chrono::seconds(1));
   impl.connections.stop();
   MHD_stop_daemon(impl.daemon);  // closes the listening socket
   impl.daemon = nullptr;

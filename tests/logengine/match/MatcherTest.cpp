@@ -6,8 +6,8 @@
 #include <array>
 #include <atomic>
 #include <chrono>
-#include <ctime>
 #include <cstdlib>
+#include <ctime>
 #include <new>
 #include <optional>
 #include <string>
@@ -47,29 +47,34 @@ Strings texts(const MatchResult& result) { return {result.fields.begin(), result
 
 Counts counts(const Matcher& matcher) {
   Counts counts;
-  for (const PatternStats& s : matcher.stats()) counts.push_back({s.matches, s.misses, s.limit_hits});
+  for (const PatternStats& s : matcher.stats())
+    counts.push_back({s.matches, s.misses, s.limit_hits});
   return counts;
 }
 
 TEST(MatcherTest, ScanSearchesTheLineAndMatchStartsAtItsFirstByte) {
   const std::tuple<PatternKind, const char*, const char*, bool> cases[] = {
-      {PatternKind::Scan, "b+c", "aabbc", true},   {PatternKind::Match, "b+c", "aabbc", false},
-      {PatternKind::Match, "a+b", "aabbc", true},  {PatternKind::Match, "b", "ab", false},
-      {PatternKind::Match, "a|b", "cb", false},    {PatternKind::Scan, "x", "", false},
+      {PatternKind::Scan, "b+c", "aabbc", true},  {PatternKind::Match, "b+c", "aabbc", false},
+      {PatternKind::Match, "a+b", "aabbc", true}, {PatternKind::Match, "b", "ab", false},
+      {PatternKind::Match, "a|b", "cb", false},   {PatternKind::Scan, "x", "", false},
       {PatternKind::Match, "()$", "", true},
   };
   for (auto [kind, expression, line, matches] : cases) {
-    SCOPED_TRACE(std::string(kind == PatternKind::Scan ? "scan " : "match ") + expression + " on " + line);
+    SCOPED_TRACE(std::string(kind == PatternKind::Scan ? "scan " : "match ") + expression + " on " +
+                 line);
     EXPECT_EQ(matcher_for({{kind, expression, {}, {}}}).match(line).matched(), matches);
   }
 }
 
 TEST(MatcherTest, FiltersAreTriedInOrderAndTheFirstMatchWins) {
   Matcher matcher = matcher_for({{PatternKind::Match, "ERROR (\\w+)", {{"what", "1"}}, {}},
-                                 scan("user=(\\w+)", {{"user", "1"}}), scan("(\\w+)$", {{"last", "1"}})});
-  const std::tuple<const char*, int, Strings> cases[] = {
-      {"ERROR disk user=bob", 0, {"disk"}}, {"login user=bob ok", 1, {"bob"}}, {"nothing here", 2, {"here"}},
-      {"  ", -1, {}}, {"ERROR ", -1, {}}};
+                                 scan("user=(\\w+)", {{"user", "1"}}),
+                                 scan("(\\w+)$", {{"last", "1"}})});
+  const std::tuple<const char*, int, Strings> cases[] = {{"ERROR disk user=bob", 0, {"disk"}},
+                                                         {"login user=bob ok", 1, {"bob"}},
+                                                         {"nothing here", 2, {"here"}},
+                                                         {"  ", -1, {}},
+                                                         {"ERROR ", -1, {}}};
   for (const auto& [line, pattern, fields] : cases) {
     SCOPED_TRACE(line);
     const MatchResult& result = matcher.match(line);
@@ -81,9 +86,13 @@ TEST(MatcherTest, FiltersAreTriedInOrderAndTheFirstMatchWins) {
 }
 
 TEST(MatcherTest, FieldsComeFromNamedAndNumberedGroupsAsViewsIntoTheLine) {
-  Matcher matcher = matcher_for({scan("^(?<host>\\S+) (\\S+) \\[(?<time>[^\\]]+)\\](?: (opt))?",
-                                      {{"time", "time"}, {"host", "host"}, {"second", "2"}, {"first", "1"},
-                                       {"optional", "4"}, {"whole", "0"}})});
+  Matcher matcher = matcher_for(
+      {scan("^(?<host>\\S+) (\\S+) \\[(?<time>[^\\]]+)\\](?: (opt))?", {{"time", "time"},
+                                                                        {"host", "host"},
+                                                                        {"second", "2"},
+                                                                        {"first", "1"},
+                                                                        {"optional", "4"},
+                                                                        {"whole", "0"}})});
   const std::string line = "10.0.0.1 - [10/Oct/2000:13:55:36 -0700] rest";
   const MatchResult& result = matcher.match(line);
   EXPECT_EQ(texts(result), (Strings{"10/Oct/2000:13:55:36 -0700", "10.0.0.1", "-", "10.0.0.1", "",
@@ -93,7 +102,8 @@ TEST(MatcherTest, FieldsComeFromNamedAndNumberedGroupsAsViewsIntoTheLine) {
 }
 
 TEST(MatcherTest, ReplaceFirstReplacesTheFirstMatchOnly) {
-  const char* cases[][4] = {  // expression, replacement, line, text
+  const char* cases[][4] = {
+      // expression, replacement, line, text
       {"(\\d+)", "<$1>", "a 12 b 34", "a <12> b 34"},
       {"(?<n>\\d+)", "${n}${n}", "x9y", "x99y"},
       {"(\\d)(\\d)", "${2}$1", "12345", "21345"},
@@ -107,7 +117,8 @@ TEST(MatcherTest, ReplaceFirstReplacesTheFirstMatchOnly) {
     SCOPED_TRACE(std::string(expression) + " -> " + replacement + " on " + line);
     EXPECT_EQ(matcher_for({scan(expression, {}, replacement)}).match(line).text, text);
   }
-  // The buffer is reused: a shorter line leaves nothing of the longer one, a miss gives the line back.
+  // The buffer is reused: a shorter line leaves nothing of the longer one, a miss gives the line
+  // back.
   Matcher matcher = matcher_for({scan("(\\w+)", {}, "<$1>")});
   EXPECT_EQ(matcher.match("a-much-longer-first-line").text, "<a>-much-longer-first-line");
   EXPECT_EQ(matcher.match("bb").text, "<bb>");
@@ -115,9 +126,12 @@ TEST(MatcherTest, ReplaceFirstReplacesTheFirstMatchOnly) {
 }
 
 TEST(MatcherTest, MatchingAllocatesNothingOnceTheBuffersHaveGrown) {
-  Matcher matcher = matcher_for({{PatternKind::Match, "(\\w+) (\\w+)", {{"a", "1"}, {"b", "2"}}, "$2 $1!"},
-                                 scan("(?<n>\\d+)", {{"n", "n"}}, "<${n}>"), scan("(a+)+$")});
-  const Strings lines = {"alpha beta gamma", "-- 12345 --", "----", std::string(5000, 'a') + "b", "x y", "--7"};
+  Matcher matcher =
+      matcher_for({{PatternKind::Match, "(\\w+) (\\w+)", {{"a", "1"}, {"b", "2"}}, "$2 $1!"},
+                   scan("(?<n>\\d+)", {{"n", "n"}}, "<${n}>"),
+                   scan("(a+)+$")});
+  const Strings lines = {"alpha beta gamma",           "-- 12345 --", "----",
+                         std::string(5000, 'a') + "b", "x y",         "--7"};
   for (const std::string& line : lines) matcher.match(line);
   const std::size_t before = allocations.load();
   int matched = 0;
@@ -134,10 +148,13 @@ class CatastrophicTest : public ::testing::TestWithParam<bool> {};
 // (a+)+$ against a long run of 'a' ending in 'b' backtracks exponentially; the limits
 // must give the record up quickly, count it, and leave the matcher usable.
 TEST_P(CatastrophicTest, IsBoundedCountedAndNotFatal) {
-  Matcher matcher = matcher_for({scan("(a+)+$"), scan("^(ok) (\\d+)$", {{"n", "2"}})}, {.use_jit = GetParam()});
+  Matcher matcher =
+      matcher_for({scan("(a+)+$"), scan("^(ok) (\\d+)$", {{"n", "2"}})}, {.use_jit = GetParam()});
   const PatternSet& set = matcher.patterns();
   EXPECT_TRUE(GetParam() || !set.jit()) << "the interpreter was asked for";
-  const char* how = set.jit() ? ", JIT" : GetParam() ? ", interpreter (JIT" : ", interpreter (JIT switched off)";
+  const char* how = set.jit()    ? ", JIT"
+                    : GetParam() ? ", interpreter (JIT"
+                                 : ", interpreter (JIT switched off)";
   EXPECT_THAT(set.status(), AllOf(StartsWith("PCRE2 10."), HasSubstr(how)));
 
   const auto start = std::chrono::steady_clock::now();
@@ -156,7 +173,8 @@ TEST_P(CatastrophicTest, IsBoundedCountedAndNotFatal) {
 TEST_P(CatastrophicTest, FollowsTheConfiguredMatchLimit) {
   for (auto [match_limit, limited] : {std::pair{1000u, 1u}, {100'000'000u, 0u}}) {
     SCOPED_TRACE(match_limit);
-    Matcher matcher = matcher_for({scan("(a+)+$")}, {.match_limit = match_limit, .use_jit = GetParam()});
+    Matcher matcher =
+        matcher_for({scan("(a+)+$")}, {.match_limit = match_limit, .use_jit = GetParam()});
     EXPECT_FALSE(matcher.match(std::string(16, 'a') + "b").matched());
     EXPECT_EQ(matcher.stats()[0].limit_hits, limited);
     EXPECT_EQ(matcher.limited_records(), limited);
@@ -170,12 +188,15 @@ TEST(MatcherTest, BadFiltersFailWithTheirMessageAndOffset) {
   const std::tuple<PatternSpec, std::size_t, const char*> cases[] = {
       {scan("(abc"), 4, "missing closing parenthesis at offset 4 of \"(abc\""},
       {{PatternKind::Match, "a{3,1}", {}, {}}, 5, "numbers out of order in {} quantifier"},
-      {scan("(a)", {{"x", "2"}}), std::string::npos, "field 'x' names group 2, but the expression has 1 groups"},
-      {scan("(?<a>a)", {{"x", "b"}}), std::string::npos, "field 'x' names group 'b', which the expression does not have"},
+      {scan("(a)", {{"x", "2"}}), std::string::npos,
+       "field 'x' names group 2, but the expression has 1 groups"},
+      {scan("(?<a>a)", {{"x", "b"}}), std::string::npos,
+       "field 'x' names group 'b', which the expression does not have"},
       {scan("(a)", {}, "x$"), 1, "the replacement ends in '$'"},
       {scan("(a)", {}, "${1"), 0, "'${' without its '}'"},
       {scan("(a)", {}, "ab$%"), 2, "must be followed by a group"},
-      {scan("(a)", {}, "x$2"), 1, "the replacement at offset 1 names group 2, but the expression has 1"},
+      {scan("(a)", {}, "x$2"), 1,
+       "the replacement at offset 1 names group 2, but the expression has 1"},
       {scan("(a)", {}, "${nope}"), 0, "names group 'nope'"},
   };
   for (const auto& [spec, offset, message] : cases) {
@@ -192,13 +213,23 @@ TEST(MatcherTest, BadFiltersFailWithTheirMessageAndOffset) {
 }
 
 TEST(MatcherTest, MatchesUtf8LinesByCharacter) {
-  const char* cases[][3] = {  // expression, line, the group's text or null for no match
+  const char* cases[][3] = {
+      // expression, line, the group's text or null for no match
       {"^(.{3})$", "äöü", "äöü"},  // three characters, six bytes
       {"ü(.)x", "aüßx", "ß"},
       {"^(.)", "€uro", "€"},
-      {"(abc)", "\xff\xfe" "abc", "abc"},  // invalid bytes before a match
-      {"^(.)", "\xff" "abc", nullptr},     // nor does '.' match an invalid byte
-      {"(.)\\d", "\xc3\x28" "x1", "x"},    // a broken two-byte sequence
+      {"(abc)",
+       "\xff\xfe"
+       "abc",
+       "abc"},  // invalid bytes before a match
+      {"^(.)",
+       "\xff"
+       "abc",
+       nullptr},  // nor does '.' match an invalid byte
+      {"(.)\\d",
+       "\xc3\x28"
+       "x1",
+       "x"},  // a broken two-byte sequence
   };
   for (auto [expression, line, field] : cases) {
     SCOPED_TRACE(expression);
