@@ -54,7 +54,8 @@ std::size_t generate(int fd, long lines) {
   static const char* const dirs[] = {"static", "img", "api/v1", "docs", "blog"};
   static const char* const exts[] = {"html", "png", "css", "js", "json"};
   static const int statuses[] = {200, 200, 200, 200, 200, 304, 404, 301, 500};
-  static const char* const agents[] = {"Mozilla/5.0 (X11)", "curl/7.88.1", "Mozilla/5.0", "Wget/1.21"};
+  static const char* const agents[] = {"Mozilla/5.0 (X11)", "curl/7.88.1", "Mozilla/5.0",
+                                       "Wget/1.21"};
   static const char* const referers[] = {"-", "-", "http://ex.com/", "http://ex.com/a"};
   Rng rng{42};
   std::string buffer;
@@ -70,13 +71,14 @@ std::size_t generate(int fd, long lines) {
     } else {
       std::snprintf(size_text, sizeof size_text, "%u", size);
     }
-    int n = std::snprintf(line, sizeof line,
-                          "%u.%u.%u.%u - - [%02u/%s/2026:%02u:%02u:%02u +0000] \"%s /%s/%u.%s HTTP/1.1\" %d %s "
-                          "\"%s\" \"%s\"\n",
-                          10 + rng.below(200), rng.below(256), rng.below(256), rng.below(256), 1 + rng.below(28),
-                          months[rng.below(12)], rng.below(24), rng.below(60), rng.below(60),
-                          methods[rng.below(6)], dirs[rng.below(5)], rng.below(100000), exts[rng.below(5)],
-                          status, size_text, referers[rng.below(4)], agents[rng.below(4)]);
+    int n = std::snprintf(
+        line, sizeof line,
+        "%u.%u.%u.%u - - [%02u/%s/2026:%02u:%02u:%02u +0000] \"%s /%s/%u.%s HTTP/1.1\" %d %s "
+        "\"%s\" \"%s\"\n",
+        10 + rng.below(200), rng.below(256), rng.below(256), rng.below(256), 1 + rng.below(28),
+        months[rng.below(12)], rng.below(24), rng.below(60), rng.below(60), methods[rng.below(6)],
+        dirs[rng.below(5)], rng.below(100000), exts[rng.below(5)], status, size_text,
+        referers[rng.below(4)], agents[rng.below(4)]);
     buffer.append(line, static_cast<std::size_t>(n));
     if (buffer.size() > (1 << 20) - 512 || i + 1 == lines) {
       if (write(fd, buffer.data(), buffer.size()) != static_cast<ssize_t>(buffer.size())) {
@@ -103,12 +105,13 @@ struct Run {
   long matched = 0;
 };
 
-Run run_matcher(const std::string& path, const std::vector<xrvlog::PatternSpec>& specs, uint32_t sample_period,
-                std::vector<xrvlog::PatternStats>* stats = nullptr, bool jit = true) {
+Run run_matcher(const std::string& path, const std::vector<xrvlog::PatternSpec>& filters,
+                uint32_t sample_period, std::vector<xrvlog::PatternStats>* stats = nullptr,
+                bool jit = true) {
   xrvlog::MatchLimits limits;
   limits.cpu_sample_period = sample_period;
   limits.use_jit = jit;
-  xrvlog::Matcher matcher(xrvlog::PatternSet::compile(specs, limits));
+  xrvlog::Matcher matcher(xrvlog::PatternSet::compile(filters, limits));
   int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
     std::perror(path.c_str());
@@ -154,7 +157,8 @@ Run run_grep(const std::string& path) {
   posix_spawn_file_actions_addclose(&actions, out[0]);
   std::vector<std::string> env_text;
   for (char** e = environ; *e != nullptr; ++e) {
-    if (std::strncmp(*e, "LC_", 3) != 0 && std::strncmp(*e, "LANG", 4) != 0) env_text.emplace_back(*e);
+    if (std::strncmp(*e, "LC_", 3) != 0 && std::strncmp(*e, "LANG", 4) != 0)
+      env_text.emplace_back(*e);
   }
   // The matcher treats lines as UTF-8; so does grep in a UTF-8 locale.
   env_text.emplace_back("LC_ALL=C.UTF-8");
@@ -188,8 +192,9 @@ Run run_grep(const std::string& path) {
 }
 
 void print(const char* name, const Run& run, long lines, std::size_t bytes) {
-  std::printf("%-34s %12.0f %10.1f %9.3f %9.3f %9ld\n", name, static_cast<double>(lines) / run.seconds,
-              static_cast<double>(bytes) / run.seconds / 1e6, run.seconds, run.cpu_seconds, run.matched);
+  std::printf(
+      "%-34s %12.0f %10.1f %9.3f %9.3f %9ld\n", name, static_cast<double>(lines) / run.seconds,
+      static_cast<double>(bytes) / run.seconds / 1e6, run.seconds, run.cpu_seconds, run.matched);
 }
 
 }  // namespace
@@ -213,10 +218,19 @@ int main(int argc, char** argv) {
   using xrvlog::FieldSpec;
   using xrvlog::PatternKind;
   using xrvlog::PatternSpec;
-  const PatternSpec access{PatternKind::Scan, kAccess,
-                           {{"host", "1"}, {"time", "2"}, {"request", "3"}, {"status", "4"}, {"size", "5"}}, {}};
-  const PatternSpec error{PatternKind::Scan, kError, {{"time", "time"}, {"level", "level"}, {"message", "message"}}, {}};
-  const PatternSpec syslog{PatternKind::Scan, kSyslog, {{"time", "1"}, {"host", "2"}, {"program", "3"}, {"message", "4"}}, {}};
+  const PatternSpec access{
+      PatternKind::Scan,
+      kAccess,
+      {{"host", "1"}, {"time", "2"}, {"request", "3"}, {"status", "4"}, {"size", "5"}},
+      {}};
+  const PatternSpec error{PatternKind::Scan,
+                          kError,
+                          {{"time", "time"}, {"level", "level"}, {"message", "message"}},
+                          {}};
+  const PatternSpec syslog{PatternKind::Scan,
+                           kSyslog,
+                           {{"time", "1"}, {"host", "2"}, {"program", "3"}, {"message", "4"}},
+                           {}};
   const std::vector<PatternSpec> filters = {access, error, syslog};
   const std::vector<PatternSpec> access_last = {error, syslog, access};
 
@@ -240,7 +254,8 @@ int main(int argc, char** argv) {
   print("matcher, 3 filters (access first)", ours, ours.lines, bytes);
   print("grep -cP, access filter", grep, lines, bytes);
   std::printf("%-34s %12.2f\n", "ratio matcher / grep (lines/s)", grep.seconds / ours.seconds);
-  std::printf("%-34s %12ld KB (%ld KB before the run)\n", "matcher peak RSS", after.ru_maxrss, before.ru_maxrss);
+  std::printf("%-34s %12ld KB (%ld KB before the run)\n", "matcher peak RSS", after.ru_maxrss,
+              before.ru_maxrss);
   print("matcher, access filter last", last, last.lines, bytes);
   print("matcher, CPU time never read", no_cpu, no_cpu.lines, bytes);
   print("matcher, CPU time every line", every_cpu, every_cpu.lines, bytes);

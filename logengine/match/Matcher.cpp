@@ -137,7 +137,7 @@ std::vector<Piece> parse_replacement(const std::string& text, pcre2_code* code, 
 
 }  // namespace
 
-std::shared_ptr<const PatternSet> PatternSet::compile(std::vector<PatternSpec> specs,
+std::shared_ptr<const PatternSet> PatternSet::compile(std::vector<PatternSpec> filters,
                                                       const MatchLimits& limits) {
   std::shared_ptr<PatternSet> set(new PatternSet);
   set->limits_ = limits;
@@ -145,10 +145,10 @@ std::shared_ptr<const PatternSet> PatternSet::compile(std::vector<PatternSpec> s
   std::string jit_failure = !limits.use_jit ? "switched off" : !jit ? "not built into PCRE2" : "";
   std::size_t jitted = 0;
 
-  for (std::size_t index = 0; index < specs.size(); ++index) {
-    Compiled compiled{std::move(specs[index]), nullptr, {}, {}};
-    const std::string& expression = compiled.spec.expression;
-    uint32_t options = compiled.spec.kind == PatternKind::Match ? PCRE2_ANCHORED : 0;
+  for (std::size_t index = 0; index < filters.size(); ++index) {
+    Compiled compiled{std::move(filters[index]), nullptr, {}, {}};
+    const std::string& expression = compiled.filter.expression;
+    uint32_t options = compiled.filter.kind == PatternKind::Match ? PCRE2_ANCHORED : 0;
     if (limits.utf) options |= PCRE2_UTF | PCRE2_MATCH_INVALID_UTF;
     int error = 0;
     PCRE2_SIZE offset = 0;
@@ -171,12 +171,12 @@ std::shared_ptr<const PatternSet> PatternSet::compile(std::vector<PatternSpec> s
         jit_failure = "filter " + std::to_string(index + 1) + ": " + pcre2_message(rc);
       }
     }
-    for (const FieldSpec& field : added.spec.fields) {
+    for (const FieldSpec& field : added.filter.fields) {
       added.field_groups.push_back(resolve_group(added.code, index, field.group, std::string::npos,
                                                  "field '" + field.name + "'"));
     }
-    if (added.spec.replacement) {
-      added.replacement = parse_replacement<Piece>(*added.spec.replacement, added.code, index);
+    if (added.filter.replacement) {
+      added.replacement = parse_replacement<Piece>(*added.filter.replacement, added.code, index);
     }
     uint32_t groups = 0;
     pcre2_pattern_info(added.code, PCRE2_INFO_CAPTURECOUNT, &groups);
@@ -293,7 +293,7 @@ void Matcher::fill(std::size_t index, std::string_view line) {
   };
   result_.pattern = static_cast<int>(index);
   for (uint32_t group : pattern.field_groups) result_.fields.push_back(group_text(group));
-  if (!pattern.spec.replacement) return;
+  if (!pattern.filter.replacement) return;
 
   // \K can leave the start of the match past its end; the replaced span is then empty.
   const std::size_t end = ovector[1];

@@ -85,14 +85,14 @@ struct PatternStats {
 class PatternSet {
  public:
   // Compiles every filter; throws PatternError for the first one that is wrong.
-  static std::shared_ptr<const PatternSet> compile(std::vector<PatternSpec> specs,
+  static std::shared_ptr<const PatternSet> compile(std::vector<PatternSpec> filters,
                                                    const MatchLimits& limits = {});
   ~PatternSet();
   PatternSet(const PatternSet&) = delete;
   PatternSet& operator=(const PatternSet&) = delete;
 
   std::size_t size() const { return patterns_.size(); }
-  const PatternSpec& spec(std::size_t index) const { return patterns_[index].spec; }
+  const PatternSpec& filter(std::size_t index) const { return patterns_[index].filter; }
   const MatchLimits& limits() const { return limits_; }
   // True when every filter runs JIT-compiled code.
   bool jit() const { return jit_; }
@@ -107,7 +107,7 @@ class PatternSet {
     int group = -1;
   };
   struct Compiled {
-    PatternSpec spec;
+    PatternSpec filter;
     pcre2_real_code_8* code = nullptr;
     std::vector<uint32_t> field_groups;
     std::vector<Piece> replacement;

@@ -397,18 +397,18 @@ constexpr bool formatMatchesArgs(const char* format, const char* args) {
 }
 
 constexpr bool tracesWellFormed() {
-  for (const SettingSpec& spec : kSettings) {
-    for (const SettingTrace& trace : spec.traces) {
+  for (const SettingSpec& entry : kSettings) {
+    for (const SettingTrace& trace : entry.traces) {
       if (trace.format != nullptr && !formatMatchesArgs(trace.format, trace.args)) {
         return false;
       }
     }
-    const bool group = spec.scope == SettingScope::Group;
-    if (group != (spec.name[0] == '_')) {
+    const bool group = entry.scope == SettingScope::Group;
+    if (group != (entry.name[0] == '_')) {
       return false;  // group settings are named by their suffix, and only they
     }
-    if (spec.fallback != Setting::None &&
-        (!group || kSettings[static_cast<size_t>(spec.fallback)].scope != SettingScope::Agent)) {
+    if (entry.fallback != Setting::None &&
+        (!group || kSettings[static_cast<size_t>(entry.fallback)].scope != SettingScope::Agent)) {
       return false;
     }
   }
@@ -420,11 +420,11 @@ static_assert(tracesWellFormed(),
 
 // --- Reading ---
 
-bool hasTraces(const SettingSpec& spec) { return spec.traces[0].format != nullptr; }
+bool hasTraces(const SettingSpec& entry) { return entry.traces[0].format != nullptr; }
 
 // The raw value: set, and the text.
-bool lookUp(const SettingSpec& spec, const std::string& name, std::string* text) {
-  if (spec.scope == SettingScope::Environment) {
+bool lookUp(const SettingSpec& entry, const std::string& name, std::string* text) {
+  if (entry.scope == SettingScope::Environment) {
     const char* value = getenv(name.c_str());
     if (value == nullptr) {
       return false;
@@ -443,8 +443,8 @@ bool lookUp(const SettingSpec& spec, const std::string& name, std::string* text)
 
 // The number `text` holds as the agent has always taken it: atoi, or atoll for wide
 // settings; Reject settings take only whole numbers.
-bool parseNumber(const SettingSpec& spec, const std::string& text, long long* number) {
-  if (spec.outOfRange == OutOfRange::Reject) {
+bool parseNumber(const SettingSpec& entry, const std::string& text, long long* number) {
+  if (entry.outOfRange == OutOfRange::Reject) {
     long value = 0;
     const char* end = text.data() + text.size();
     const auto [stop, status] = std::from_chars(text.data(), end, value);
@@ -452,7 +452,7 @@ bool parseNumber(const SettingSpec& spec, const std::string& text, long long* nu
     return status == std::errc() && stop == end;
   }
   const long long value = strtoll(text.c_str(), nullptr, 10);
-  *number = spec.wide ? value : static_cast<long long>(static_cast<int>(value));
+  *number = entry.wide ? value : static_cast<long long>(static_cast<int>(value));
   return true;
 }
 
@@ -484,43 +484,43 @@ bool flagValue(FlagRule rule, const std::string& text) {
   return false;
 }
 
-void appendWarning(const SettingContext& context, const SettingSpec& spec, const std::string& name,
+void appendWarning(const SettingContext& context, const SettingSpec& entry, const std::string& name,
                    const std::string& text) {
   if (context.warning == nullptr) {
     return;
   }
   std::string& w = *context.warning;
   w += std::string(w.empty() ? "" : "; ") + name + "=" + text + " is not a number from " +
-       std::to_string(spec.min) + " to " + std::to_string(spec.max) + ", using " +
-       std::to_string(spec.defaultValue);
+       std::to_string(entry.min) + " to " + std::to_string(entry.max) + ", using " +
+       std::to_string(entry.defaultValue);
 }
 
-// Reads `spec` into *read (whose name is already the name first looked up for it).
-void readInto(const SettingSpec& spec, const std::string& name, const SettingContext& context,
+// Reads `entry` into *read (whose name is already the name first looked up for it).
+void readInto(const SettingSpec& entry, const std::string& name, const SettingContext& context,
               SettingRead* read) {
   std::string text;
-  bool present = lookUp(spec, name, &text);
-  if (present && spec.emptyIsUnset && text.empty()) {
+  bool present = lookUp(entry, name, &text);
+  if (present && entry.emptyIsUnset && text.empty()) {
     present = false;
   }
-  read->traced = spec.id;
+  read->traced = entry.id;
   read->given = present;
   read->text = present ? text : std::string();
   uint8_t outcome = 0;
-  long long value = spec.defaultValue;
-  if (context.hasDefault && spec.id == context.defaultFor) {
+  long long value = entry.defaultValue;
+  if (context.hasDefault && entry.id == context.defaultFor) {
     value = context.defaultValue;
   }
   if (present) {
     outcome = when::Set;
-    switch (spec.kind) {
+    switch (entry.kind) {
       case SettingKind::Text:
         break;
       case SettingKind::Flag:
-        value = flagValue(spec.flag, text) ? 1 : 0;
+        value = flagValue(entry.flag, text) ? 1 : 0;
         break;
       case SettingKind::Choice: {
-        const int index = choiceIndex(spec.choices, text);
+        const int index = choiceIndex(entry.choices, text);
         if (index < 0) {
           outcome = when::Invalid | when::Unset;
         } else {
@@ -530,16 +530,16 @@ void readInto(const SettingSpec& spec, const std::string& name, const SettingCon
       }
       case SettingKind::Number: {
         long long number = 0;
-        const bool whole = parseNumber(spec, text, &number);
-        if (whole && number >= spec.min && number <= spec.max) {
+        const bool whole = parseNumber(entry, text, &number);
+        if (whole && number >= entry.min && number <= entry.max) {
           value = number;
-        } else if (spec.outOfRange == OutOfRange::Replace) {
-          value = spec.replacement;
+        } else if (entry.outOfRange == OutOfRange::Replace) {
+          value = entry.replacement;
           outcome = when::Replaced;
-        } else if (spec.outOfRange == OutOfRange::Ignore) {
+        } else if (entry.outOfRange == OutOfRange::Ignore) {
           outcome = when::Invalid | when::Unset;
-        } else if (spec.outOfRange == OutOfRange::Reject) {
-          appendWarning(context, spec, name, text);
+        } else if (entry.outOfRange == OutOfRange::Reject) {
+          appendWarning(context, entry, name, text);
           outcome = when::Unset;
         } else {
           value = number;
@@ -550,23 +550,23 @@ void readInto(const SettingSpec& spec, const std::string& name, const SettingCon
   }
   if ((outcome & when::Set) == 0 && (outcome & when::Replaced) == 0) {
     outcome |= when::Unset;
-    if (spec.fallback != Setting::None) {
-      const SettingSpec& fallback = settingSpec(spec.fallback);
+    if (entry.fallback != Setting::None) {
+      const SettingSpec& fallback = settingSpec(entry.fallback);
       readInto(fallback, fallback.name, context, read);
       if (!hasTraces(fallback)) {
-        read->traced = spec.id;
+        read->traced = entry.id;
       }
       read->outcome |= outcome & when::Invalid;
       return;
     }
   }
   read->set = (outcome & (when::Set | when::Replaced)) != 0;
-  const bool on = spec.kind == SettingKind::Choice ? value != spec.defaultValue
-                  : spec.kind == SettingKind::Text ? !read->text.empty()
-                                                   : value > 0;
+  const bool on = entry.kind == SettingKind::Choice ? value != entry.defaultValue
+                  : entry.kind == SettingKind::Text ? !read->text.empty()
+                                                    : value > 0;
   // Wraps rather than overflows for absurd sizes, as the size_t arithmetic it replaces.
   read->number = static_cast<long long>(static_cast<unsigned long long>(value) *
-                                        static_cast<unsigned long long>(spec.scale));
+                                        static_cast<unsigned long long>(entry.scale));
   read->outcome = outcome | (on ? when::On : when::Off);
 }
 
@@ -586,16 +586,16 @@ std::span<const SettingSpec> allSettings() { return kSettings; }
 const SettingSpec& settingSpec(Setting id) { return kSettings[static_cast<size_t>(id)]; }
 
 std::string settingName(Setting id, const char* group) {
-  const SettingSpec& spec = settingSpec(id);
-  if (spec.scope != SettingScope::Group) {
-    return spec.name;
+  const SettingSpec& entry = settingSpec(id);
+  if (entry.scope != SettingScope::Group) {
+    return entry.name;
   }
   // ASCII only: the name of a setting must not depend on the process locale.
   std::string name = "CDP_";
   for (const char* p = group == nullptr ? "" : group; *p != '\0'; ++p) {
     name += (*p >= 'a' && *p <= 'z') ? static_cast<char>(*p - 'a' + 'A') : *p;
   }
-  return name + spec.name;
+  return name + entry.name;
 }
 
 SettingRead readSetting(Setting id, const SettingContext& context) {

@@ -23,8 +23,7 @@ void freeKey(const char* key, const void* /*value*/, void* /*arg*/) {
 
 ResultsManager::ResultsManager(const char* applicationName, const char* attributeGroup,
                                int objectType)
-    : UAClientClass(applicationName, attributeGroup, objectType),
-      requestIntervals_(16) {
+    : UAClientClass(applicationName, attributeGroup, objectType), requestIntervals_(16) {
   XRV_TRACE_FN();
   constructorHelper();
 }
@@ -129,9 +128,9 @@ std::vector<std::string> ResultsManager::getPropertyNames() {
   XRV_TRACE_FN();
   // The settings of every group, in table order; those of data sources are theirs to add.
   std::vector<std::string> names;
-  for (const XRV::SettingSpec& spec : XRV::allSettings()) {
-    if (spec.scope == XRV::SettingScope::Group && spec.section == XRV::kGroupSettingsSection) {
-      names.push_back(XRV::settingName(spec.id, getAttributeGroup()));
+  for (const XRV::SettingSpec& entry : XRV::allSettings()) {
+    if (entry.scope == XRV::SettingScope::Group && entry.section == XRV::kGroupSettingsSection) {
+      names.push_back(XRV::settingName(entry.id, getAttributeGroup()));
     }
   }
   return names;

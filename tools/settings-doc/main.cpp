@@ -59,53 +59,53 @@ std::string cell(const std::string& text) {
   return out;
 }
 
-std::string shownName(const SettingSpec& spec) {
-  return spec.scope == SettingScope::Group ? std::string("CDP_<GROUP>") + spec.name : spec.name;
+std::string shownName(const SettingSpec& entry) {
+  return entry.scope == SettingScope::Group ? std::string("CDP_<GROUP>") + entry.name : entry.name;
 }
 
-std::string withUnit(long long value, const SettingSpec& spec) {
+std::string withUnit(long long value, const SettingSpec& entry) {
   std::string text = std::to_string(value);
-  if (*spec.unit != '\0') {
-    text += std::string(" ") + spec.unit;
+  if (*entry.unit != '\0') {
+    text += std::string(" ") + entry.unit;
   }
   return text;
 }
 
-std::string defaultOf(const SettingSpec& spec) {
-  if (spec.fallback != Setting::None) {
-    return std::string("`") + XRV::settingSpec(spec.fallback).name + "`";
+std::string defaultOf(const SettingSpec& entry) {
+  if (entry.fallback != Setting::None) {
+    return std::string("`") + XRV::settingSpec(entry.fallback).name + "`";
   }
-  if (*spec.defaultText != '\0') {
-    return spec.defaultText;
+  if (*entry.defaultText != '\0') {
+    return entry.defaultText;
   }
-  switch (spec.kind) {
+  switch (entry.kind) {
     case SettingKind::Text:
       return "unset";
     case SettingKind::Flag:
-      return spec.defaultValue != 0 ? "on" : "off";
+      return entry.defaultValue != 0 ? "on" : "off";
     case SettingKind::Choice: {
-      std::string choices = spec.choices;
+      std::string choices = entry.choices;
       return choices.substr(0, choices.find('|'));
     }
     case SettingKind::Number:
       break;
   }
-  return withUnit(spec.defaultValue, spec);
+  return withUnit(entry.defaultValue, entry);
 }
 
-std::string valuesOf(const SettingSpec& spec) {
+std::string valuesOf(const SettingSpec& entry) {
   std::string text;
-  switch (spec.kind) {
+  switch (entry.kind) {
     case SettingKind::Text:
       text = "text";
       break;
     case SettingKind::Flag:
-      text = spec.flag == FlagRule::Yes     ? "on when it starts with Y or y"
-             : spec.flag == FlagRule::NotNo ? "off when it starts with N or n"
-                                            : "on when set, whatever the value";
+      text = entry.flag == FlagRule::Yes     ? "on when it starts with Y or y"
+             : entry.flag == FlagRule::NotNo ? "off when it starts with N or n"
+                                             : "on when set, whatever the value";
       break;
     case SettingKind::Choice: {
-      std::string choices = spec.choices;
+      std::string choices = entry.choices;
       for (size_t bar = choices.find('|'); bar != std::string::npos; bar = choices.find('|')) {
         choices.replace(bar, 1, " or ");
       }
@@ -113,29 +113,29 @@ std::string valuesOf(const SettingSpec& spec) {
       break;
     }
     case SettingKind::Number:
-      text = *spec.unit != '\0' ? std::string("number (") + spec.unit + ")" : "number";
-      switch (spec.outOfRange) {
+      text = *entry.unit != '\0' ? std::string("number (") + entry.unit + ")" : "number";
+      switch (entry.outOfRange) {
         case OutOfRange::Accept:
           break;
         case OutOfRange::Replace:
-          text += "; below " + std::to_string(spec.min) + ": " + std::to_string(spec.replacement);
+          text += "; below " + std::to_string(entry.min) + ": " + std::to_string(entry.replacement);
           break;
         case OutOfRange::Ignore:
-          text += "; below " + std::to_string(spec.min) + ": invalid, ignored";
+          text += "; below " + std::to_string(entry.min) + ": invalid, ignored";
           break;
         case OutOfRange::Reject:
-          text = "whole number, " + std::to_string(spec.min) + " to " + std::to_string(spec.max) +
+          text = "whole number, " + std::to_string(entry.min) + " to " + std::to_string(entry.max) +
                  "; another value: the default, with a warning";
           break;
       }
       break;
   }
-  if (spec.emptyIsUnset && spec.kind != SettingKind::Flag) {
+  if (entry.emptyIsUnset && entry.kind != SettingKind::Flag) {
     text += "; empty: unset";
-  } else if (spec.emptyIsUnset) {
+  } else if (entry.emptyIsUnset) {
     text += " (empty: unset)";
   }
-  if (spec.scope == SettingScope::Environment) {
+  if (entry.scope == SettingScope::Environment) {
     text = "*environment only*; " + text;
   }
   return text;
@@ -192,14 +192,14 @@ std::string document() {
     }
     out << "\n## " << section << "\n\n| Setting | Default | Values | Effect |\n|---|---|---|---|\n";
     for (size_t i = first; i < end; ++i) {
-      const SettingSpec& spec = settings[i];
-      out << "| `" << shownName(spec) << "` | " << cell(defaultOf(spec)) << " | "
-          << cell(valuesOf(spec)) << " | " << cell(spec.effect) << " |\n";
+      const SettingSpec& entry = settings[i];
+      out << "| `" << shownName(entry) << "` | " << cell(defaultOf(entry)) << " | "
+          << cell(valuesOf(entry)) << " | " << cell(entry.effect) << " |\n";
     }
     bool heading = false;
     for (size_t i = first; i < end; ++i) {
-      const SettingSpec& spec = settings[i];
-      for (const SettingTrace& trace : spec.traces) {
+      const SettingSpec& entry = settings[i];
+      for (const SettingTrace& trace : entry.traces) {
         if (trace.format == nullptr) {
           continue;
         }
@@ -207,7 +207,7 @@ std::string document() {
           out << "\nTrace lines:\n\n";
           heading = true;
         }
-        out << "- `" << shownName(spec) << "`, " << whenOf(trace.when)
+        out << "- `" << shownName(entry) << "`, " << whenOf(trace.when)
             << (trace.error ? " (*error*)" : "") << ": `" << traceText(trace.format) << "`"
             << argumentsOf(trace.args) << "\n";
       }

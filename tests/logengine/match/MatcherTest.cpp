@@ -42,8 +42,8 @@ PatternSpec scan(std::string expression, std::vector<FieldSpec> fields = {},
   return {PatternKind::Scan, std::move(expression), std::move(fields), std::move(replacement)};
 }
 
-Matcher matcher_for(std::vector<PatternSpec> specs, const MatchLimits& limits = {}) {
-  return Matcher(PatternSet::compile(std::move(specs), limits));
+Matcher matcher_for(std::vector<PatternSpec> filters, const MatchLimits& limits = {}) {
+  return Matcher(PatternSet::compile(std::move(filters), limits));
 }
 
 Strings texts(const MatchResult& result) { return {result.fields.begin(), result.fields.end()}; }
@@ -202,11 +202,11 @@ TEST(MatcherTest, BadFiltersFailWithTheirMessageAndOffset) {
        "the replacement at offset 1 names group 2, but the expression has 1"},
       {scan("(a)", {}, "${nope}"), 0, "names group 'nope'"},
   };
-  for (const auto& [spec, offset, message] : cases) {
+  for (const auto& [filter, offset, message] : cases) {
     SCOPED_TRACE(message);
     try {
-      PatternSet::compile({scan("fine"), spec});
-      ADD_FAILURE() << spec.expression << " compiled";
+      PatternSet::compile({scan("fine"), filter});
+      ADD_FAILURE() << filter.expression << " compiled";
     } catch (const PatternError& error) {
       EXPECT_EQ(error.pattern(), 1u);
       EXPECT_EQ(error.offset(), offset);
