@@ -25,13 +25,7 @@ std::size_t LineAssembler::commit(std::size_t n, const LineHandler& handler) {
       break;
     }
     const std::size_t at = static_cast<std::size_t>(static_cast<const char*>(nl) - base);
-    while (at - start > maxLine_) {
-      handler(std::string_view(base + start, maxLine_),
-              kLineCut | (continuing_ ? kLineContinued : 0U));
-      continuing_ = true;
-      ++lines;
-      start += maxLine_;
-    }
+    lines += cutLongerThanBound(at, &start, handler);
     handler(std::string_view(base + start, at - start),
             continuing_ ? kLineContinued : kLineComplete);
     continuing_ = false;
@@ -40,18 +34,25 @@ std::size_t LineAssembler::commit(std::size_t n, const LineHandler& handler) {
     scan = start;
   }
   // What is left has no newline: cut it while it exceeds the bound.
-  while (end - start > maxLine_) {
-    handler(std::string_view(base + start, maxLine_),
-            kLineCut | (continuing_ ? kLineContinued : 0U));
-    continuing_ = true;
-    ++lines;
-    start += maxLine_;
-  }
+  lines += cutLongerThanBound(end, &start, handler);
   held_ = end - start;
   if (held_ != 0 && start != 0) {
     std::memmove(base, base + start, held_);
   }
   return lines;
+}
+
+std::size_t LineAssembler::cutLongerThanBound(std::size_t end, std::size_t* start,
+                                              const LineHandler& handler) {
+  std::size_t pieces = 0;
+  while (end - *start > maxLine_) {
+    handler(std::string_view(buffer_.get() + *start, maxLine_),
+            kLineCut | (continuing_ ? kLineContinued : 0U));
+    continuing_ = true;
+    ++pieces;
+    *start += maxLine_;
+  }
+  return pieces;
 }
 
 bool LineAssembler::flushPartial(const LineHandler& handler) {

@@ -40,6 +40,9 @@ class LineAssembler {
   std::size_t held() const { return held_; }
 
  private:
+  // Hands out [*start, end) in pieces of the line bound while it is longer than that,
+  // each flagged cut; advances *start and returns the number of pieces.
+  std::size_t cutLongerThanBound(std::size_t end, std::size_t* start, const LineHandler& handler);
   std::size_t blockSize_;
   std::size_t maxLine_;
   std::unique_ptr<char[]> buffer_;
