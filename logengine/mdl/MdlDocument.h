@@ -51,7 +51,7 @@ struct MdlSource {
   bool eraseRestart = false;
   std::string unmatchLog;  // empty: unmatched records are not written anywhere
   CompareMode compare = CompareMode::AllMatches;
-  std::string codepage;                 // empty: the platform's own encoding
+  std::string codepage;                 // empty: UTF-8, nothing is converted
   std::optional<int> monitorFrequency;  // seconds between polls
   std::optional<int> existTimeToWait;   // seconds between looks for a missing file
   bool remote = false;

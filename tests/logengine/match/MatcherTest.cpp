@@ -1,5 +1,7 @@
 #include "match/Matcher.h"
 
+#include "../CountingNew.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -8,25 +10,10 @@
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
-#include <new>
 #include <optional>
 #include <string>
 #include <tuple>
 #include <vector>
-
-// Counts the test program's allocations, to show that matching a line makes none. The
-// sanitizers bring their own operator new, so there nothing is counted.
-static std::atomic<std::size_t> allocations{0};
-
-#ifndef XRV_SANITIZED
-void* operator new(std::size_t size) {
-  allocations.fetch_add(1, std::memory_order_relaxed);
-  if (void* block = std::malloc(size == 0 ? 1 : size)) return block;
-  throw std::bad_alloc();
-}
-void operator delete(void* block) noexcept { std::free(block); }
-void operator delete(void* block, std::size_t) noexcept { std::free(block); }
-#endif
 
 namespace xrvlog {
 namespace {
