@@ -42,16 +42,27 @@ Counts counts(const Matcher& matcher) {
   return counts;
 }
 
-TEST(MatcherTest, ScanSearchesTheLineAndMatchStartsAtItsFirstByte) {
+TEST(MatcherTest, ScanSearchesTheLineMatchStartsAtItsFirstByteWholeSpansIt) {
   const std::tuple<PatternKind, const char*, const char*, bool> cases[] = {
-      {PatternKind::Scan, "b+c", "aabbc", true},  {PatternKind::Match, "b+c", "aabbc", false},
-      {PatternKind::Match, "a+b", "aabbc", true}, {PatternKind::Match, "b", "ab", false},
-      {PatternKind::Match, "a|b", "cb", false},   {PatternKind::Scan, "x", "", false},
+      {PatternKind::Scan, "b+c", "aabbc", true},
+      {PatternKind::Match, "b+c", "aabbc", false},
+      {PatternKind::Match, "a+b", "aabbc", true},
+      {PatternKind::Match, "b", "ab", false},
+      {PatternKind::Match, "a|b", "cb", false},
+      {PatternKind::Scan, "x", "", false},
       {PatternKind::Match, "()$", "", true},
+      // Whole: anchored at both ends, backtracking into alternatives to reach the end.
+      {PatternKind::Whole, "a+b", "aabbc", false},
+      {PatternKind::Whole, "a+b+c", "aabbc", true},
+      {PatternKind::Whole, "a|ab", "ab", true},
+      {PatternKind::Whole, "abc$", "abc\n", false},
+      {PatternKind::Whole, "(?x)ab # note", "ab", true},
   };
   for (auto [kind, expression, line, matches] : cases) {
-    SCOPED_TRACE(std::string(kind == PatternKind::Scan ? "scan " : "match ") + expression + " on " +
-                 line);
+    SCOPED_TRACE(std::string(kind == PatternKind::Scan    ? "scan "
+                             : kind == PatternKind::Match ? "match "
+                                                          : "whole ") +
+                 expression + " on " + line);
     EXPECT_EQ(matcher_for({{kind, expression, {}, {}}}).match(line).matched(), matches);
   }
 }
