@@ -6,7 +6,7 @@
 #include <fstream>
 #include <optional>
 
-#include "../AllocationCount.h"
+#include "../CountingNew.h"
 #include "RecordTestSupport.h"
 
 namespace xrvlog {
