@@ -22,13 +22,13 @@ std::string withoutFilterNumber(const PatternError& error) {
 }
 
 PatternSpec termSpec(const MdlPattern& term) {
-  PatternSpec spec;
-  spec.kind = term.kind == MdlPattern::Kind::Scan ? PatternKind::Scan : PatternKind::Whole;
-  spec.expression = term.regex;
+  PatternSpec filter;
+  filter.kind = term.kind == MdlPattern::Kind::Scan ? PatternKind::Scan : PatternKind::Whole;
+  filter.expression = term.regex;
   if (term.replaceFirst) {
-    spec.replacement = replacementFromTemplate(*term.replaceFirst);
+    filter.replacement = replacementFromTemplate(*term.replaceFirst);
   }
-  return spec;
+  return filter;
 }
 
 }  // namespace
@@ -64,13 +64,13 @@ void RecordRules::compileRecordSet(const MatchLimits& limits) {
     return;
   }
   const MdlRecordSet& recordSet = *document_.recordSet;
-  PatternSpec spec{PatternKind::Scan, recordSet.pattern, {}, {}};
+  PatternSpec boundary{PatternKind::Scan, recordSet.pattern, {}, {}};
   if (recordSet.boundary == MdlRecordSet::Boundary::End) {
     // Where the match ends is where the record ends.
-    spec.fields.push_back({"match", "0"});
+    boundary.fields.push_back({"match", "0"});
   }
   try {
-    boundary_ = PatternSet::compile({std::move(spec)}, limits);
+    boundary_ = PatternSet::compile({std::move(boundary)}, limits);
   } catch (const PatternError& error) {
     throw RecordRuleError(recordSet.line, recordSet.column, withoutFilterNumber(error));
   }
@@ -108,10 +108,10 @@ void RecordRules::compileFields(const MatchLimits& limits) {
     return;
   }
   // The attributes' groups first, then every group a filter reads.
-  PatternSpec spec{PatternKind::Scan, document_.fieldRegex, {}, {}};
+  PatternSpec fieldPattern{PatternKind::Scan, document_.fieldRegex, {}, {}};
   for (const MdlAttribute& mdl : document_.attributes) {
     if (mdl.type != AttributeType::RemoteHost) {
-      spec.fields.push_back({mdl.name, mdl.group.empty() ? mdl.name : mdl.group});
+      fieldPattern.fields.push_back({mdl.name, mdl.group.empty() ? mdl.name : mdl.group});
     }
   }
   for (const MdlAttribute& mdl : document_.attributes) {
@@ -125,14 +125,14 @@ void RecordRules::compileFields(const MatchLimits& limits) {
           groupFields_.resize(group + 1, SIZE_MAX);
         }
         if (groupFields_[group] == SIZE_MAX) {
-          groupFields_[group] = spec.fields.size();
-          spec.fields.push_back({"input " + std::to_string(group), std::to_string(group)});
+          groupFields_[group] = fieldPattern.fields.size();
+          fieldPattern.fields.push_back({"input " + std::to_string(group), std::to_string(group)});
         }
       }
     }
   }
   try {
-    fieldSet_ = PatternSet::compile({std::move(spec)}, limits);
+    fieldSet_ = PatternSet::compile({std::move(fieldPattern)}, limits);
   } catch (const PatternError& error) {
     throw RecordRuleError(document_.fieldRegexLine, document_.fieldRegexColumn,
                           withoutFilterNumber(error));
@@ -169,15 +169,15 @@ void RecordRules::compileFilters(const MatchLimits& limits) {
         while (end < terms.size() && terms[end].input == terms[first].input) {
           ++end;
         }
-        std::vector<PatternSpec> specs;
+        std::vector<PatternSpec> filters;
         for (std::size_t term = first; term < end; ++term) {
-          specs.push_back(termSpec(terms[term]));
+          filters.push_back(termSpec(terms[term]));
         }
         TermRun run;
         run.input = inputFor(terms[first].input);
         run.firstPattern = patterns_.size();
         try {
-          run.set = PatternSet::compile(std::move(specs), limits);
+          run.set = PatternSet::compile(std::move(filters), limits);
         } catch (const PatternError& error) {
           const MdlPattern& bad = terms[first + error.pattern()];
           throw RecordRuleError(bad.line, bad.column, withoutFilterNumber(error));
