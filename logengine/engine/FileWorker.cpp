@@ -186,7 +186,6 @@ void FileWorker::run() {
 
 void FileWorker::onLine(std::string_view line, unsigned flags) {
   ++lines_;
-  lastLine_ = Clock::now();
   if (converter_) {
     line = converter_->convert(line);
   }
@@ -230,6 +229,12 @@ void FileWorker::writeUnmatched(std::string_view record) {
 
 void FileWorker::afterPass(const FileFollower& follower, bool first) {
   const auto now = Clock::now();
+  // The clock is read once a pass, not once a line: the idle time of a pending
+  // record only needs the pass's precision.
+  if (lines_ != linesAtLastPass_) {
+    linesAtLastPass_ = lines_;
+    lastLine_ = now;
+  }
   if (builder_->hasPending() && now - lastLine_ >= kRecordIdle) {
     builder_->flushPending([this](std::string_view record) { onRecord(record); });
   }
