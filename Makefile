@@ -43,9 +43,14 @@ bench: build
 demo: build
 	scripts/demo build
 
-# The demo under load for SOAK_SECONDS (default 600): memory and descriptors must stay
-# flat and no request may fail. Not part of check.
+# Not part of check. First the log engine's rotation harness for SOAK_HARNESS_SECONDS
+# (default 300): every line exactly once through renames, copytruncates, truncations,
+# deletions and restarts, round after round; then the demo under load for SOAK_SECONDS
+# (default 600): memory and descriptors must stay flat and no request may fail.
+SOAK_HARNESS_SECONDS ?= 300
 soak: build
+	XRVLOG_HARNESS_SECONDS=$(SOAK_HARNESS_SECONDS) \
+	  build/tests/logengine/tail/logengine_tail_harness_test
 	@scripts/install-deps --bench
 	bench/soak build
 

@@ -148,7 +148,12 @@ std::shared_ptr<const PatternSet> PatternSet::compile(std::vector<PatternSpec> f
   for (std::size_t index = 0; index < filters.size(); ++index) {
     Compiled compiled{std::move(filters[index]), nullptr, {}, {}};
     const std::string& expression = compiled.filter.expression;
-    uint32_t options = compiled.filter.kind == PatternKind::Match ? PCRE2_ANCHORED : 0;
+    uint32_t options = 0;
+    if (compiled.filter.kind == PatternKind::Match) {
+      options = PCRE2_ANCHORED;
+    } else if (compiled.filter.kind == PatternKind::Whole) {
+      options = PCRE2_ANCHORED | PCRE2_ENDANCHORED;
+    }
     if (limits.utf) options |= PCRE2_UTF | PCRE2_MATCH_INVALID_UTF;
     int error = 0;
     PCRE2_SIZE offset = 0;

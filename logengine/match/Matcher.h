@@ -26,6 +26,7 @@ namespace xrvlog {
 enum class PatternKind {
   Scan,   // found anywhere in the line
   Match,  // must match starting at the line's first byte
+  Whole,  // must match the whole line, from its first byte to its last
 };
 
 // A field filled from a capture group: `group` is a group number ("2") or name ("host").

@@ -51,7 +51,7 @@ struct MdlSource {
   bool eraseRestart = false;
   std::string unmatchLog;  // empty: unmatched records are not written anywhere
   CompareMode compare = CompareMode::AllMatches;
-  std::string codepage;                 // empty: the platform's own encoding
+  std::string codepage;                 // empty: UTF-8, nothing is converted
   std::optional<int> monitorFrequency;  // seconds between polls
   std::optional<int> existTimeToWait;   // seconds between looks for a missing file
   bool remote = false;
@@ -69,6 +69,7 @@ struct MdlSource {
 struct MdlRecordSet {
   enum class Boundary { Start, End };
   int line = 0;
+  int column = 0;  // where the pattern starts
   Boundary boundary = Boundary::End;
   int input = 0;
   std::string pattern;
@@ -129,6 +130,8 @@ struct MdlDocument {
   FieldSplit split = FieldSplit::Whole;
   std::string delimiter;   // Delimiter split
   std::string fieldRegex;  // Regex split
+  int fieldRegexLine = 0;  // where the expression starts
+  int fieldRegexColumn = 0;
   std::vector<MdlAttribute> attributes;
 };
 

@@ -232,6 +232,7 @@ MdlRecordSet readRecordSet(MdlCursor& cursor) {
   }
   cursor.expectLiteral(",", "','");
   std::string_view text = cursor.text();
+  recordSet.column = cursor.column();
   recordSet.pattern =
       readInlineRegex(cursor, "the pattern", [text](size_t at) { return text[at] == ')'; });
   cursor.advance();

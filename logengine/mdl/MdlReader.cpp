@@ -339,6 +339,8 @@ class Reader {
       cursor.expectLiteral("=", "'='");
       size_t start = cursor.position() + 1;
       document_.split = FieldSplit::Regex;
+      document_.fieldRegexLine = cursor.line();
+      document_.fieldRegexColumn = static_cast<int>(start) + 1;
       document_.fieldRegex = cursor.quoted("the expression", MdlLimits::kLineBytes);
       if (document_.fieldRegex.empty()) {
         cursor.failAt(start - 1, "the expression is empty");

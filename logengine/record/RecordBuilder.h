@@ -44,12 +44,20 @@ struct NameValue {
 
 class RecordRules {
  public:
-  // Throws RecordRuleError.
+  static constexpr std::size_t kDefaultMaxRecordBytes = 1024 * 1024;
+
+  // Throws RecordRuleError. Records are bounded by kDefaultMaxRecordBytes, or by
+  // maxRecordBytes (at least 1).
   static std::shared_ptr<const RecordRules> compile(const MdlDocument& document,
                                                     const MatchLimits& limits = {});
+  static std::shared_ptr<const RecordRules> compile(const MdlDocument& document,
+                                                    const MatchLimits& limits,
+                                                    std::size_t maxRecordBytes);
 
   // One entry per compiled pattern, in a fixed order: what the per-pattern statistics
-  // are reported under. attribute is "" for the //RECORDSET and //ATTRIBUTES REGEX ones.
+  // are reported under. attribute is "" for the //RECORDSET and //ATTRIBUTES REGEX ones,
+  // which come first (when the MDL has them), followed by every filter term in MDL
+  // order.
   struct PatternInfo {
     std::string attribute;
     std::string pattern;
@@ -59,9 +67,54 @@ class RecordRules {
   // Longest record the builder joins; what goes beyond is dropped and counted.
   std::size_t maxRecordBytes() const;
 
-  // Implementation-defined members follow (compiled sets per filter, field layout).
+ private:
+  friend class RecordBuilder;
+  RecordRules() = default;
+
+  // Where a text comes from: an attribute's value before its filters and type apply,
+  // or a filter term's input.
+  enum class Source { Record, Field, Host, Empty };
+  struct Input {
+    Source source = Source::Empty;
+    std::size_t field = 0;  // Field: index into the record's fields
+  };
+  // Consecutive terms of one filter that read the same input: one pattern set, whose
+  // first matching pattern is the first matching term.
+  struct TermRun {
+    std::shared_ptr<const PatternSet> set;
+    Input input;
+    std::size_t firstPattern = 0;  // index of its first term in patterns()
+    std::size_t index = 0;         // among all runs, in MDL order
+  };
+  struct Filter {
+    bool drop = false;
+    std::vector<TermRun> runs;
+  };
+  struct Attribute {
+    std::string name;
+    AttributeType type = AttributeType::Text;
+    std::size_t size = 0;
+    Input value;
+    std::vector<Filter> filters;
+  };
+
+  void compileRecordSet(const MatchLimits& limits);
+  void compileFields(const MatchLimits& limits);
+  void compileFilters(const MatchLimits& limits);
+  Input inputFor(int input) const;
+
+  MdlDocument document_;
+  std::vector<PatternInfo> patterns_;
+  std::size_t maxRecordBytes_ = kDefaultMaxRecordBytes;
+  std::shared_ptr<const PatternSet> boundary_;  // //RECORDSET; null without one
+  std::shared_ptr<const PatternSet> fieldSet_;  // //ATTRIBUTES REGEX
+  std::vector<std::size_t> groupFields_;        // REGEX: group N -> index of its field
+  std::size_t fieldCount_ = 0;                  // delimiter split: the fields anything reads
+  std::vector<Attribute> attributes_;
+  std::size_t runCount_ = 0;
 };
 
+// The record's text is valid only during the call.
 using RecordHandler = std::function<void(std::string_view record)>;
 
 class RecordBuilder {
@@ -91,6 +144,52 @@ class RecordBuilder {
   void addStats(std::vector<PatternStats>& into) const;
   // Records dropped in part because they grew beyond maxRecordBytes.
   std::uint64_t oversizedRecords() const;
+  // Inside onRecord: the number of the line the record starts on, counting from 1 the
+  // lines fed since this builder was made (a line handed out in pieces counts once).
+  std::uint64_t recordLine() const { return recordLine_; }
+
+ private:
+  using Source = RecordRules::Source;
+
+  void completeLine(std::string_view line, bool truncated, const RecordHandler& onRecord);
+  void finishCutLine(const RecordHandler& onRecord);
+  void addStartLine(std::string_view line, bool truncated, const RecordHandler& onRecord);
+  void addEndLine(std::string_view line, bool truncated, const RecordHandler& onRecord);
+  void cutAtEnds(const RecordHandler& onRecord);
+  std::size_t findEnd(std::string_view text);
+  void handOut(std::string_view record, bool truncated, std::uint64_t line,
+               const RecordHandler& onRecord);
+  void handOutOpen(const RecordHandler& onRecord);
+  void splitFields(std::string_view record);
+  std::string_view text(const RecordRules::Input& input, std::string_view record,
+                        std::string_view remoteHost) const;
+
+  std::shared_ptr<const RecordRules> rules_;
+  std::unique_ptr<Matcher> boundary_;
+  std::unique_ptr<Matcher> fieldMatcher_;
+  std::vector<std::unique_ptr<Matcher>> runMatchers_;  // one per TermRun, in rule order
+
+  // Record assembly.
+  std::string line_;  // the pieces of a cut line joined so far
+  bool lineOpen_ = false;
+  bool lineTruncated_ = false;
+  std::string record_;  // START: the open record; END: the text collected so far
+  bool recordOpen_ = false;
+  bool recordTruncated_ = false;
+  bool overflow_ = false;  // END: the record outgrew the bound, lines are looked at alone
+  std::string scratch_;
+  std::uint64_t lines_ = 0;
+  std::uint64_t openLine_ = 0;  // the line the record being collected starts on
+  std::uint64_t recordLine_ = 0;
+  std::uint64_t oversized_ = 0;
+
+  // Values of the last record built.
+  std::vector<std::string_view> fields_;
+  std::vector<std::string_view> replaced_;  // per attribute: its REPLACEFIRST value
+  std::vector<bool> hasReplaced_;
+  std::string values_;
+  std::vector<std::size_t> offsets_;
+  std::vector<NameValue> pairs_;
 };
 
 }  // namespace xrvlog

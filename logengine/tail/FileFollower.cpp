@@ -111,7 +111,7 @@ void FileFollower::start() {
   if (!options_.statePath.empty()) {
     if (options_.eraseRestart) {
       ::unlink(options_.statePath.c_str());
-    } else if (options_.start == StartMode::Tail) {
+    } else if (options_.start == StartMode::Tail || options_.start == StartMode::Resume) {
       saved = readFollowState(options_.statePath);
       if (saved && saved->path != options_.path) {
         saved.reset();
@@ -120,7 +120,7 @@ void FileFollower::start() {
   }
   if (!saved) {
     // A file missing now is new when it appears: it is then read from its top.
-    openCurrent(options_.start == StartMode::RestartFromTop);
+    openCurrent(options_.start == StartMode::RestartFromTop || options_.start == StartMode::Resume);
     return;
   }
   struct stat st {};
@@ -235,8 +235,8 @@ void FileFollower::checkTruncation(OpenFile& file) {
   }
   // Truncated (copytruncate or in place): what was held belongs to the old contents.
   file.lines.flushPartial(counting_);
-  file.readPosition = 0;
-  file.skipNuls = true;
+  file.readPosition = options_.restartAtEnd ? size : 0;
+  file.skipNuls = !options_.restartAtEnd;
   file.signature = readSignature(file.fd, options_.signatureBytes).value_or(Signature{});
   ++stats_.truncations;
   stateDirty_ = true;
@@ -324,8 +324,17 @@ void FileFollower::poll() {
       retireCurrent();
     }
   }
-  if (!current_ && openCurrent(true)) {
+  if (!current_ && openCurrent(!(options_.restartAtEnd && stats_.opens > 0))) {
     readAvailable(*current_);
+  }
+  file_.open = current_ != nullptr;
+  if (current_) {
+    struct stat st {};
+    if (::fstat(current_->fd, &st) == 0) {
+      file_.size = static_cast<std::uint64_t>(st.st_size);
+      file_.modified = st.st_mtim.tv_sec;
+    }
+    file_.position = current_->readPosition - current_->lines.held();
   }
   if (stateDirty_ && !options_.statePath.empty() && now - lastSave_ >= options_.stateSaveInterval) {
     saveState();
@@ -347,16 +356,20 @@ std::chrono::milliseconds FileFollower::nextTimeout() const {
   return std::max(timeout, std::chrono::milliseconds(1));
 }
 
-bool FileFollower::wait() {
+bool FileFollower::wait(std::chrono::milliseconds maxWait) {
   if (stopped_.load()) {
     return false;
   }
   pollfd fds[2] = {{wakeFd_, POLLIN, 0}, {inotifyFd_, POLLIN, 0}};
   const nfds_t count = inotifyFd_ >= 0 ? 2 : 1;
-  const auto timeout = nextTimeout();
+  const auto timeout = std::min(nextTimeout(), std::max(maxWait, std::chrono::milliseconds(0)));
   const int rc =
       ::poll(fds, count, static_cast<int>(std::min<std::int64_t>(timeout.count(), 1 << 30)));
   ++stats_.wakeups;
+  if (rc > 0 && (fds[0].revents & POLLIN) != 0) {
+    std::uint64_t drained = 0;
+    [[maybe_unused]] const ssize_t r = ::read(wakeFd_, &drained, sizeof drained);
+  }
   if (rc > 0 && inotifyFd_ >= 0 && (fds[1].revents & POLLIN) != 0) {
     // A burst of writes makes a burst of events; gather it into one pass.
     ::usleep(1000);
@@ -377,6 +390,10 @@ void FileFollower::run() {
 
 void FileFollower::stop() {
   stopped_.store(true);
+  wakeUp();
+}
+
+void FileFollower::wakeUp() {
   const std::uint64_t one = 1;
   if (wakeFd_ >= 0) {
     [[maybe_unused]] const ssize_t w = ::write(wakeFd_, &one, sizeof one);

@@ -47,6 +47,7 @@ enum class StartMode {
   Tail,            // TAIL: where the state file says; without one, at the end
   RestartFromTop,  // RESTARTFROMTOP: at the top, whatever was read before
   RestartFromEnd,  // RESTARTFROMEND: at the end, whatever was read before
+  Resume,          // where the state file says; without one, at the top
 };
 
 struct FollowerOptions {
@@ -54,6 +55,9 @@ struct FollowerOptions {
   StartMode start = StartMode::Tail;
   // EraseRestart: the state file is removed at start, so TAIL starts at the end.
   bool eraseRestart = false;
+  // A file that replaces the followed one, or a truncated one, is read from its end
+  // rather than its top (only once the follower has had the file open).
+  bool restartAtEnd = false;
   // Empty: positions are not kept across restarts.
   std::string statePath;
   // FileMonitorFrequency: the check that runs even when inotify reports nothing.
@@ -80,6 +84,14 @@ struct FollowerStats {
   std::uint64_t stateWriteErrors = 0;
 };
 
+// The followed file as the last pass saw it.
+struct FollowedFile {
+  bool open = false;
+  std::uint64_t size = 0;
+  std::uint64_t position = 0;  // offset of the next byte to read
+  std::int64_t modified = -1;  // seconds since the epoch
+};
+
 class FileFollower {
  public:
   FileFollower(FollowerOptions options, LineHandler handler);
@@ -89,17 +101,20 @@ class FileFollower {
 
   // Reads whatever is there now, without blocking.
   void poll();
-  // Sleeps until inotify reports a change, stop() is called or the next check is due.
-  // False once stop() was called.
-  bool wait();
+  // Sleeps until inotify reports a change, stop() or wakeUp() is called or the next
+  // check is due, but no longer than maxWait. False once stop() was called.
+  bool wait(std::chrono::milliseconds maxWait = std::chrono::milliseconds::max());
   // poll() and wait() until stop(); saves the state before returning.
   void run();
   // Any thread.
   void stop();
+  // Any thread: makes wait() return at once, for a pass now.
+  void wakeUp();
   // Writes the state file now (no-op without one). False if it could not be written.
   bool saveState();
 
   const FollowerStats& stats() const { return stats_; }
+  const FollowedFile& file() const { return file_; }
   // False while the file is missing.
   bool following() const;
 
@@ -122,6 +137,7 @@ class FileFollower {
   LineHandler handler_;
   LineHandler counting_;
   FollowerStats stats_;
+  FollowedFile file_;
   std::unique_ptr<OpenFile> current_;
   std::vector<std::unique_ptr<OpenFile>> retired_;
   int inotifyFd_ = -1;

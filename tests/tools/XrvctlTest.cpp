@@ -322,4 +322,99 @@ TEST(Xrvctl, SampleRefusesUnknownGroupsAndBrokenDefinitions) {
   EXPECT_NE(xrvctl("sample " + kExample + " --format xml").status, 0);
 }
 
+const std::string kOrdersMdl =
+    "//APPL shop\n"
+    "//NAME SHOP_ORDERS S\n"
+    "//SOURCE FILE '/var/log/shop/orders.log' TAIL\n"
+    "//RECORDSET START(0,regex,^\\d+;)\n"
+    "//ATTRIBUTES ';'\n"
+    "order Z 32\n"
+    "amount I 12\n"
+    "state Z 16 -FILTER={MatchRegEx(3,TEST)}\n"
+    "note Z 64\n";
+// The last line has no newline; line 5 continues the record of line 4.
+const std::string kOrdersLog =
+    "header line\n1001;250;open\n1002;x;TEST\n1003; 75 ;paid;first\n  more detail\n1004;12;open";
+
+TEST(Xrvctl, LogtestPrintsTheKeptRecordsAndHowThePatternsDid) {
+  Outcome run = xrvctl("logtest " + writeTemp("orders.mdl", kOrdersMdl) + " " +
+                       writeTemp("orders.log", kOrdersLog));
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(run.err, "");
+  EXPECT_EQ(run.out,
+            "record 1 (line 1)\n"
+            "  order = header line\n  amount = \n  state = \n  note = \n"
+            "record 2 (line 2)\n"
+            "  order = 1001\n  amount = 250\n  state = open\n  note = \n"
+            "record 4 (line 4)\n"
+            "  order = 1003\n  amount = 75\n  state = paid\n  note = first\\n  more detail\n"
+            "record 5 (line 6)\n"
+            "  order = 1004\n  amount = 12\n  state = open\n  note = \n"
+            "\n"
+            "ATTRIBUTE      MATCHES     MISSES  LIMIT HITS  PATTERN\n"
+            "//RECORDSET          4          2           0  ^\\d+;\n"
+            "state                1          4           0  TEST\n"
+            "\n"
+            "lines 6, records 5, kept 4, unmatched 1, oversized 0\n");
+}
+
+TEST(Xrvctl, LogtestAsJson) {
+  Outcome run = xrvctl("logtest --json " + writeTemp("orders.mdl", kOrdersMdl) + " " +
+                       writeTemp("orders.log", kOrdersLog));
+  ASSERT_EQ(run.status, 0) << run.err;
+  std::vector<nlohmann::json> objects;
+  std::istringstream lines(run.out);
+  for (std::string line; std::getline(lines, line);) {
+    objects.push_back(nlohmann::json::parse(line));
+  }
+  ASSERT_EQ(objects.size(), 5u) << run.out;
+  std::vector<int> numbers;
+  for (size_t i = 0; i < 4; ++i) {
+    numbers.push_back(objects[i]["record"].get<int>());
+  }
+  EXPECT_EQ(numbers, (std::vector<int>{1, 2, 4, 5}));
+  EXPECT_EQ(objects[3]["line"], 6);
+  EXPECT_EQ(objects[2]["attributes"], (nlohmann::json{{"order", "1003"},
+                                                      {"amount", "75"},
+                                                      {"state", "paid"},
+                                                      {"note", "first\n  more detail"}}));
+  // The attributes keep their MDL order.
+  EXPECT_NE(
+      run.out.find("{\"order\":\"1001\",\"amount\":\"250\",\"state\":\"open\",\"note\":\"\"}"),
+      std::string::npos);
+  const nlohmann::json& statistics = objects[4]["statistics"];
+  EXPECT_EQ(statistics["lines"], 6);
+  EXPECT_EQ(statistics["records"], 5);
+  EXPECT_EQ(statistics["kept"], 4);
+  EXPECT_EQ(statistics["unmatched"], 1);
+  EXPECT_EQ(statistics["patterns"][1], (nlohmann::json{{"attribute", "state"},
+                                                       {"pattern", "TEST"},
+                                                       {"matches", 1},
+                                                       {"misses", 4},
+                                                       {"limit_hits", 0}}));
+}
+
+TEST(Xrvctl, LogtestNamesWhereTheMdlIsWrong) {
+  const std::string log = writeTemp("orders.log", kOrdersLog);
+  const std::string header = "//APPL a\n//NAME t E\n//SOURCE FILE '/x'\n//ATTRIBUTES NEWLINE\n";
+  const std::pair<std::string, std::string> cases[] = {
+      {header + "v Z 9 +FILTER={FindRegEx(0,a)}\n",
+       ":5:16: expected ScanRegEx or MatchRegEx, found 'FindRegEx(0,a)}'\n"},
+      {header + "v Z 9 +FILTER={ScanRegEx(0,a) OR ScanRegEx(0,a{2,1})}\n",
+       ":5:34: numbers out of order in {} quantifier at offset 5 of \"a{2,1}\"\n"},
+  };
+  for (const auto& [mdl, message] : cases) {
+    const std::string path = writeTemp("bad.mdl", mdl);
+    Outcome run = xrvctl("logtest " + path + " " + log);
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(run.err, path + message);
+  }
+  Outcome noLog = xrvctl("logtest " + writeTemp("orders.mdl", kOrdersMdl) + " /nonexistent/x.log");
+  EXPECT_EQ(noLog.status, 2);
+  EXPECT_EQ(noLog.err, "/nonexistent/x.log: cannot be read: No such file or directory\n");
+  EXPECT_EQ(xrvctl("logtest /nonexistent/x.mdl " + log).status, 2);
+  EXPECT_NE(xrvctl("logtest " + log).status, 0);
+}
+
 }  // namespace

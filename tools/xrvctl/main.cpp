@@ -5,12 +5,14 @@
 //                                             one demand sample per group, in-process
 //   xrvctl query [--url URL] GROUP [--node MSN] one table of a running agent
 //   xrvctl stop [--url URL] [--token T]       shut a running agent down in order
+//   xrvctl logtest MDL_FILE LOG_FILE [--json] run an MDL definition over a log file
 
 #include <cstdlib>
 #include <iostream>
 
 #include <CLI/CLI.hpp>
 
+#include "LogtestCommand.h"
 #include "QueryCommand.h"
 #include "SampleCommand.h"
 #include "StopCommand.h"
@@ -61,6 +63,15 @@ int main(int argc, char** argv) {
   stopCommand->add_option("--token", stop.token,
                           "The agent's XRV_ADMIN_TOKEN (default: $XRV_ADMIN_TOKEN)");
 
+  LogtestOptions logtest;
+  CLI::App* logtestCommand = app.add_subcommand(
+      "logtest", "Run an MDL definition over a log file and print the records it keeps");
+  logtestCommand->add_option("mdl", logtest.mdl, "The MDL text")->required();
+  logtestCommand->add_option("log", logtest.log, "The log file, read from its first line")
+      ->required();
+  logtestCommand->add_flag("--json", logtest.json,
+                           "One JSON object per record, then one with the statistics");
+
   CLI11_PARSE(app, argc, argv);
 
   int status = 2;
@@ -75,6 +86,9 @@ int main(int argc, char** argv) {
   }
   if (stopCommand->parsed()) {
     status = runStop(stop, std::cout, std::cerr);
+  }
+  if (logtestCommand->parsed()) {
+    status = runLogtest(logtest, std::cout, std::cerr);
   }
   resetDefinitionState();
   return status;

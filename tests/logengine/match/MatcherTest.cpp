@@ -1,5 +1,7 @@
 #include "match/Matcher.h"
 
+#include "../CountingNew.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -8,25 +10,10 @@
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
-#include <new>
 #include <optional>
 #include <string>
 #include <tuple>
 #include <vector>
-
-// Counts the test program's allocations, to show that matching a line makes none. The
-// sanitizers bring their own operator new, so there nothing is counted.
-static std::atomic<std::size_t> allocations{0};
-
-#ifndef XRV_SANITIZED
-void* operator new(std::size_t size) {
-  allocations.fetch_add(1, std::memory_order_relaxed);
-  if (void* block = std::malloc(size == 0 ? 1 : size)) return block;
-  throw std::bad_alloc();
-}
-void operator delete(void* block) noexcept { std::free(block); }
-void operator delete(void* block, std::size_t) noexcept { std::free(block); }
-#endif
 
 namespace xrvlog {
 namespace {
@@ -55,16 +42,27 @@ Counts counts(const Matcher& matcher) {
   return counts;
 }
 
-TEST(MatcherTest, ScanSearchesTheLineAndMatchStartsAtItsFirstByte) {
+TEST(MatcherTest, ScanSearchesTheLineMatchStartsAtItsFirstByteWholeSpansIt) {
   const std::tuple<PatternKind, const char*, const char*, bool> cases[] = {
-      {PatternKind::Scan, "b+c", "aabbc", true},  {PatternKind::Match, "b+c", "aabbc", false},
-      {PatternKind::Match, "a+b", "aabbc", true}, {PatternKind::Match, "b", "ab", false},
-      {PatternKind::Match, "a|b", "cb", false},   {PatternKind::Scan, "x", "", false},
+      {PatternKind::Scan, "b+c", "aabbc", true},
+      {PatternKind::Match, "b+c", "aabbc", false},
+      {PatternKind::Match, "a+b", "aabbc", true},
+      {PatternKind::Match, "b", "ab", false},
+      {PatternKind::Match, "a|b", "cb", false},
+      {PatternKind::Scan, "x", "", false},
       {PatternKind::Match, "()$", "", true},
+      // Whole: anchored at both ends, backtracking into alternatives to reach the end.
+      {PatternKind::Whole, "a+b", "aabbc", false},
+      {PatternKind::Whole, "a+b+c", "aabbc", true},
+      {PatternKind::Whole, "a|ab", "ab", true},
+      {PatternKind::Whole, "abc$", "abc\n", false},
+      {PatternKind::Whole, "(?x)ab # note", "ab", true},
   };
   for (auto [kind, expression, line, matches] : cases) {
-    SCOPED_TRACE(std::string(kind == PatternKind::Scan ? "scan " : "match ") + expression + " on " +
-                 line);
+    SCOPED_TRACE(std::string(kind == PatternKind::Scan    ? "scan "
+                             : kind == PatternKind::Match ? "match "
+                                                          : "whole ") +
+                 expression + " on " + line);
     EXPECT_EQ(matcher_for({{kind, expression, {}, {}}}).match(line).matched(), matches);
   }
 }

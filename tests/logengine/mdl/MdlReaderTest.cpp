@@ -187,6 +187,8 @@ INSTANTIATE_TEST_SUITE_P(
                     [](const MdlDocument& d) {
                       EXPECT_EQ(d.split, FieldSplit::Regex);
                       EXPECT_EQ(d.fieldRegex, "^(\\S+) (?<level>[A-Z]+) (?P<code>\\d+) (.*)$");
+                      EXPECT_EQ(d.fieldRegexLine, 4);
+                      EXPECT_EQ(d.fieldRegexColumn, 21);
                       EXPECT_EQ(d.attributes[0].group, "1");
                       EXPECT_EQ(d.attributes[1].group, "");
                       EXPECT_EQ(d.attributes[2].group, "code");
@@ -216,6 +218,8 @@ INSTANTIATE_TEST_SUITE_P(
                       ASSERT_TRUE(d.recordSet.has_value());
                       EXPECT_EQ(d.recordSet->boundary, MdlRecordSet::Boundary::Start);
                       EXPECT_EQ(d.recordSet->pattern, "^\\d{4}-\\d\\d-\\d\\d ");
+                      EXPECT_EQ(d.recordSet->line, 4);
+                      EXPECT_EQ(d.recordSet->column, 27);
                     }},
         HandWritten{"records that end at a closing line",
                     "//RECORDSET "

@@ -73,6 +73,8 @@ TEST_F(FileFollowerTest, StartModesWithAndWithoutSavedPosition) {
        false,
        {"a", "b", "c"}},
       {"RESTARTFROMEND ignores the position", StartMode::RestartFromEnd, true, false, {"c"}},
+      {"Resume, no state: from the top", StartMode::Resume, false, false, {"a", "b", "c"}},
+      {"Resume at the saved position", StartMode::Resume, true, false, {"b", "c"}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -92,6 +94,46 @@ TEST_F(FileFollowerTest, StartModesWithAndWithoutSavedPosition) {
     EXPECT_EQ(take(), c.expected);
     EXPECT_EQ(fs::exists(state_), c.saved && !c.erase);
   }
+}
+
+// RESTARTFROMEND: a replacement or a truncated file is read from where it ends then;
+// the file's first appearance is still read from its top.
+TEST_F(FileFollowerTest, RestartAtEndSkipsWhatAReplacementAlreadyHolds) {
+  auto o = options(StartMode::Resume);
+  o.statePath.clear();
+  o.restartAtEnd = true;
+  auto f = readFromTop(o);
+  append("first\n");
+  f->poll();
+  fs::rename(log_, dir_ / "app.log.1");
+  append("old in new\n");
+  f->poll();
+  append("fresh\n");
+  f->poll();
+  rewrite("rewritten longer than before\n");
+  fs::resize_file(log_, 4);
+  f->poll();
+  append("after truncation\n");
+  f->poll();
+  EXPECT_EQ(take(), (Lines{"first", "fresh", "after truncation"}));
+  EXPECT_EQ(f->file().position, 21u);
+  EXPECT_TRUE(f->file().open);
+}
+
+TEST_F(FileFollowerTest, WakeUpEndsAWaitAtOnce) {
+  auto o = options(StartMode::Resume);
+  o.fileMonitorFrequency = 60s;
+  o.useInotify = false;
+  auto f = readFromTop(o);
+  std::thread waker([&] {
+    std::this_thread::sleep_for(50ms);
+    f->wakeUp();
+  });
+  const auto began = std::chrono::steady_clock::now();
+  EXPECT_TRUE(f->wait());
+  waker.join();
+  EXPECT_LT(std::chrono::steady_clock::now() - began, 5s);
+  EXPECT_TRUE(f->wait(10ms)) << "the wake-up was consumed, the bound ends this wait";
 }
 
 TEST_F(FileFollowerTest, OverlongLineIsCutAtTheBound) {

@@ -3,7 +3,8 @@
 // and while the follower is stopped and started again (with a rename rotation during
 // the downtime). Every line must arrive exactly once, except inside a copytruncate
 // window: from the first line not yet read when the copy starts to the last line
-// written before the truncation. What happens there is measured and reported.
+// written before the truncation. What happens there is measured and reported, one
+// line per kind of rotation.
 
 #include "tail/FileFollower.h"
 
@@ -13,6 +14,8 @@
 
 #include <fcntl.h>
 #include <unistd.h>
+#include <algorithm>
+#include <array>
 #include <charconv>
 #include <filesystem>
 #include <fstream>
@@ -29,19 +32,36 @@ using namespace std::chrono_literals;
 
 constexpr std::uint64_t kLinesPerRound = 16000;
 
-// XRVLOG_HARNESS_ROUNDS runs the scenario more often, for a longer soak.
-int rounds() {
-  const char* text = std::getenv("XRVLOG_HARNESS_ROUNDS");
+// For a soak (make soak): XRVLOG_HARNESS_SECONDS runs rounds until that many seconds
+// have passed, XRVLOG_HARNESS_ROUNDS that many rounds. By default, two rounds.
+int envNumber(const char* name) {
+  const char* text = std::getenv(name);
   const int n = text == nullptr ? 0 : std::atoi(text);
-  return n > 0 ? n : 2;
+  return n > 0 ? n : 0;
 }
+
+// What was done to the file; the lines written after it until the next are its lines.
+enum Kind : std::size_t {
+  kFirst,
+  kRename,
+  kCopyTruncate,
+  kTruncate,
+  kDelete,
+  kRestart,
+  kRenameStopped,
+  kKinds
+};
+constexpr std::array<const char*, kKinds> kKindNames = {"start",
+                                                        "rename",
+                                                        "copytruncate",
+                                                        "truncate in place",
+                                                        "delete and recreate",
+                                                        "restart",
+                                                        "rename while stopped"};
 
 class Harness {
  public:
-  explicit Harness(std::uint64_t capacity) : capacity_(capacity) {
-    counts_.assign(capacity_, 0);
-    openLog();
-  }
+  Harness() { openLog(); }
   ~Harness() {
     if (runner_.joinable()) {
       stopFollower();
@@ -71,9 +91,19 @@ class Harness {
     follower_.reset();
   }
 
+  // The following lines are written after `kind` happened to the file.
+  void mark(Kind kind) {
+    phases_.push_back({next_, kind});
+    ++events_[kind];
+  }
+
   void write(std::uint64_t n) {
     char line[128];
     for (std::uint64_t i = 0; i < n; ++i) {
+      if (next_ == counts_.size()) {
+        std::lock_guard lock(mutex_);
+        counts_.resize(counts_.size() + kLinesPerRound, 0);
+      }
       const int len =
           std::snprintf(line, sizeof line, "L%08llu %.*s\n", static_cast<unsigned long long>(next_),
                         static_cast<int>(next_ % 61),
@@ -92,7 +122,10 @@ class Harness {
     openLog();
   }
   void copyTruncate(std::uint64_t writtenDuringCopy) {
-    const std::uint64_t start = lowestMissing();
+    mark(kCopyTruncate);
+    // Windows stay ordered and apart, for inWindow's search.
+    const std::uint64_t start =
+        std::max(lowestMissing(), windows_.empty() ? 0 : windows_.back().second);
     {
       std::ifstream in(log_, std::ios::binary);
       std::ofstream out(dir_ / "app.log.copy", std::ios::binary | std::ios::trunc);
@@ -123,36 +156,58 @@ class Harness {
     return true;
   }
 
-  // Checks the tally; returns a report of the copytruncate windows.
-  std::string verify() {
+  // Checks the tally; returns the report, one line per kind.
+  std::vector<std::string> verify() {
     std::lock_guard lock(mutex_);
-    std::ostringstream report;
-    std::size_t wrong = 0;
+    struct Tally {
+      std::uint64_t lines = 0, wrong = 0, inWindows = 0, lost = 0, doubled = 0;
+    };
+    std::array<Tally, kKinds> tallies{};
+    std::size_t phase = 0;
+    std::uint64_t wrong = 0;
     for (std::uint64_t seq = 0; seq < next_; ++seq) {
-      if (inWindow(seq) || counts_[seq] == 1) {
-        continue;
+      while (phase + 1 < phases_.size() && phases_[phase + 1].first <= seq) {
+        ++phase;
       }
-      if (++wrong <= 10) {
-        ADD_FAILURE() << "line " << seq << " delivered " << int(counts_[seq]) << " times";
+      Tally& tally = tallies[phases_[phase].second];
+      ++tally.lines;
+      if (inWindow(seq)) {
+        // A window may begin with lines written before the copy: all of it is the
+        // copytruncate's.
+        Tally& window = tallies[kCopyTruncate];
+        ++window.inWindows;
+        window.lost += counts_[seq] == 0;
+        window.doubled += counts_[seq] > 1;
+      } else if (counts_[seq] != 1) {
+        ++tally.wrong;
+        if (++wrong <= 10) {
+          ADD_FAILURE() << "line " << seq << " (after " << kKindNames[phases_[phase].second]
+                        << ") delivered " << int(counts_[seq]) << " times";
+        }
       }
     }
     EXPECT_EQ(wrong, 0U);
     EXPECT_EQ(stray_, 0U) << "lines beyond what was written or not from the writer";
     EXPECT_EQ(damagedOutside_, 0U) << "cut or unterminated lines outside a copytruncate window";
-    for (const auto& w : windows_) {
-      std::uint64_t lost = 0, doubled = 0;
-      for (std::uint64_t seq = w.first; seq < w.second; ++seq) {
-        lost += counts_[seq] == 0;
-        doubled += counts_[seq] > 1;
+    std::vector<std::string> report;
+    for (std::size_t kind = 0; kind < kKinds; ++kind) {
+      const Tally& t = tallies[kind];
+      std::ostringstream line;
+      line << kKindNames[kind] << ": ";
+      if (kind != kFirst) {
+        line << events_[kind] << " times, ";
       }
-      report << "copytruncate window of " << (w.second - w.first) << " lines: " << lost << " lost, "
-             << doubled << " doubled; ";
+      line << t.lines << (kind == kFirst ? " lines, " : " lines after, ") << t.wrong << " wrong";
+      if (kind == kCopyTruncate) {
+        line << "; " << t.inWindows << " in its windows: " << t.lost << " lost, " << t.doubled
+             << " doubled, " << damagedInside_ << " torn";
+      }
+      report.push_back(line.str());
     }
-    report << "damaged lines inside windows: " << damagedInside_;
-    return report.str();
+    return report;
   }
 
-  // The test reads dir_, log_, next_, rotations_ and truncations_ directly.
+  // The test reads dir_, log_, next_, rotations_, truncations_ and events_ directly.
   void openLog() {
     fd_ = ::open(log_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
     if (fd_ < 0) {
@@ -160,18 +215,15 @@ class Harness {
     }
   }
   bool inWindow(std::uint64_t seq) const {
-    for (const auto& w : windows_) {
-      if (seq >= w.first && seq < w.second) {
-        return true;
-      }
-    }
-    return false;
+    const auto after = std::upper_bound(windows_.begin(), windows_.end(), seq,
+                                        [](std::uint64_t s, const auto& w) { return s < w.first; });
+    return after != windows_.begin() && seq < std::prev(after)->second;
   }
   void take(std::string_view line, unsigned flags) {
     std::uint64_t seq = 0;
     const bool parsed = line.size() > 9 && line[0] == 'L' &&
                         std::from_chars(line.data() + 1, line.data() + 9, seq).ec == std::errc() &&
-                        seq < capacity_;
+                        seq < counts_.size();
     std::lock_guard lock(mutex_);
     if (flags != kLineComplete) {
       // A torn line can only come from a truncation cutting a line short.
@@ -188,7 +240,7 @@ class Harness {
   }
   std::uint64_t lowestMissing() {
     std::lock_guard lock(mutex_);
-    while (cursor_ < capacity_ && (counts_[cursor_] != 0 || inWindow(cursor_))) {
+    while (cursor_ < counts_.size() && (counts_[cursor_] != 0 || inWindow(cursor_))) {
       ++cursor_;
     }
     return cursor_;
@@ -197,27 +249,35 @@ class Harness {
   test::TempDir temp_{"xrvlog-harness"};
   fs::path dir_ = temp_.path();
   fs::path log_ = dir_ / "app.log";
-  std::uint64_t capacity_;
   int fd_ = -1;
   std::uint64_t next_ = 0;  // the writer's next sequence number
   std::unique_ptr<FileFollower> follower_;
   std::thread runner_;
   std::mutex mutex_;
   std::vector<std::uint8_t> counts_;
-  std::vector<std::pair<std::uint64_t, std::uint64_t>> windows_;
+  std::vector<std::pair<std::uint64_t, std::uint64_t>> windows_;     // [first, end) lines
+  std::vector<std::pair<std::uint64_t, Kind>> phases_{{0, kFirst}};  // first line, kind
+  std::array<std::uint64_t, kKinds> events_{};
   std::uint64_t cursor_ = 0;
   std::uint64_t rotations_ = 0, truncations_ = 0;
   std::uint64_t stray_ = 0, damagedInside_ = 0, damagedOutside_ = 0;
 };
 
 TEST(RotationHarnessTest, EveryLineOnceThroughRotationsAndRestarts) {
-  const int n = rounds();
-  Harness h(kLinesPerRound * static_cast<std::uint64_t>(n));
+  const int seconds = envNumber("XRVLOG_HARNESS_SECONDS");
+  const int rounds = seconds > 0 ? 0 : std::max(envNumber("XRVLOG_HARNESS_ROUNDS"), 2);
+  const auto began = std::chrono::steady_clock::now();
+  const auto until = began + std::chrono::seconds(seconds);
+  Harness h;
   h.startFollower(StartMode::RestartFromTop);
-  for (int round = 0; round < n; ++round) {
+  int round = 0;
+  for (;
+       round < rounds || (seconds > 0 && (round == 0 || std::chrono::steady_clock::now() < until));
+       ++round) {
     h.write(2000);
 
     // Rename: the writer keeps appending to the old file for a while.
+    h.mark(kRename);
     fs::rename(h.log_, h.dir_ / "app.log.1");
     h.write(200);
     h.reopen();
@@ -228,22 +288,26 @@ TEST(RotationHarnessTest, EveryLineOnceThroughRotationsAndRestarts) {
     h.write(2000);
 
     // Truncated in place once everything was read.
+    h.mark(kTruncate);
     h.truncateInPlace();
     h.write(2000);
 
     // Deleted, still written through the open descriptor, then recreated.
+    h.mark(kDelete);
     fs::remove(h.log_);
     h.write(200);
     h.reopen();
     h.write(2000);
 
     // Restart without rotation.
+    h.mark(kRestart);
     h.stopFollower();
     h.write(300);
     h.startFollower(StartMode::Tail);
     h.write(1000);
 
     // Restart with a rename rotation while stopped.
+    h.mark(kRenameStopped);
     h.stopFollower();
     h.write(500);
     fs::rename(h.log_, h.dir_ / "app.log.2");
@@ -262,11 +326,16 @@ TEST(RotationHarnessTest, EveryLineOnceThroughRotationsAndRestarts) {
   h.stopFollower();
   // Per round: rename, delete, the rename found at restart; two copytruncates and
   // one truncation in place.
-  EXPECT_EQ(h.rotations_, 3U * static_cast<unsigned>(n));
-  EXPECT_EQ(h.truncations_, 3U * static_cast<unsigned>(n));
-  const std::string report = h.verify();
-  std::cout << "[ harness  ] " << h.next_ << " lines written; " << report << '\n';
-  ::testing::Test::RecordProperty("copytruncate", report);
+  EXPECT_EQ(h.rotations_, 3U * static_cast<unsigned>(round));
+  EXPECT_EQ(h.truncations_, 3U * static_cast<unsigned>(round));
+  const std::vector<std::string> report = h.verify();
+  const auto took = std::chrono::duration<double>(std::chrono::steady_clock::now() - began);
+  std::cout << "[ harness  ] " << h.next_ << " lines in " << round << " rounds, " << took.count()
+            << " s\n";
+  for (const std::string& line : report) {
+    std::cout << "[ harness  ] " << line << '\n';
+  }
+  ::testing::Test::RecordProperty("copytruncate", report[kCopyTruncate]);
 }
 
 }  // namespace
