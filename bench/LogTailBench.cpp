@@ -19,7 +19,8 @@
 // engine: the log engine in this process, through its C interface, with an event table
 // whose one attribute carries the three filters of AccessLog.h (access first, each
 // with a REPLACEFIRST template that uses every group); the data callback counts the
-// records. Also prints `read`, the lines the engine read from the file.
+// records. Also prints `base_kb`, the process's peak resident memory before the engine
+// started, and `read`, the lines the engine read from the file.
 //
 // collectd: PROGRAM (collectd in the foreground, its csv plugin writing to standard
 // output, line-buffered) runs with its standard output on a pipe and must print lines
@@ -225,6 +226,7 @@ int run_engine(const std::string& path, long lines) {
   create_empty(path);
   Writer writer(path, lines);
   counter.target = lines;
+  const long base_kb = peak_rss_kb("/proc/self/status");
 
   XPWP_Handle engine = nullptr;
   check(XPWP_StartCommonProvider(&engine, XPWP_START_THREADED), "XPWP_StartCommonProvider");
@@ -276,7 +278,7 @@ int run_engine(const std::string& path, long lines) {
   check(XPWP_StopCommonProvider(engine), "XPWP_StopCommonProvider");
 
   print("engine", lines, result,
-        " read=" + std::to_string(read_lines) +
+        " base_kb=" + std::to_string(base_kb) + " read=" + std::to_string(read_lines) +
             " unexpected=" + std::to_string(counter.unexpected.load()));
   return result.seen == lines && counter.unexpected.load() == 0 ? 0 : 2;
 }
