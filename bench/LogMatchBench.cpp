@@ -9,6 +9,7 @@
 // read never and on every line (to show what the statistics cost), and without JIT.
 //
 // Usage: logmatch_bench [LINES]
+#include "AccessLog.h"
 #include "match/Matcher.h"
 
 #include <fcntl.h>
@@ -24,72 +25,21 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <string_view>
 #include <vector>
 
 extern char** environ;
 
 namespace {
 
-const char* const kAccess = R"re(^(\S+) \S+ \S+ \[([^\]]+)\] "([^"]*)" (\d{3}) (\d+|-))re";
-const char* const kError = R"(^\[(?<time>[^\]]+)\] \[(?<level>\w+)\] (?<message>.*)$)";
-const char* const kSyslog = R"(^(\w{3} +\d+ [\d:]+) (\S+) ([^:\[]+)(?:\[\d+\])?: (.*)$)";
-
-struct Rng {
-  uint64_t state;
-  uint64_t next() {
-    state += 0x9e3779b97f4a7c15u;
-    uint64_t z = state;
-    z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9u;
-    z = (z ^ (z >> 27)) * 0x94d049bb133111ebu;
-    return z ^ (z >> 31);
-  }
-  unsigned below(unsigned n) { return static_cast<unsigned>(next() % n); }
-};
-
 // Returns the number of bytes written.
 std::size_t generate(int fd, long lines) {
-  static const char* const methods[] = {"GET", "GET", "GET", "GET", "POST", "HEAD"};
-  static const char* const months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                       "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-  static const char* const dirs[] = {"static", "img", "api/v1", "docs", "blog"};
-  static const char* const exts[] = {"html", "png", "css", "js", "json"};
-  static const int statuses[] = {200, 200, 200, 200, 200, 304, 404, 301, 500};
-  static const char* const agents[] = {"Mozilla/5.0 (X11)", "curl/7.88.1", "Mozilla/5.0",
-                                       "Wget/1.21"};
-  static const char* const referers[] = {"-", "-", "http://ex.com/", "http://ex.com/a"};
-  Rng rng{42};
-  std::string buffer;
-  buffer.reserve(1 << 20);
-  std::size_t total = 0;
-  char line[512];
-  for (long i = 0; i < lines; ++i) {
-    const int status = statuses[rng.below(9)];
-    const unsigned size = rng.below(60000);
-    char size_text[16];
-    if (status == 304) {
-      std::strcpy(size_text, "-");
-    } else {
-      std::snprintf(size_text, sizeof size_text, "%u", size);
+  return xrvlog::bench::generateAccessLog(lines, [fd](std::string_view block) {
+    if (write(fd, block.data(), block.size()) != static_cast<ssize_t>(block.size())) {
+      std::perror("write");
+      std::exit(1);
     }
-    int n = std::snprintf(
-        line, sizeof line,
-        "%u.%u.%u.%u - - [%02u/%s/2026:%02u:%02u:%02u +0000] \"%s /%s/%u.%s HTTP/1.1\" %d %s "
-        "\"%s\" \"%s\"\n",
-        10 + rng.below(200), rng.below(256), rng.below(256), rng.below(256), 1 + rng.below(28),
-        months[rng.below(12)], rng.below(24), rng.below(60), rng.below(60), methods[rng.below(6)],
-        dirs[rng.below(5)], rng.below(100000), exts[rng.below(5)], status, size_text,
-        referers[rng.below(4)], agents[rng.below(4)]);
-    buffer.append(line, static_cast<std::size_t>(n));
-    if (buffer.size() > (1 << 20) - 512 || i + 1 == lines) {
-      if (write(fd, buffer.data(), buffer.size()) != static_cast<ssize_t>(buffer.size())) {
-        std::perror("write");
-        std::exit(1);
-      }
-      total += buffer.size();
-      buffer.clear();
-    }
-  }
-  return total;
+  });
 }
 
 double thread_cpu_seconds() {
@@ -165,7 +115,7 @@ Run run_grep(const std::string& path) {
   std::vector<char*> env;
   for (std::string& e : env_text) env.push_back(e.data());
   env.push_back(nullptr);
-  std::string pattern = kAccess;
+  std::string pattern = xrvlog::bench::kAccessPattern;
   char grep[] = "grep";
   char option[] = "-cP";
   char* argv[] = {grep, option, pattern.data(), const_cast<char*>(path.c_str()), nullptr};
@@ -220,15 +170,15 @@ int main(int argc, char** argv) {
   using xrvlog::PatternSpec;
   const PatternSpec access{
       PatternKind::Scan,
-      kAccess,
+      xrvlog::bench::kAccessPattern,
       {{"host", "1"}, {"time", "2"}, {"request", "3"}, {"status", "4"}, {"size", "5"}},
       {}};
   const PatternSpec error{PatternKind::Scan,
-                          kError,
+                          xrvlog::bench::kErrorPattern,
                           {{"time", "time"}, {"level", "level"}, {"message", "message"}},
                           {}};
   const PatternSpec syslog{PatternKind::Scan,
-                           kSyslog,
+                           xrvlog::bench::kSyslogPattern,
                            {{"time", "1"}, {"host", "2"}, {"program", "3"}, {"message", "4"}},
                            {}};
   const std::vector<PatternSpec> filters = {access, error, syslog};
