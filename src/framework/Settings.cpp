@@ -328,6 +328,11 @@ constexpr SettingSpec kSettings[] = {
      .section = kHttp, .emptyIsUnset = true, .defaultValue = 100, .min = 1, .max = 10000,
      .outOfRange = R::Reject,
      .effect = "header fields per request (431 beyond); the whole head may hold 16 KB"},
+    {.id = Setting::HttpMaxEventStreams, .name = "XRV_HTTP_MAX_EVENT_STREAMS", .kind = K::Number,
+     .section = kHttp, .emptyIsUnset = true, .defaultValue = 64, .min = 1, .max = 100000,
+     .outOfRange = R::Reject,
+     .effect = "clients following GET /api/v1/events/stream at once (503 beyond); a stream "
+               "client that takes nothing for XRV_HTTP_IDLE_TIMEOUT is dropped"},
     {.id = Setting::HttpTlsCert, .name = "XRV_HTTP_TLS_CERT", .section = kHttp,
      .defaultText = "unset",
      .effect = "PEM file of the certificate; with XRV_HTTP_TLS_KEY the API speaks HTTPS only"},

@@ -84,6 +84,7 @@ enum class Setting : uint8_t {
   HttpHeadTimeout,
   HttpIdleTimeout,
   HttpMaxHeaders,
+  HttpMaxEventStreams,
   HttpTlsCert,
   HttpTlsKey,
   HttpUsersFile,

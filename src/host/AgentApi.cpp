@@ -260,11 +260,8 @@ ApiResponse AgentApi::events(const QueryParams& query) const {
     return *refused;
   }
   std::string group;
-  if (const std::string* name = param(query, "group")) {
-    if (catalog_.findGroup(*name) == nullptr) {
-      return errorResponse(404, "unknown attribute group: " + *name);
-    }
-    group = *name;
+  if (auto refused = eventGroup(query, &group)) {
+    return *refused;
   }
   uint64_t since = 0;
   if (const std::string* text = param(query, "since")) {
@@ -283,22 +280,63 @@ ApiResponse AgentApi::events(const QueryParams& query) const {
   JsonWriter json;
   json.beginObject().key("events").beginArray();
   for (const StoredEvent& event : page.events) {
-    json.beginObject()
-        .key("seq")
-        .value(event.seq)
-        .key("group")
-        .value(event.group)
-        .key("node")
-        .value(event.node)
-        .key("time")
-        .value(isoTimeUtc(event.timeMillis));
-    if (event.continuation) {
-      json.key("continuation").value(true);
-    }
-    json.key("row").raw(event.rowJson).endObject();
+    writeEventJson(json, event);
   }
   json.endArray().key("next").value(page.next).key("dropped").value(page.dropped).endObject();
   return ok(json.take());
+}
+
+ApiResponse AgentApi::eventStream(const QueryParams& query, const std::string& lastEventId,
+                                  EventStreamStart* start) const {
+  if (auto refused = checkParams(query, {"group", "since"})) {
+    return *refused;
+  }
+  EventStreamStart asked;
+  if (auto refused = eventGroup(query, &asked.group)) {
+    return *refused;
+  }
+  if (!lastEventId.empty()) {
+    uint64_t last = 0;
+    if (!parseNumber(lastEventId, UINT64_MAX - 1, &last)) {
+      return errorResponse(400, "Last-Event-ID must be an event sequence number");
+    }
+    asked.since = last + 1;
+    asked.fromOldest = false;
+  } else if (const std::string* text = param(query, "since")) {
+    if (!parseNumber(*text, UINT64_MAX, &asked.since)) {
+      return errorResponse(400, "since must be an event sequence number");
+    }
+    asked.fromOldest = false;
+  }
+  *start = std::move(asked);
+  return ok("");
+}
+
+std::optional<ApiResponse> AgentApi::eventGroup(const QueryParams& query,
+                                                std::string* group) const {
+  if (const std::string* name = param(query, "group")) {
+    if (catalog_.findGroup(*name) == nullptr) {
+      return errorResponse(404, "unknown attribute group: " + *name);
+    }
+    *group = *name;
+  }
+  return std::nullopt;
+}
+
+void writeEventJson(JsonWriter& json, const StoredEvent& event) {
+  json.beginObject()
+      .key("seq")
+      .value(event.seq)
+      .key("group")
+      .value(event.group)
+      .key("node")
+      .value(event.node)
+      .key("time")
+      .value(isoTimeUtc(event.timeMillis));
+  if (event.continuation) {
+    json.key("continuation").value(true);
+  }
+  json.key("row").raw(event.rowJson).endObject();
 }
 
 ApiResponse AgentApi::audit() const {

@@ -9,6 +9,8 @@
 //                                    interval, request
 //   GET  /api/v1/nodes               nodes()
 //   GET  /api/v1/events              events(query)
+//   GET  /api/v1/events/stream       eventStream(query, lastEventId): where the
+//                                    stream starts (EventStreams.h serves it)
 //   GET  /api/v1/audit               audit()
 //   POST /api/v1/shutdown            shutdown(query, authorization)
 //   GET  /metrics                    metrics()
@@ -22,10 +24,12 @@
 #include <cstddef>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 
 #include "host/AuditTrail.h"
 #include "host/EventRing.h"
+#include "host/JsonWriter.h"
 #include "host/NodeRegistry.h"
 #include "host/TableCatalog.h"
 
@@ -45,6 +49,15 @@ struct ApiResponse {
 // {"error": text} with `status`.
 ApiResponse errorResponse(int status, const std::string& text);
 
+// Where an event stream starts and what it shows.
+struct EventStreamStart {
+  std::string group;   // empty: every group
+  uint64_t since = 0;  // the first sequence number to send
+  // No position given (neither since= nor Last-Event-ID): the stream starts with the
+  // oldest event held when it opens.
+  bool fromOldest = true;
+};
+
 class AgentApi {
  public:
   // `adminToken` empty: shutdown through the API is refused. `requestStop` starts the
@@ -59,6 +72,12 @@ class AgentApi {
                     bool withoutWaiting = false) const;
   ApiResponse nodes() const;
   ApiResponse events(const QueryParams& query) const;
+  // `lastEventId`: the request's Last-Event-ID header (a reconnecting client's last
+  // sequence number), which wins over `since`. A 200 answer (with an empty body)
+  // when *start is set, an error answer otherwise.
+  ApiResponse eventStream(const QueryParams& query, const std::string& lastEventId,
+                          EventStreamStart* start) const;
+  EventRing& eventRing() const { return events_; }
   ApiResponse audit() const;
   // `authorization`: the request's Authorization header ("Bearer TOKEN").
   ApiResponse shutdown(const QueryParams& query, const std::string& authorization) const;
@@ -68,6 +87,10 @@ class AgentApi {
   static constexpr size_t kDefaultEventLimit = 1000;
 
  private:
+  // Checks the `group` parameter of the event endpoints into *group; an error
+  // answer for a group the agent does not have.
+  std::optional<ApiResponse> eventGroup(const QueryParams& query, std::string* group) const;
+
   TableCatalog& catalog_;
   NodeRegistry& nodes_;
   EventRing& events_;
@@ -78,5 +101,9 @@ class AgentApi {
 
 // "2024-05-01T12:00:00.123Z".
 std::string isoTimeUtc(int64_t millisSinceEpoch);
+
+// One event as GET /api/v1/events lists it: {"seq", "group", "node", "time",
+// ["continuation",] "row"}.
+void writeEventJson(JsonWriter& json, const StoredEvent& event);
 
 }  // namespace XRV::host

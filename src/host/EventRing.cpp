@@ -1,20 +1,52 @@
 #include "host/EventRing.h"
 
+#include <sys/eventfd.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <utility>
 
 namespace XRV::host {
 
 EventRing::EventRing(size_t capacity)
-    : capacity_(std::max<size_t>(capacity, 1)), slots_(capacity_) {}
+    : capacity_(std::max<size_t>(capacity, 1)),
+      slots_(capacity_),
+      addedFd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+
+EventRing::~EventRing() {
+  if (addedFd_ >= 0) {
+    close(addedFd_);
+  }
+}
+
+void EventRing::takeAddedSignal() {
+  // The eventfd first, the flag after: cleared the other way round, an add between
+  // the two would write a signal that the read then takes, and leave the flag set,
+  // so that no later add signals again.
+  uint64_t count = 0;
+  [[maybe_unused]] ssize_t got = ::read(addedFd_, &count, sizeof count);
+  signalled_.store(false);
+}
 
 uint64_t EventRing::add(StoredEvent event) {
-  PthreadMutexLock lock(mutex_);
-  event.seq = nextSeq_++;
-  const uint64_t seq = event.seq;
-  slots_[(seq - 1) % capacity_] = std::move(event);
-  count_ = std::min(count_ + 1, capacity_);
+  uint64_t seq = 0;
+  {
+    PthreadMutexLock lock(mutex_);
+    event.seq = nextSeq_++;
+    seq = event.seq;
+    slots_[(seq - 1) % capacity_] = std::move(event);
+    count_ = std::min(count_ + 1, capacity_);
+  }
+  if (addedFd_ >= 0 && !signalled_.exchange(true)) {
+    const uint64_t one = 1;
+    [[maybe_unused]] ssize_t written = ::write(addedFd_, &one, sizeof one);
+  }
   return seq;
+}
+
+uint64_t EventRing::oldestHeld() const {
+  PthreadMutexLock lock(mutex_);
+  return nextSeq_ - count_;
 }
 
 EventPage EventRing::read(uint64_t since, const std::string& group, size_t limit) const {

@@ -7,8 +7,13 @@
 // gets the oldest kept ones and the number it missed. Rows are kept as ready JSON
 // objects, decoded when they arrive.
 //
+// Event streams (EventStreams.h) learn of new events through addedFd(), an eventfd
+// the ring signals: adding stays one lock of the ring, an atomic exchange and at
+// most one write to the eventfd, whoever reads and however slowly.
+//
 // Thread-safe: events are added from the providers' threads while HTTP threads read.
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -37,6 +42,9 @@ class EventRing {
  public:
   // `capacity` below 1 is taken as 1.
   explicit EventRing(size_t capacity);
+  ~EventRing();
+  EventRing(const EventRing&) = delete;
+  EventRing& operator=(const EventRing&) = delete;
 
   // Files the event under the next sequence number and returns that number.
   uint64_t add(StoredEvent event) XRV_EXCLUDES(mutex_);
@@ -49,6 +57,16 @@ class EventRing {
   EventPage read(uint64_t since, const std::string& group, size_t limit) const XRV_EXCLUDES(mutex_);
 
   size_t capacity() const { return capacity_; }
+  // The sequence number of the oldest event held; the next one's when none is.
+  uint64_t oldestHeld() const XRV_EXCLUDES(mutex_);
+
+  // Readable once an event was added after the last takeAddedSignal(); -1 when the
+  // system gave no eventfd (waiters then look again on their own).
+  int addedFd() const { return addedFd_; }
+  // Clears the signal: events added from now on set it again. Call it before looking
+  // at the ring, so that an event added meanwhile is either seen or signalled. One
+  // waiter only.
+  void takeAddedSignal();
 
  private:
   const size_t capacity_;
@@ -56,6 +74,9 @@ class EventRing {
   std::vector<StoredEvent> slots_ XRV_GUARDED_BY(mutex_);
   uint64_t nextSeq_ XRV_GUARDED_BY(mutex_) = 1;
   size_t count_ XRV_GUARDED_BY(mutex_) = 0;
+  const int addedFd_;
+  // Set while addedFd_ holds an unread signal: further adds skip the write.
+  std::atomic<bool> signalled_{false};
 };
 
 }  // namespace XRV::host

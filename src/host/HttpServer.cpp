@@ -24,6 +24,7 @@
 #include "framework/Trace.h"
 #include "host/AgentApi.h"
 #include "host/BasicAuth.h"
+#include "host/EventStreams.h"
 #include "host/HttpConnections.h"
 #include "host/HttpWorkers.h"
 
@@ -35,7 +36,18 @@ constexpr const char kStopping[] = "the agent is stopping";
 // Descriptors kept for everything but HTTP (scripts' pipes, files, the trace).
 constexpr rlim_t kReservedDescriptors = 256;
 
-enum class Route { HEALTH, TABLES, TABLE, NODES, EVENTS, AUDIT, SHUTDOWN, METRICS, NONE };
+enum class Route {
+  HEALTH,
+  TABLES,
+  TABLE,
+  NODES,
+  EVENTS,
+  EVENT_STREAM,
+  AUDIT,
+  SHUTDOWN,
+  METRICS,
+  NONE
+};
 
 struct RouteMatch {
   Route route = Route::NONE;
@@ -44,10 +56,10 @@ struct RouteMatch {
 
 RouteMatch matchRoute(const char* url) {
   static const std::pair<const char*, Route> fixed[] = {
-      {"/healthz", Route::HEALTH},       {"/api/v1/tables", Route::TABLES},
-      {"/api/v1/nodes", Route::NODES},   {"/api/v1/events", Route::EVENTS},
-      {"/api/v1/audit", Route::AUDIT},   {"/api/v1/shutdown", Route::SHUTDOWN},
-      {"/metrics", Route::METRICS},
+      {"/healthz", Route::HEALTH},     {"/api/v1/tables", Route::TABLES},
+      {"/api/v1/nodes", Route::NODES}, {"/api/v1/events", Route::EVENTS},
+      {"/api/v1/audit", Route::AUDIT}, {"/api/v1/shutdown", Route::SHUTDOWN},
+      {"/metrics", Route::METRICS},    {"/api/v1/events/stream", Route::EVENT_STREAM},
   };
   for (const auto& [path, route] : fixed) {
     if (strcmp(url, path) == 0) {
@@ -134,6 +146,7 @@ struct HttpServer::Impl {
   MHD_Daemon* daemon = nullptr;
   HttpConnections connections;
   HttpWorkers workers;
+  EventStreams streams;
   std::atomic<bool> stopping{false};  // requests from now on are answered 503
   // Requests handed to a worker whose answer has not gone out yet: stop() waits for
   // them, so that the answer to a shutdown request reaches its client.
@@ -161,8 +174,11 @@ struct HttpServer::Impl {
   }
 
   Impl(AgentApi& agentApi, const HttpLimits& httpLimits)
-      : api(agentApi), limits(httpLimits), connections(httpLimits.headSeconds),
-        workers(httpLimits.threads) {}
+      : api(agentApi),
+        limits(httpLimits),
+        connections(httpLimits.headSeconds),
+        workers(httpLimits.threads),
+        streams(agentApi.eventRing(), httpLimits.maxEventStreams, httpLimits.streamKeepAlive) {}
 
   ApiResponse answer(const Request& request, MHD_Connection* connection,
                      bool withoutWaiting = false) {
@@ -185,6 +201,7 @@ struct HttpServer::Impl {
         return api.shutdown(query, header(connection, MHD_HTTP_HEADER_AUTHORIZATION));
       case Route::METRICS:
         return api.metrics();
+      case Route::EVENT_STREAM:  // openStream()
       case Route::NONE:
         break;
     }
@@ -232,6 +249,30 @@ struct HttpServer::Impl {
       return true;
     }
     return false;
+  }
+
+  // Answers GET /api/v1/events/stream: the stream, or why not.
+  MHD_Result openStream(MHD_Connection* connection) {
+    QueryParams query;
+    MHD_get_connection_values(connection, MHD_GET_ARGUMENT_KIND, collectArgument, &query);
+    EventStreamStart start;
+    const ApiResponse checked = api.eventStream(query, header(connection, "Last-Event-ID"), &start);
+    if (checked.status != 200) {
+      return queue(connection, checked, true);
+    }
+    switch (streams.open(connection, start)) {
+      case EventStreams::Opened::QUEUED:
+        return MHD_YES;
+      case EventStreams::Opened::FULL:
+        return refuse(connection, 503,
+                      "too many event streams: at most " + std::to_string(limits.maxEventStreams) +
+                          " (XRV_HTTP_MAX_EVENT_STREAMS), try again");
+      case EventStreams::Opened::STOPPING:
+        return refuse(connection, 503, kStopping);
+      case EventStreams::Opened::FAILED:
+        break;
+    }
+    return MHD_NO;
   }
 
   bool authenticated(MHD_Connection* connection) {
@@ -282,6 +323,10 @@ struct HttpServer::Impl {
     if (stopping.load()) {
       request->answered = true;
       return refuse(connection, 503, kStopping);
+    }
+    if (request->match.route == Route::EVENT_STREAM) {
+      request->answered = true;
+      return openStream(connection);
     }
     if (request->match.route == Route::TABLE) {
       // Most table requests find their rows current in the cache: answered on the
@@ -426,6 +471,10 @@ bool HttpServer::bind(const ListenAddress& address, std::string* error) {
 
 int HttpServer::port() const { return impl_->port; }
 
+size_t HttpServer::eventStreams() const { return impl_->streams.clients(); }
+
+size_t HttpServer::eventStreamBytes() const { return impl_->streams.bufferedBytes(); }
+
 void HttpServer::start() {
   XRV_TRACE_FN();
   Impl& impl = *impl_;
@@ -454,6 +503,7 @@ void HttpServer::start() {
   }
   impl.listenFd = -1;  // the daemon's now
   impl.connections.start();
+  impl.streams.start();
 }
 
 void HttpServer::stop() {
@@ -469,6 +519,9 @@ void HttpServer::stop() {
   // the event loops while they run races with the loops themselves.
   impl.stopping.store(true);
   impl.workers.stop();
+  // Open event streams end now; one whose client reads nothing is closed with the
+  // daemon below.
+  impl.streams.stop(std::chrono::milliseconds(500));
   // The loops still run: the answers the workers left (a shutdown request's own
   // among them) are written before the connections go.
   impl.waitForAnswers(std::chrono::seconds(1));

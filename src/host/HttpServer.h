@@ -7,7 +7,9 @@
 // connection, however slow or idle, at the cost of its memory only. A loop answers
 // /healthz and a table request whose rows are current in the cache itself; other
 // work (a table that needs a collection, which may take as long as its script) is
-// handed to a small pool of threads while the loops go on serving the others.
+// handed to a small pool of threads while the loops go on serving the others. Event
+// streams (GET /api/v1/events/stream, EventStreams.h) stay on the loops: one that
+// waits for events is set aside until events arrive.
 //
 // Limits, each answered with a JSON error and the connection closed after it:
 //   - the request head (request line and headers) must arrive whole within
@@ -20,13 +22,15 @@
 //     is refused before it is read (411: no endpoint needs a body);
 //   - at most `maxConnections` connections, `maxPerAddress` of them from one
 //     address (further ones are closed at once);
-//   - a known path with another method: 405 with Allow.
+//   - a known path with another method: 405 with Allow;
+//   - at most `maxEventStreams` event streams (EventStreams.h) at once (503).
 // With `usersFile` set, every endpoint but the shutdown (guarded by the admin
 // token) needs HTTP basic authentication of a user of that file (bcrypt hashes).
 // With a certificate and key it speaks HTTPS only.
 //
 // Not thread-safe itself: one owner binds, starts and stops it.
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -46,6 +50,9 @@ struct HttpLimits {
   unsigned maxHeaders = 100;
   size_t maxHeadBytes = 16 * 1024;
   size_t maxBodyBytes = 64 * 1024;
+  unsigned maxEventStreams = 64;
+  // Time without output after which an idle event stream gets a comment line.
+  std::chrono::milliseconds streamKeepAlive{15000};
   std::string tlsCertificateFile;   // both set: HTTPS
   std::string tlsKeyFile;
   std::string usersFile;            // set: basic authentication for reading
@@ -66,6 +73,9 @@ class HttpServer {
   int port() const;
   // Serves until stop().
   void start();
+  // Open event streams, and the formatted output they hold in bytes.
+  size_t eventStreams() const;
+  size_t eventStreamBytes() const;
   // Stops accepting, lets the requests in progress finish and returns once every
   // serving thread has ended.
   void stop();

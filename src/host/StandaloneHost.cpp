@@ -52,6 +52,7 @@ HostSettings HostSettings::fromConfiguration(std::string* warning) {
   http.headSeconds = limit(Setting::HttpHeadTimeout);
   http.idleSeconds = limit(Setting::HttpIdleTimeout);
   http.maxHeaders = limit(Setting::HttpMaxHeaders);
+  http.maxEventStreams = limit(Setting::HttpMaxEventStreams);
   http.tlsCertificateFile = settingText(Setting::HttpTlsCert);
   http.tlsKeyFile = settingText(Setting::HttpTlsKey);
   http.usersFile = settingText(Setting::HttpUsersFile);

@@ -17,6 +17,7 @@
 #include <nlohmann/json.hpp>
 
 #include "AgentProcess.h"
+#include "support/SpawnedProcess.h"
 
 namespace XRV::e2e {
 namespace {
@@ -261,9 +262,23 @@ TEST(AgentE2E, XrvctlQueriesAndStopsTheAgent) {
 
   EXPECT_TRUE(agent.running());
 
+  // No source of this definition sends events: none held, and a follower waits for
+  // them without holding up the stop.
+  EXPECT_EQ(run(xrvctl + "events --url " + agent.url(), &status), "");
+  EXPECT_EQ(status, 0);
+  const std::string unknown =
+      run(xrvctl + "events --url " + agent.url() + " --group Nothing 2>&1", &status);
+  EXPECT_EQ(WEXITSTATUS(status), 1);
+  EXPECT_NE(unknown.find("unknown attribute group: Nothing"), std::string::npos) << unknown;
+  XRV::testing::SpawnedProcess follower({XRVCTL, "events", "--url", agent.url(), "--follow"});
+  std::this_thread::sleep_for(milliseconds(300));
+  EXPECT_EQ(follower.exitStatus(0), -1);
+
+  const auto stopping = std::chrono::steady_clock::now();
   run(xrvctl + "stop --url " + agent.url() + " --token ctl-token", &status);
   EXPECT_EQ(status, 0);
   ASSERT_TRUE(agent.waitForExit(seconds(10), &status));
+  EXPECT_LT(std::chrono::steady_clock::now() - stopping, seconds(5));
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << describe(status);
   // The orderly road, not the signal one.
   EXPECT_EQ(agent.trace().find("Termination signal received"), std::string::npos);

@@ -2,6 +2,7 @@
 // ring and the audit trail.
 
 #include <gtest/gtest.h>
+#include <poll.h>
 
 #include <string>
 #include <thread>
@@ -174,6 +175,36 @@ TEST(EventRing, ReadersAndWritersAtOnce) {
     writer.join();
   }
   EXPECT_EQ(seen + dropped, 8000u);
+}
+
+TEST(EventRing, AWaiterIsSignalledOfEveryAddHoweverTheyInterleave) {
+  EventRing ring(1000);
+  ASSERT_GE(ring.addedFd(), 0);
+  constexpr uint64_t kEvents = 200000;
+  std::thread writer([&ring] {
+    for (uint64_t i = 0; i < kEvents; ++i) {
+      ring.add(event("G"));
+    }
+  });
+  // Waits as an event stream does: for the signal, then a look at the ring. A
+  // signal lost between two adds leaves it waiting although events are there.
+  uint64_t next = 1;
+  while (next <= kEvents) {
+    pollfd wait{ring.addedFd(), POLLIN, 0};
+    if (poll(&wait, 1, 2000) <= 0) {
+      break;
+    }
+    ring.takeAddedSignal();
+    next = ring.read(next, "G", 1000).next;
+  }
+  writer.join();
+  EXPECT_EQ(next, kEvents + 1) << "a waiter missed the last adds";
+  ring.takeAddedSignal();
+  pollfd wait{ring.addedFd(), POLLIN, 0};
+  EXPECT_EQ(poll(&wait, 1, 0), 0);
+  ring.add(event("G"));
+  EXPECT_EQ(poll(&wait, 1, 0), 1);
+  EXPECT_EQ(ring.oldestHeld(), kEvents + 1 - 1000 + 1);
 }
 
 FwAuditRecord record(const char* text) {

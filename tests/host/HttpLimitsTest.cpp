@@ -233,16 +233,20 @@ TEST_F(HttpLimitsTest, HttpsWithBasicAuthenticationForReading) {
          {"XRV_HTTP_USERS_FILE", dir + "/users"},
          {"XRV_ADMIN_TOKEN", "tok"}});
   const std::string url = "https://127.0.0.1:" + std::to_string(port_);
-  const std::string curl = "curl -sk -o /dev/null -w '%{http_code}' ";
+  // -m: an event stream answers at once and goes on.
+  const std::string curl = "curl -sk -m 1 -o /dev/null -w '%{http_code}' ";
   struct Case {
     const char* credentials;
     const char* path;
     const char* expected;
   };
-  for (const Case& c : {Case{"", "/api/v1/tables", "401"}, Case{"-u alice:wrong ", "/healthz", "401"},
-                        Case{"-u bob:s3cret ", "/healthz", "401"},
-                        Case{"-u alice:s3cret ", "/api/v1/tables", "200"},
-                        Case{"-u alice:s3cret ", "/healthz", "200"}}) {
+  for (const Case& c :
+       {Case{"", "/api/v1/tables", "401"}, Case{"-u alice:wrong ", "/healthz", "401"},
+        Case{"-u bob:s3cret ", "/healthz", "401"},
+        Case{"-u alice:s3cret ", "/api/v1/tables", "200"},
+        Case{"-u alice:s3cret ", "/healthz", "200"}, Case{"", "/api/v1/events/stream", "401"},
+        Case{"-u alice:wrong ", "/api/v1/events/stream", "401"},
+        Case{"-u alice:s3cret ", "/api/v1/events/stream", "200"}}) {
     SCOPED_TRACE(std::string(c.credentials) + c.path);
     EXPECT_EQ(output(curl + c.credentials + url + c.path), c.expected);
   }

@@ -22,8 +22,13 @@ class RawConnection {
  public:
   using Clock = std::chrono::steady_clock;
 
-  RawConnection(int port, const std::string& from = "127.0.0.1") {
+  // `receiveBuffer` above 0: the socket's receive buffer, set before connecting, so
+  // that a client that does not read holds up its sender soon.
+  RawConnection(int port, const std::string& from = "127.0.0.1", int receiveBuffer = 0) {
     fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (receiveBuffer > 0) {
+      setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+    }
     sockaddr_in local{};
     local.sin_family = AF_INET;
     inet_pton(AF_INET, from.c_str(), &local.sin_addr);

@@ -2,7 +2,7 @@
 
 #include <httplib.h>
 
-#include <nlohmann/json.hpp>
+#include <ostream>
 
 AgentClient::AgentClient(const std::string& url)
     : url_(url), client_(std::make_unique<httplib::Client>(url)) {
@@ -32,6 +32,23 @@ AgentReply AgentClient::get(const std::string& path) {
                 : answer(false, 0, "", httplib::to_string(result.error()).c_str());
 }
 
+std::optional<nlohmann::ordered_json> AgentClient::getList(const std::string& path,
+                                                           const char* list, const char* command,
+                                                           std::ostream& err) {
+  const AgentReply reply = get(path);
+  if (reply.status != 200) {
+    err << "xrvctl " << command << ": " << describeFailure(reply, url_) << "\n";
+    return std::nullopt;
+  }
+  nlohmann::ordered_json answer = nlohmann::ordered_json::parse(reply.body, nullptr, false);
+  if (!answer.is_object() || !answer.contains(list) || !answer[list].is_array()) {
+    err << "xrvctl " << command << ": the agent at " << url_ << " answered something else than "
+        << list << "\n";
+    return std::nullopt;
+  }
+  return answer;
+}
+
 AgentReply AgentClient::post(const std::string& path, const std::string& token) {
   if (!client_->is_valid()) {
     return answer(false, 0, "", "not a usable URL");
@@ -43,6 +60,41 @@ AgentReply AgentClient::post(const std::string& path, const std::string& token) 
   httplib::Result result = client_->Post(path, headers, "", "text/plain");
   return result ? answer(true, result->status, result->body, "")
                 : answer(false, 0, "", httplib::to_string(result.error()).c_str());
+}
+
+AgentReply AgentClient::stream(const std::string& path, const std::string& lastEventId,
+                               int readTimeoutSeconds,
+                               const std::function<bool(const char*, size_t)>& receive) {
+  if (!client_->is_valid()) {
+    return answer(false, 0, "", "not a usable URL");
+  }
+  httplib::Headers headers{{"Accept", "text/event-stream"}};
+  if (!lastEventId.empty()) {
+    headers.emplace("Last-Event-ID", lastEventId);
+  }
+  int status = 0;
+  std::string refusal;
+  client_->set_read_timeout(readTimeoutSeconds, 0);
+  httplib::Result result = client_->Get(
+      path, headers,
+      [&status](const httplib::Response& response) {
+        status = response.status;
+        return true;
+      },
+      [&](const char* data, size_t length) {
+        if (status != 200) {
+          refusal.append(data, length);
+          return true;
+        }
+        return receive(data, length);
+      });
+  client_->set_read_timeout(120, 0);
+  if (result) {
+    return answer(true, result->status, status == 200 ? "" : refusal, "");
+  }
+  AgentReply reply = answer(false, 0, "", httplib::to_string(result.error()).c_str());
+  reply.status = status;  // the stream was answered, then broke off
+  return reply;
 }
 
 std::string describeFailure(const AgentReply& reply, const std::string& url) {

@@ -51,16 +51,11 @@ int runQuery(const QueryOptions& options, std::ostream& out, std::ostream& err) 
   if (!options.node.empty()) {
     path += "?node=" + percentEncode(options.node);
   }
-  const AgentReply reply = agent.get(path);
-  if (reply.status != 200) {
-    err << "xrvctl query: " << describeFailure(reply, agent.url()) << "\n";
+  const std::optional<ordered_json> found = agent.getList(path, "rows", "query", err);
+  if (!found) {
     return 1;
   }
-  const ordered_json answer = ordered_json::parse(reply.body, nullptr, false);
-  if (!answer.is_object() || !answer.contains("rows") || !answer["rows"].is_array()) {
-    err << "xrvctl query: the agent at " << agent.url() << " answered something else than rows\n";
-    return 1;
-  }
+  const ordered_json& answer = *found;
 
   SampledGroup group;
   group.group = answer.value("group", options.group);

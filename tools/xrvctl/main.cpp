@@ -4,6 +4,8 @@
 //   xrvctl sample DEFINITION.xml [GROUP...] [--format table|json|csv]
 //                                             one demand sample per group, in-process
 //   xrvctl query [--url URL] GROUP [--node MSN] one table of a running agent
+//   xrvctl events [--url URL] [--group G] [--follow] [--format table|json]
+//                                             the event rows of a running agent
 //   xrvctl stop [--url URL] [--token T]       shut a running agent down in order
 //   xrvctl logtest MDL_FILE LOG_FILE [--json] run an MDL definition over a log file
 
@@ -12,6 +14,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "EventsCommand.h"
 #include "LogtestCommand.h"
 #include "QueryCommand.h"
 #include "SampleCommand.h"
@@ -56,6 +59,20 @@ int main(int argc, char** argv) {
   queryCommand->add_option("--format", query.format, "Output format")
       ->check(CLI::IsMember({"table", "json", "csv"}));
 
+  EventsOptions events;
+  CLI::App* eventsCommand = app.add_subcommand(
+      "events", "Print the event rows a running agent holds; with --follow, also those to come");
+  eventsCommand->add_option("--url", events.url, "The agent's HTTP API")->capture_default_str();
+  eventsCommand->add_option("--group", events.group, "Only the events of this attribute group");
+  eventsCommand->add_flag("--follow,-f", events.follow,
+                          "Keep printing events as they come, reconnecting when the connection "
+                          "is lost, until interrupted");
+  eventsCommand
+      ->add_option("--format", events.format,
+                   "Output format: a table, or one JSON "
+                   "object per line")
+      ->check(CLI::IsMember({"table", "json"}));
+
   StopOptions stop;
   CLI::App* stopCommand =
       app.add_subcommand("stop", "Shut a running agent down in order (needs its admin token)");
@@ -83,6 +100,9 @@ int main(int argc, char** argv) {
   }
   if (queryCommand->parsed()) {
     status = runQuery(query, std::cout, std::cerr);
+  }
+  if (eventsCommand->parsed()) {
+    status = runEvents(events, std::cout, std::cerr);
   }
   if (stopCommand->parsed()) {
     status = runStop(stop, std::cout, std::cerr);
