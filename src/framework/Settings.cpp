@@ -21,6 +21,7 @@ constexpr const char kStartup[] = "Start-up";
 constexpr const char kCollection[] = "Collection";
 constexpr const char* kGroups = kGroupSettingsSection;
 constexpr const char kCommands[] = "Commands and scripts";
+constexpr const char kLogMonitor[] = "Log monitor";
 constexpr const char kSubnodes[] = "Subnodes";
 constexpr const char kHttp[] = "HTTP API";
 
@@ -268,6 +269,26 @@ constexpr SettingSpec kSettings[] = {
                  "or 0 values will be created.\n",
                  ""}}},
 
+    // --- Log monitor ---
+    {.id = Setting::AgentLibDir, .name = "AGENT_LIB_DIR", .section = kLogMonitor,
+     .emptyIsUnset = true, .defaultText = "unset",
+     .effect = "the directory searched first for the log engine library, "
+               "lib + the application's first three letters in lower case + udp.so "
+               "(docs/log-monitor.md)"},
+    {.id = Setting::ApplicationSendPqlEvents, .name = "_SEND_PQL_EVENTS",
+     .scope = S::Application, .kind = K::Flag, .section = kLogMonitor, .flag = F::NotNo,
+     .defaultValue = 1,
+     .effect = "off: the records matched for the application's pure-event log monitor groups "
+               "are dropped instead of sent as event rows"},
+    {.id = Setting::LeavePureCacheOnReset, .name = "CDP_DP_LEAVE_PURE_CACHE_ON_RESET",
+     .kind = K::Flag, .section = kLogMonitor, .flag = F::Yes,
+     .effect = "a log monitor group keeps the events of its pure-event cache across a reset"},
+    {.id = Setting::LognameIsBasename, .name = "CDP_LOGNAME_IS_BASENAME", .kind = K::Flag,
+     .section = kLogMonitor, .flag = F::Yes,
+     .effect = "the source attribute of log monitor rows holds the file's base name instead of "
+               "its path",
+     .traces = {{On, false, "Setting logNameIsBasename to true based on ENV setting", ""}}},
+
     // --- Subnodes ---
     {.id = Setting::InitialConfigDiscoveryNodeState,
      .name = "CDP_DP_INITIAL_CONFIG_DISCOVERY_NODE_STATE", .kind = K::Choice,
@@ -409,8 +430,9 @@ constexpr bool tracesWellFormed() {
       }
     }
     const bool group = entry.scope == SettingScope::Group;
-    if (group != (entry.name[0] == '_')) {
-      return false;  // group settings are named by their suffix, and only they
+    const bool suffixed = group || entry.scope == SettingScope::Application;
+    if (suffixed != (entry.name[0] == '_')) {
+      return false;  // group and application settings are named by their suffix, only they
     }
     if (entry.fallback != Setting::None &&
         (!group || kSettings[static_cast<size_t>(entry.fallback)].scope != SettingScope::Agent)) {
@@ -590,14 +612,17 @@ std::span<const SettingSpec> allSettings() { return kSettings; }
 
 const SettingSpec& settingSpec(Setting id) { return kSettings[static_cast<size_t>(id)]; }
 
-std::string settingName(Setting id, const char* group) {
+std::string settingName(Setting id, const char* owner) {
   const SettingSpec& entry = settingSpec(id);
+  if (entry.scope == SettingScope::Application) {
+    return std::string(owner == nullptr ? "" : owner) + entry.name;
+  }
   if (entry.scope != SettingScope::Group) {
     return entry.name;
   }
   // ASCII only: the name of a setting must not depend on the process locale.
   std::string name = "CDP_";
-  for (const char* p = group == nullptr ? "" : group; *p != '\0'; ++p) {
+  for (const char* p = owner == nullptr ? "" : owner; *p != '\0'; ++p) {
     name += (*p >= 'a' && *p <= 'z') ? static_cast<char>(*p - 'a' + 'A') : *p;
   }
   return name + entry.name;
@@ -605,7 +630,9 @@ std::string settingName(Setting id, const char* group) {
 
 SettingRead readSetting(Setting id, const SettingContext& context) {
   SettingRead read;
-  read.name = settingName(id, context.group);
+  read.name = settingName(id, settingSpec(id).scope == SettingScope::Application
+                                  ? context.application
+                                  : context.group);
   readInto(settingSpec(id), read.name, context, &read);
   if (context.site != nullptr) {
     traceSetting(read, context);

@@ -71,6 +71,11 @@ enum class Setting : uint8_t {
   KillOrphanScripts,
   ScriptAllowBlankValues,
   ScriptCreateEmptyRow,
+  // Log monitor
+  AgentLibDir,
+  ApplicationSendPqlEvents,
+  LeavePureCacheOnReset,
+  LognameIsBasename,
   // Subnodes
   InitialConfigDiscoveryNodeState,
   UseHostnameInSubnodeMsn,
@@ -97,6 +102,7 @@ enum class SettingScope : uint8_t {
   Agent,        // configuration lookup: run-time values, environment, [agent] section
   Group,        // the same lookup of "CDP_" + upper-cased group name + the entry's suffix
   Environment,  // the process environment only (read before the configuration file)
+  Application,  // the Agent lookup of the application's name (as written) + the suffix
 };
 
 enum class SettingKind : uint8_t { Text, Number, Flag, Choice };
@@ -148,7 +154,8 @@ inline constexpr const char kGroupSettingsSection[] = "Attribute groups";
 
 struct SettingSpec {
   Setting id = Setting::None;
-  const char* name = "";  // the whole name; for a group setting the suffix ("_CACHE_TTL")
+  // The whole name; for a group or application setting the suffix ("_CACHE_TTL").
+  const char* name = "";
   SettingScope scope = SettingScope::Agent;
   SettingKind kind = SettingKind::Text;
   const char* section = "";
@@ -172,14 +179,16 @@ struct SettingSpec {
 // Every setting, in the order of the enumeration.
 std::span<const SettingSpec> allSettings();
 const SettingSpec& settingSpec(Setting id);
-// The name looked up: for a group setting "CDP_" + `group` upper-cased (ASCII) + suffix.
-std::string settingName(Setting id, const char* group = nullptr);
+// The name looked up: for a group setting "CDP_" + `owner` (the group) upper-cased
+// (ASCII) + suffix; for an application setting `owner` (the application) + suffix.
+std::string settingName(Setting id, const char* owner = nullptr);
 
 // Where a read traces to, and what its texts may need.
 struct SettingContext {
   trace::Site* site = nullptr;  // null: trace nothing
   int line = 0;
   const char* group = nullptr;     // the attribute group of a group setting
+  const char* application = nullptr;  // the application of an application setting
   const char* extra = nullptr;     // the x argument of the texts
   std::string* warning = nullptr;  // Reject: where complaints are appended ("; " between)
   // A default that depends on the agent's state, for the setting `defaultFor`.
@@ -190,6 +199,11 @@ struct SettingContext {
   SettingContext forGroup(const char* g) const {
     SettingContext c = *this;
     c.group = g;
+    return c;
+  }
+  SettingContext forApplication(const char* a) const {
+    SettingContext c = *this;
+    c.application = a;
     return c;
   }
   SettingContext withExtra(const char* x) const {

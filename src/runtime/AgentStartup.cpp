@@ -27,6 +27,7 @@
 #include "scheduling/CollectDataJob.h"
 #include "runtime/GenericAgent.h"
 #include "runtime/InstanceName.h"
+#include "runtime/LogFileStatus.h"
 #include "runtime/PerfObjectStatus.h"
 #include "scheduling/RefreshThread.h"
 #include "scheduling/ThreadPool.h"
@@ -110,6 +111,14 @@ void createThreadPool(int eventGroups) {
     return;
   }
   threadPool = new ThreadPool(size);
+  // Data sources below the scheduler (the log monitor's resets) hand work to it too.
+  setThreadPoolJobSink([](IThreadPoolJob* job) {
+    if (threadPool == nullptr) {
+      return false;
+    }
+    threadPool->submitJob(job);
+    return true;
+  });
   impatientCollectorTimeout =
       static_cast<int>(XRV::settingNumber(Setting::ImpatientCollectorTimeout, XRV_SETTING_HERE()));
 }
@@ -120,21 +129,21 @@ void createBuiltInStatusProviders(int logMonitorCount) {
     queryClassList().addClientClass(
         new ThreadPoolStatus(kStatusApplication, "Thread_Pool_Status", meta, threadPool));
   }
-  // Status groups whose data sources this build does not have: the group stays
-  // without a provider and without a table.
-  const struct {
-    const char* group;
-    bool wanted;
-  } missing[] = {
-      {"Take_Action_Status", true},
-      {"Log_File_Status", logMonitorCount != 0},
-      {"Log_File_RegEx_Statistics", logMonitorCount != 0},
-  };
-  for (const auto& group : missing) {
-    if (group.wanted && findAttributeGroupMeta(group.group) != nullptr) {
-      XRV_TRACE_ERROR("ERROR: attribute group %s is not served by this build of the agent",
-                      group.group);
+  if (logMonitorCount != 0) {
+    if (AttributeGroupMeta* meta = findAttributeGroupMeta("Log_File_Status")) {
+      queryClassList().addClientClass(
+          new LogFileStatus(kStatusApplication, "Log_File_Status", meta));
     }
+    if (AttributeGroupMeta* meta = findAttributeGroupMeta("Log_File_RegEx_Statistics")) {
+      queryClassList().addClientClass(
+          new LogFileRegExStats(kStatusApplication, "Log_File_RegEx_Statistics", meta));
+    }
+  }
+  // A status group whose data source this build does not have: the group stays
+  // without a provider and without a table.
+  if (findAttributeGroupMeta("Take_Action_Status") != nullptr) {
+    XRV_TRACE_ERROR("ERROR: attribute group %s is not served by this build of the agent",
+                    "Take_Action_Status");
   }
 }
 
@@ -207,6 +216,7 @@ void stopCollectionThreads() {
   }
   getSubnodeManager().stopZombieKiller();
   // Workers finish the collection they run; queued jobs are dropped with the pool.
+  setThreadPoolJobSink(nullptr);
   if (threadPool != nullptr) {
     threadPool->shutdown();
   }

@@ -57,13 +57,7 @@ std::string collectionStart(const ProviderStatus& s) {
   return stamp;
 }
 
-// One attribute of the group: its value as a number, and as a text when a text
-// attribute shows it otherwise than as the number's digits.
-struct Field {
-  const char* name;
-  long long (*number)(const ProviderStatus&);
-  std::string (*text)(const ProviderStatus&);
-};
+using Field = StatusField<ProviderStatus>;
 
 long long none(const ProviderStatus&) { return 0; }
 long long statusNumber(const ProviderStatus& s) { return s.status; }
@@ -107,27 +101,6 @@ const Field kFields[] = {
     {"Last_Standard_Error", none, [](const ProviderStatus& s) { return s.standardError; }},
 };
 
-const Field* findField(const char* name) {
-  for (const Field& field : kFields) {
-    if (strcmp(field.name, name) == 0) {
-      return &field;
-    }
-  }
-  return nullptr;
-}
-
-ResultMetric* valueFor(const Metric* metric, const ProviderStatus& s) {
-  const Field* field = findField(metric->getMetricName());
-  if (metric->isStringType()) {
-    if (field == nullptr) {
-      return new ResultMetric(metric, "");
-    }
-    std::string text = field->text != nullptr ? field->text(s) : std::to_string(field->number(s));
-    return new ResultMetric(metric, text.c_str());
-  }
-  return new ResultMetric(metric, field == nullptr ? 0LL : field->number(s));
-}
-
 void createForGroup(AttributeGroupMeta* group, const char* groupName) {
   XRV_TRACE_FN();
   auto* provider = new PerfObjectStatus("ZQM", groupName, &queryClassList(), group);
@@ -161,7 +134,7 @@ void PerfObjectStatus::internalCollectData(const char* /*subnode*/) {
                      perfObjectErrorCodeName(s.errorCode));
     auto* row = new ResultInstance("", getMetricCount());
     for (int i = 0; i < getMetricCount(); ++i) {
-      row->addMetric(valueFor(getMetric(i), s));
+      row->addMetric(statusFieldValue(getMetric(i), s, kFields));
     }
     addResultInstance(row);
   }

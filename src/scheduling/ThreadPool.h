@@ -11,17 +11,7 @@
 #include <ctime>
 #include <memory>
 
-class IThreadPoolJob {
- public:
-  virtual ~IThreadPoolJob() = default;
-  virtual void execute() = 0;
-  // Stamped by the pool when the job is queued.
-  virtual void setTimeOnQueue(const struct timespec& when) { timeOnQueue_ = when; }
-  const struct timespec& getTimeOnQueue() const { return timeOnQueue_; }
-
- private:
-  struct timespec timeOnQueue_ = {0, 0};
-};
+#include "foundation/ThreadPoolJob.h"
 
 // The pool's statistics. Before the first job the averages are -1.0 and the minima
 // the pool size (on purpose: the first job sets them).

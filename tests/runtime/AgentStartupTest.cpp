@@ -414,6 +414,37 @@ TEST_F(AgentStartupTest, LoaderBindsProvidersToTheirGroups) {
   EXPECT_EQ(audit.messageId, "XRV9000I");
 }
 
+// The log engine's status groups exist only beside a log monitor group; the action
+// status group is never served by this build.
+TEST_F(AgentStartupTest, LogEngineStatusGroupsNeedALogMonitor) {
+  for (const bool withLogMonitor : {false, true}) {
+    SCOPED_TRACE(withLogMonitor ? "with a log monitor" : "without");
+    for (const char* group :
+         {"Log_File_Status", "Log_File_RegEx_Statistics", "Take_Action_Status"}) {
+      XRV::testing::defineGroup(group, R"(<attr name="File_Name" type="2" size="32"/>)");
+    }
+    addProvider("Script", UA_SCRIPT);
+    if (withLogMonitor) {
+      addProvider("Log", UA_LOG_MONITOR);
+    }
+    load_agents();
+    for (const char* group : {"Log_File_Status", "Log_File_RegEx_Statistics"}) {
+      UAClientClass* provider = queryClassList().getClientClass(group);
+      EXPECT_EQ(provider != nullptr, withLogMonitor) << group;
+      if (provider != nullptr) {
+        EXPECT_EQ(provider->getObjectType(), UA_STATUS);
+        EXPECT_EQ(provider->getAttributeGroupMeta(), findAttributeGroupMeta(group));
+      }
+    }
+    EXPECT_EQ(queryClassList().getClientClass("Take_Action_Status"), nullptr);
+    EXPECT_TRUE(framework_.trace().hasText(
+        "ERROR: attribute group Take_Action_Status is not served by this build of the agent"));
+    fwTerminate();
+    resetDefinitionState();
+    framework_.trace().clear();
+  }
+}
+
 // A framework that writes down, in order, what the agent does to it while it ends.
 class RecordingFramework : public FrameworkDouble {
  public:

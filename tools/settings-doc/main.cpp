@@ -35,7 +35,9 @@ read before the configuration file, or by tracing itself.
 
 A per-group setting is named `CDP_` + the attribute group's name in upper case + its
 suffix (`CDP_<GROUP>_CACHE_TTL`). When a group's setting is not set, the agent-wide
-setting named as its default applies.
+setting named as its default applies. A per-application setting is named by the
+application a data-source element names (its `app` attribute), as written, + its
+suffix (`XRV_SEND_PQL_EVENTS`).
 
 Numbers are read as C's `atoi` reads them (the leading digits; anything else is 0),
 except those that take only a whole number within their limits. An empty value counts
@@ -60,7 +62,14 @@ std::string cell(const std::string& text) {
 }
 
 std::string shownName(const SettingSpec& entry) {
-  return entry.scope == SettingScope::Group ? std::string("CDP_<GROUP>") + entry.name : entry.name;
+  switch (entry.scope) {
+    case SettingScope::Group:
+      return std::string("CDP_<GROUP>") + entry.name;
+    case SettingScope::Application:
+      return std::string("<APPLICATION>") + entry.name;
+    default:
+      return entry.name;
+  }
 }
 
 std::string withUnit(long long value, const SettingSpec& entry) {
