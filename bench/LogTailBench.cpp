@@ -1,15 +1,16 @@
-// Tailing a log that a writer appends to at full speed: the log engine against another
-// tailer, on the same generated access log.
+// Tailing a log that a writer appends to at full speed: the log engine alone, the agent
+// with a log monitor group on it, and another tailer, on the same generated access log.
 //
 //   logtail_bench engine FILE [LINES]
+//   logtail_bench agent FILE LINES -- XRV_AGENT [ARGS...]
 //   logtail_bench collectd FILE LINES -- PROGRAM [ARGS...]
 //
-// Both create FILE empty and fork a writer that generates LINES access-log lines
+// All create FILE empty and fork a writer that generates LINES access-log lines
 // (default 1,000,000, about 114 MB) in memory. Then they start the tailer on the file,
 // wait until it follows it, and let the writer append the lines in blocks of just
 // under 1 MB as fast as it can, while they wait for the tailer to have seen the last
 // line. They print one line of key=value pairs:
-//   seen      lines the tailer reported (records, or its match counter)
+//   seen      lines the tailer reported (records, events, or its match counter)
 //   wall      seconds from the first write to the last line seen
 //   cpu       the tailer's process CPU seconds (user + system) over the same span
 //   rss_kb    the tailer's peak resident memory (VmHWM) at the end
@@ -22,6 +23,17 @@
 // records. Also prints `base_kb`, the process's peak resident memory before the engine
 // started, and `read`, the lines the engine read from the file.
 //
+// agent: writes, beside FILE, a definition (agent.xml) with one pure-event log monitor
+// group that runs the engine's text above under its own table name, and no flood
+// control, and a configuration (agent.ini; the HTTP API on a free loopback port), and
+// starts XRV_AGENT on them. Once Performance_Object_Status shows the group active it
+// notes the sequence number the event ring gives its next event, starts the writer,
+// and asks GET /api/v1/events every 10 ms for the newest number: the difference is the
+// events added, even those the ring no longer holds. `wall` ends at the time the last
+// line's event went into the ring (its `time`, in milliseconds); `polled` is when the
+// poll saw it, and `last_row_ok` that this event is the last line's. CPU time and
+// memory as for collectd; the agent is sent SIGTERM afterwards.
+//
 // collectd: PROGRAM (collectd in the foreground, its csv plugin writing to standard
 // output, line-buffered) runs with its standard output on a pipe and must print lines
 // ending in ":COUNT" (PUTVAL host/tail-x/counter-y interval=0.100 TIME:COUNT). Its first
@@ -30,11 +42,14 @@
 #include "AccessLog.h"
 #include "engine/xpwp.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -44,6 +59,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <mutex>
 #include <string>
@@ -177,11 +193,14 @@ std::string quoted(const std::string& text) {
   return out + "'";
 }
 
-std::string engine_mdl(const std::string& path) {
+// The engine's text for `path`: an event table whose one attribute keeps every line that
+// one of the three filters matches. The agent's group runs the same text under its
+// own application and table name.
+std::string engine_mdl(const std::string& path, const std::string& application = "logtail_bench",
+                       const std::string& table = "LOGTAIL_BENCH") {
   using namespace xrvlog::bench;
-  return std::string("//APPL logtail_bench\n//NAME LOGTAIL_BENCH E\n") +
-         "//SOURCE FILE " + quoted(path) + " TAIL\n//ATTRIBUTES NEWLINE\n" +
-         "record Z 2048 +FILTER={ScanRegEx(0," + kAccessPattern +
+  return "//APPL " + application + "\n//NAME " + table + " E\n" + "//SOURCE FILE " + quoted(path) +
+         " TAIL\n//ATTRIBUTES NEWLINE\n" + "Access Z 2048 +FILTER={ScanRegEx(0," + kAccessPattern +
          ",REPLACEFIRST(host=$1;time=$2;request=$3;status=$4;size=$5;)) OR ScanRegEx(0," +
          kErrorPattern + ",REPLACEFIRST(time=$1;level=$2;message=$3;)) OR ScanRegEx(0," +
          kSyslogPattern + ",REPLACEFIRST(time=$1;host=$2;program=$3;message=$4;))}\n";
@@ -311,29 +330,42 @@ class LineReader {
  public:
   explicit LineReader(int fd) : fd_(fd) {}
 
-  // The count at the end of the next line that has one, or -1 when none came within
-  // `timeout` (or the program closed its output).
-  long next_count(std::chrono::milliseconds timeout) {
+  // The next line (without its line feed), or false when none came within `timeout`
+  // (or the program closed its output).
+  bool next_line(std::chrono::milliseconds timeout, std::string* line) {
     const auto deadline = Clock::now() + timeout;
     for (;;) {
       const std::size_t newline = buffer_.find('\n');
       if (newline != std::string::npos) {
-        const std::string line = buffer_.substr(0, newline);
+        line->assign(buffer_, 0, newline);
         buffer_.erase(0, newline + 1);
-        const std::size_t colon = line.rfind(':');
-        if (colon != std::string::npos && colon + 1 < line.size()) {
-          return std::atol(line.c_str() + colon + 1);
-        }
-        continue;
+        return true;
       }
-      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
-      if (left.count() <= 0) return -1;
+      const auto left =
+          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+      if (left.count() <= 0) return false;
       pollfd wait{fd_, POLLIN, 0};
-      if (poll(&wait, 1, static_cast<int>(left.count())) <= 0) return -1;
+      if (poll(&wait, 1, static_cast<int>(left.count())) <= 0) return false;
       char chunk[4096];
       const ssize_t got = read(fd_, chunk, sizeof chunk);
-      if (got <= 0) return -1;
+      if (got <= 0) return false;
       buffer_.append(chunk, static_cast<std::size_t>(got));
+    }
+  }
+
+  // The count at the end of the next line that has one, or -1 when none came within
+  // `timeout`.
+  long next_count(std::chrono::milliseconds timeout) {
+    const auto deadline = Clock::now() + timeout;
+    std::string line;
+    for (;;) {
+      const auto left =
+          std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+      if (left.count() <= 0 || !next_line(left, &line)) return -1;
+      const std::size_t colon = line.rfind(':');
+      if (colon != std::string::npos && colon + 1 < line.size()) {
+        return std::atol(line.c_str() + colon + 1);
+      }
     }
   }
 
@@ -342,22 +374,38 @@ class LineReader {
   std::string buffer_;
 };
 
-int run_collectd(const std::string& path, long lines, char** command) {
-  create_empty(path);
-  Writer writer(path, lines);
-
-  int out[2];
-  if (pipe2(out, O_CLOEXEC) != 0) fail("pipe failed");
+// Starts `command` with its standard output on a pipe; returns its pid and the pipe's
+// reading end in `out`.
+pid_t spawn(char** command, int* out) {
+  int pipe_fds[2];
+  if (pipe2(pipe_fds, O_CLOEXEC) != 0) fail("pipe failed");
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, out[1], 1);
+  posix_spawn_file_actions_adddup2(&actions, pipe_fds[1], 1);
   pid_t pid = 0;
   if (posix_spawnp(&pid, command[0], &actions, nullptr, command, environ) != 0) {
     fail(std::string("cannot start ") + command[0]);
   }
   posix_spawn_file_actions_destroy(&actions);
-  close(out[1]);
-  LineReader reader(out[0]);
+  close(pipe_fds[1]);
+  *out = pipe_fds[0];
+  return pid;
+}
+
+void stop(pid_t pid, int out) {
+  kill(pid, SIGTERM);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  close(out);
+}
+
+int run_collectd(const std::string& path, long lines, char** command) {
+  create_empty(path);
+  Writer writer(path, lines);
+
+  int out = -1;
+  const pid_t pid = spawn(command, &out);
+  LineReader reader(out);
   if (reader.next_count(std::chrono::seconds(30)) < 0) {
     kill(pid, SIGTERM);
     fail(std::string(command[0]) + " reported no count: does it follow " + path + "?");
@@ -382,19 +430,209 @@ int run_collectd(const std::string& path, long lines, char** command) {
   result.cpu = other_cpu_seconds(pid) - cpu_before;
   result.rss_kb = peak_rss_kb("/proc/" + std::to_string(pid) + "/status");
   result.writer = writer.join();
-  kill(pid, SIGTERM);
-  int status = 0;
-  waitpid(pid, &status, 0);
-  close(out[0]);
+  stop(pid, out);
 
   print("collectd", lines, result, "");
   return result.seen == lines ? 0 : 2;
 }
 
+// ---- the agent ----
+
+constexpr const char* kGroup = "Access_Log";
+
+std::string xml_escaped(const std::string& text) {
+  std::string out;
+  for (char c : text) {
+    if (c == '&') {
+      out += "&amp;";
+    } else if (c == '<') {
+      out += "&lt;";
+    } else if (c == '>') {
+      out += "&gt;";
+    } else {
+      out += c;
+    }
+  }
+  return out;
+}
+
+// A pure-event log monitor group on `path` that runs the engine's text (above) and
+// keeps every record it hands over: no flood threshold and no summary interval, so
+// every record becomes an event row. Performance_Object_Status tells when the group
+// follows the file.
+std::string agent_definition(const std::string& path) {
+  return std::string(R"(<?xml version="1.0" encoding="UTF-8"?>
+<agent>
+  <appl name="XRV" nodeType="XR" hostName="" hostType="Linux" affinity="%XRV.XRV" agentVersion="1.0.0" version="01.00.00" service="xrvagent" internalAgentVersion="1"/>
+  <metadata>
+    <ag name=")") +
+         kGroup + R"(" table="XRVACCESS" pure="true">
+      <attr name="Access" type="2" size="2048"/>
+      <attr name="Log_File" type="2" size="256"/>
+    </ag>
+    <ag name="Performance_Object_Status" table="XRVPOBJ">
+      <attr name="Query_Name" type="2" size="64"/>
+      <attr name="Object_Status" type="1" size="24"/>
+      <attr name="Error_Code" type="1" size="48"/>
+    </ag>
+  </metadata>
+  <log_monitor app="XRV" ag=")" +
+         kGroup + R"(" sourceMapAttr="Log_File">
+    <metric name="Access" type="STRING_DATA" visible="true"/>
+    <metric name="Log_File" type="STRING_DATA" visible="true"/>
+    <mdl_stream>)" +
+         xml_escaped(engine_mdl(path, "XRV", "XRVACCESS")) + R"(</mdl_stream>
+  </log_monitor>
+</agent>
+)";
+}
+
+void write_file(const std::string& path, const std::string& text) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << text;
+  if (!out.flush()) fail("cannot write " + path);
+}
+
+// The body of GET `target` from 127.0.0.1:`port` when the answer is 200; else empty.
+std::string http_get(int port, const std::string& target) {
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) fail("socket failed");
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  std::string answer;
+  if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+    // HTTP/1.0: the answer comes whole, not chunked, and ends with the connection.
+    const std::string request = "GET " + target + " HTTP/1.0\r\nHost: 127.0.0.1\r\n\r\n";
+    if (send(fd, request.data(), request.size(), MSG_NOSIGNAL) ==
+        static_cast<ssize_t>(request.size())) {
+      char chunk[16384];
+      ssize_t got = 0;
+      while ((got = recv(fd, chunk, sizeof chunk, 0)) > 0) {
+        answer.append(chunk, static_cast<std::size_t>(got));
+      }
+    }
+  }
+  close(fd);
+  const std::size_t body = answer.find("\r\n\r\n");
+  if (answer.compare(0, 9, "HTTP/1.1 ") != 0 && answer.compare(0, 9, "HTTP/1.0 ") != 0) return "";
+  if (answer.compare(9, 3, "200") != 0 || body == std::string::npos) return "";
+  return answer.substr(body + 4);
+}
+
+// The number after "key": in `json`, or -1.
+long json_number(const std::string& json, const std::string& key) {
+  const std::size_t at = json.find("\"" + key + "\":");
+  return at == std::string::npos ? -1 : std::atol(json.c_str() + at + key.size() + 3);
+}
+
+// The sequence number the ring gives its next event: a `since` beyond the newest
+// event answers no events and that number.
+long next_event(int port) {
+  return json_number(http_get(port, "/api/v1/events?since=9000000000000000000&limit=1"), "next");
+}
+
+// Milliseconds since the epoch of a time the API writes (2025-05-01T12:00:00.123Z).
+double epoch_millis(const std::string& iso) {
+  std::tm parts{};
+  int millis = 0;
+  if (std::sscanf(iso.c_str(), "%d-%d-%dT%d:%d:%d.%dZ", &parts.tm_year, &parts.tm_mon,
+                  &parts.tm_mday, &parts.tm_hour, &parts.tm_min, &parts.tm_sec, &millis) != 7) {
+    return -1;
+  }
+  parts.tm_year -= 1900;
+  parts.tm_mon -= 1;
+  return static_cast<double>(timegm(&parts)) * 1000.0 + millis;
+}
+
+double now_epoch_millis() {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  return static_cast<double>(now.tv_sec) * 1000.0 + static_cast<double>(now.tv_nsec) * 1e-6;
+}
+
+int run_agent(const std::string& path, long lines, char** command) {
+  create_empty(path);
+  const std::string dir = path.substr(0, path.rfind('/') + 1);
+  write_file(dir + "agent.xml", agent_definition(path));
+  write_file(dir + "agent.ini",
+             "[agent]\nXRV_HTTP_LISTEN = 127.0.0.1:0\n"
+             "CDP_PERFORMANCE_OBJECT_STATUS_CACHE_TTL = 1\n");
+  setenv("AGENT_REF_FILE", (dir + "agent.xml").c_str(), 1);
+  setenv("XRV_CONFIG_FILE", (dir + "agent.ini").c_str(), 1);
+  setenv("XRV_TRACE_FILE", (dir + "agent.trace").c_str(), 1);
+  setenv("XRVLOG_STATE_DIR", dir.c_str(), 1);
+  Writer writer(path, lines);
+
+  int out = -1;
+  const pid_t pid = spawn(command, &out);
+  LineReader reader(out);
+  std::string line;
+  int port = 0;
+  while (port == 0 && reader.next_line(std::chrono::seconds(30), &line)) {
+    const std::size_t at = line.find("http://127.0.0.1:");
+    if (at != std::string::npos) port = std::atoi(line.c_str() + at + 17);
+  }
+  const auto deadline = Clock::now() + std::chrono::seconds(60);
+  const std::string active =
+      std::string("\"Query_Name\":\"") + kGroup + "\",\"Object_Status\":\"PERF_OBJECT_ACTIVE\"";
+  while (port == 0 || http_get(port, "/api/v1/tables/Performance_Object_Status").find(active) ==
+                          std::string::npos) {
+    if (port == 0 || Clock::now() > deadline) {
+      kill(pid, SIGTERM);
+      fail(std::string(command[0]) + " did not start following " + path);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  const long first = next_event(port);  // the first line's event gets this number
+  if (first < 1) fail("no answer from /api/v1/events");
+
+  const double cpu_before = other_cpu_seconds(pid);
+  const double start_millis = now_epoch_millis();
+  const auto start = Clock::now();
+  writer.start();
+  Result result;
+  auto last = start;
+  // The newest event's number tells how many were added, whatever the ring still holds.
+  while (result.seen < lines) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    const long count = next_event(port) - first;
+    if (count > result.seen) {
+      result.seen = count;
+      last = Clock::now();
+    } else if (writer.finished() && Clock::now() - last > kStall) {
+      break;
+    }
+  }
+  const double polled = seconds(last - start);
+  result.cpu = other_cpu_seconds(pid) - cpu_before;
+  result.rss_kb = peak_rss_kb("/proc/" + std::to_string(pid) + "/status");
+  result.writer = writer.join();
+  // The last line's event carries the time it went into the ring.
+  const std::string page =
+      http_get(port, "/api/v1/events?limit=1&since=" + std::to_string(first + lines - 1));
+  const std::size_t time_at = page.find("\"time\":\"");
+  const double added_millis =
+      time_at == std::string::npos ? -1 : epoch_millis(page.substr(time_at + 8, 24));
+  const bool expected =
+      page.find("\"seq\":" + std::to_string(first + lines - 1) + ",") != std::string::npos &&
+      page.find("\"Access\":\"host=") != std::string::npos;
+  result.wall =
+      result.seen == lines && added_millis > 0 ? (added_millis - start_millis) / 1000.0 : polled;
+  stop(pid, out);
+
+  char extra[64];
+  std::snprintf(extra, sizeof extra, " polled=%.3f last_row_ok=%d", polled, expected ? 1 : 0);
+  print("agent", lines, result, extra);
+  return result.seen == lines && expected ? 0 : 2;
+}
+
 [[noreturn]] void usage() {
   std::fprintf(stderr,
                "usage: logtail_bench engine FILE [LINES]\n"
-               "       logtail_bench collectd FILE LINES -- PROGRAM [ARGS...]\n");
+               "       logtail_bench collectd FILE LINES -- PROGRAM [ARGS...]\n"
+               "       logtail_bench agent FILE LINES -- XRV_AGENT [ARGS...]\n");
   std::exit(1);
 }
 
@@ -409,6 +647,9 @@ int main(int argc, char** argv) {
   if (mode == "engine" && argc <= 4) return run_engine(path, lines);
   if (mode == "collectd" && argc > 5 && std::strcmp(argv[4], "--") == 0) {
     return run_collectd(path, lines, argv + 5);
+  }
+  if (mode == "agent" && argc > 5 && std::strcmp(argv[4], "--") == 0) {
+    return run_agent(path, lines, argv + 5);
   }
   usage();
 }

@@ -66,12 +66,15 @@ EventStreams::EventStreams(EventRing& ring, unsigned maxClients,
       keepAlive_(keepAlive),
       tick_(std::clamp(keepAlive / 4, std::chrono::milliseconds(10),
                        std::chrono::milliseconds(1000))),
-      stopFd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+      stopFd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      waitFd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
 EventStreams::~EventStreams() {
   stop(std::chrono::milliseconds(0));
-  if (stopFd_ >= 0) {
-    close(stopFd_);
+  for (int fd : {stopFd_, waitFd_}) {
+    if (fd >= 0) {
+      close(fd);
+    }
   }
 }
 
@@ -159,6 +162,11 @@ ssize_t EventStreams::output(Client& client, char* buffer, size_t max) {
       // Resumed by the pump when events arrive or its keep-alive is due. The lock
       // is held from the look at the ring to here: the pump cannot miss the wait.
       client.suspended = true;
+      if (!pumpWatches_) {
+        pumpWatches_ = true;
+        const uint64_t one = 1;
+        [[maybe_unused]] ssize_t written = write(waitFd_, &one, sizeof one);
+      }
       MHD_suspend_connection(client.connection);
       return 0;
     }
@@ -203,15 +211,30 @@ void EventStreams::pump() {
   XRV_TRACE_FN();
   const int added = ring_.addedFd();
   for (;;) {
-    pollfd waits[2] = {{stopFd_, POLLIN, 0}, {added, POLLIN, 0}};
-    const int ready = poll(waits, added < 0 ? 1 : 2, static_cast<int>(tick_.count()));
+    // Without a waiting stream the ring's signal is left as it is: adds write it only
+    // while it is not set, so that one signal stands for all events until a stream
+    // waits again (it is then taken at once, and the stream looks at the ring anew).
+    bool watch = true;
+    if (added >= 0 && waitFd_ >= 0) {
+      XRV::MutexLock lock(mutex_);
+      watch = std::any_of(clients_.begin(), clients_.end(),
+                          [](const Client* client) { return client->suspended; });
+      pumpWatches_ = watch;
+    }
+    pollfd waits[3] = {{stopFd_, POLLIN, 0}, {waitFd_, POLLIN, 0}, {added, POLLIN, 0}};
+    const int ready = poll(waits, added < 0 || !watch ? 2 : 3, static_cast<int>(tick_.count()));
     if (stopFd_ < 0 || (ready > 0 && (waits[0].revents & POLLIN) != 0)) {
       XRV::MutexLock lock(mutex_);
       if (stopping_) {
         return;
       }
     }
-    const bool eventsAdded = added < 0 || (ready > 0 && (waits[1].revents & POLLIN) != 0);
+    if (ready > 0 && (waits[1].revents & POLLIN) != 0) {
+      uint64_t count = 0;
+      [[maybe_unused]] ssize_t got = read(waitFd_, &count, sizeof count);
+      continue;  // a stream waits: watch the ring
+    }
+    const bool eventsAdded = added < 0 || (watch && ready > 0 && (waits[2].revents & POLLIN) != 0);
     if (eventsAdded) {
       ring_.takeAddedSignal();
     }

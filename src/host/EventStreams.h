@@ -20,7 +20,9 @@
 //
 // Nothing waits for a client. Adding an event only signals the ring's eventfd; the
 // pump thread then resumes the streams that wait for events (suspended connections,
-// which the server neither watches nor times out meanwhile), and each stream pulls
+// which the server neither watches nor times out meanwhile). The pump watches the
+// ring only while a stream waits, so that events nobody waits for cost no wake-up:
+// the first stream to wait wakes it to watch again. Each stream pulls
 // from the ring by sequence number when its connection can take more: the server's
 // event loop asks for output only while the socket accepts it. What a stream holds
 // of its own is one batch of formatted events (kFillBytes and at most one event
@@ -90,11 +92,15 @@ class EventStreams {
   const std::chrono::milliseconds keepAlive_;
   const std::chrono::milliseconds tick_;  // how often the pump looks without being woken
   int stopFd_ = -1;                       // eventfd that wakes the pump to end
+  int waitFd_ = -1;  // eventfd that wakes the pump when a stream begins to wait
   XRV::Mutex mutex_;
   std::condition_variable closed_;
   // The clients' fields too are read and written under mutex_.
   std::unordered_set<Client*> clients_ XRV_GUARDED_BY(mutex_);
   bool stopping_ XRV_GUARDED_BY(mutex_) = false;
+  // The pump watches the ring's eventfd (or is about to); a stream that begins to
+  // wait while it does not wakes it through waitFd_.
+  bool pumpWatches_ XRV_GUARDED_BY(mutex_) = true;
   std::thread pump_;  // started and joined by the owner's thread
 };
 

@@ -352,6 +352,27 @@ void UAClientClass::formatTimeStampMillis(int64_t millis, char* buffer, size_t s
     snprintf(buffer, size, "%s", kNoTimeStamp);
     return;
   }
+  // Every event row is stamped, some twice: written by hand rather than by snprintf,
+  // which cost a fifth of an event's way to the framework. The same text.
+  if (size >= 17 && local.tm_year >= 0 && local.tm_year <= 999) {
+    char* out = buffer;
+    const auto put = [&out](int value, int digits) {
+      for (int i = digits - 1; i >= 0; --i) {
+        out[i] = static_cast<char>('0' + value % 10);
+        value /= 10;
+      }
+      out += digits;
+    };
+    put(local.tm_year, 3);
+    put(local.tm_mon + 1, 2);
+    put(local.tm_mday, 2);
+    put(local.tm_hour, 2);
+    put(local.tm_min, 2);
+    put(local.tm_sec, 2);
+    put(static_cast<int>(milliseconds), 3);
+    *out = '\0';
+    return;
+  }
   snprintf(buffer, size, "%03d%02d%02d%02d%02d%02d%03d", local.tm_year, local.tm_mon + 1,
            local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
            static_cast<int>(milliseconds));

@@ -105,6 +105,17 @@ DecodedColumn decodeColumn(const ColumnInfo& column, const char* bytes) {
   const void* nul = memchr(bytes, '\0', size);
   size_t length =
       nul == nullptr ? size : static_cast<size_t>(static_cast<const char*>(nul) - bytes);
+  // A text column is padded with blanks to its full size, most of it for a short value
+  // in a wide column: skip the padding eight bytes at a time.
+  constexpr uint64_t kBlanks = 0x2020202020202020u;
+  while (length >= sizeof kBlanks) {
+    uint64_t word = 0;
+    memcpy(&word, bytes + length - sizeof word, sizeof word);
+    if (word != kBlanks) {
+      break;
+    }
+    length -= sizeof word;
+  }
   while (length > 0 && bytes[length - 1] == ' ') {
     --length;
   }

@@ -3,6 +3,7 @@
 // others, to the thread adding events, or to the server's stop.
 
 #include <gtest/gtest.h>
+#include <poll.h>
 
 #include <atomic>
 #include <chrono>
@@ -244,6 +245,38 @@ TEST_F(EventStreamTest, DeliversEventsInOrderWithTheirNumbersAsIds) {
   ASSERT_TRUE(later);
   EXPECT_EQ(later->id, "5");
   EXPECT_LT(secondsSince(added), 0.5);
+}
+
+TEST_F(EventStreamTest, EventsNobodyWaitsForWakeNoOneAndAStreamThatBeginsToWaitIsWoken) {
+  start();
+  // No stream: the pump leaves the ring's signal set, so that further adds write
+  // nothing and wake no one.
+  for (int i = 0; i < 100; ++i) {
+    add("Alerts", "unwatched");
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  pollfd signal{ring_->addedFd(), POLLIN, 0};
+  EXPECT_EQ(poll(&signal, 1, 0), 1) << "the pump took the signal of events nobody waits for";
+
+  // Each time a stream begins to wait while the pump does not watch the ring, the next
+  // event reaches it at once, not at the pump's next look (a second by default).
+  uint64_t seq = 100;
+  for (int round = 0; round < 3; ++round) {
+    SCOPED_TRACE(round);
+    {
+      StreamClient client(port_, "/api/v1/events/stream?since=" + std::to_string(seq + 1));
+      ASSERT_EQ(client.statusLine(), "HTTP/1.1 200 OK");
+      EXPECT_FALSE(client.nextEvent(0.1));
+      seq = add("Logins", "watched");
+      const Clock::time_point added = Clock::now();
+      std::optional<Message> message = client.nextEvent(2);
+      ASSERT_TRUE(message);
+      EXPECT_EQ(message->id, std::to_string(seq));
+      EXPECT_LT(secondsSince(added), 0.25);
+    }
+    // The stream gone, the pump stops watching at its next look.
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+  }
 }
 
 TEST_F(EventStreamTest, StartsWhereTheClientSaysAndRefusesWhatItCannotServe) {

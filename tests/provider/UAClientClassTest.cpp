@@ -121,13 +121,20 @@ TEST(UAClientClassTest, ExpiryAndTimeStampsFollowTheClock) {
   const Case cases[] = {
       {0, "0000000000000001"},
       {1700000000123, "1231114221320123"},
-      {946684799999, "0991231235959999"},  // the last millisecond of the 1900s
-      {951782400000, "1000229000000000"},  // 2000-02-29
+      {946684799999, "0991231235959999"},    // the last millisecond of the 1900s
+      {951782400000, "1000229000000000"},    // 2000-02-29
+      {-1, "0691231235959999"},              // before the epoch: the milliseconds stay positive
+      {-2208988800000, "0000101000000000"},  // 1900-01-01, the smallest three-digit year
+      {32503680000000, "1100010100000000"},  // 3000: four digits for the year, cut to 16
+      {4102444799007, "1991231235959007"},   // 2099-12-31, milliseconds below 10
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.millis);
     UAClientClass::formatTimeStampMillis(c.millis, stamp, sizeof stamp);
     EXPECT_STREQ(stamp, c.expected);
+    char shorter[9];  // a short buffer gets the beginning
+    UAClientClass::formatTimeStampMillis(c.millis, shorter, sizeof shorter);
+    EXPECT_EQ(std::string(shorter), std::string(c.expected).substr(0, 8));
     if (c.millis % 1000 == 0) {
       UAClientClass::formatTimeStamp(static_cast<time_t>(c.millis / 1000), stamp, sizeof stamp);
       EXPECT_STREQ(stamp, c.expected);

@@ -95,6 +95,30 @@ TEST_F(RowDecoderTest, TextsAreAlwaysValidUtf8) {
   }
 }
 
+TEST_F(RowDecoderTest, PaddingOfAnyLengthIsRemovedAndInnerBlanksKept) {
+  // The padding is skipped a word at a time, then byte by byte: lengths around the
+  // word size, blanks inside the value, and a column that is all padding.
+  const struct {
+    std::string bytes;
+    std::string text;
+  } cases[] = {
+      {std::string(16, ' '), ""},
+      {std::string(13, ' '), ""},
+      {"x" + std::string(7, ' '), "x"},
+      {"x" + std::string(8, ' '), "x"},
+      {"x" + std::string(23, ' '), "x"},
+      {"a" + std::string(9, ' ') + "b" + std::string(30, ' '), "a" + std::string(9, ' ') + "b"},
+      {std::string(9, ' ') + "lead", std::string(9, ' ') + "lead"},
+      {"end\t" + std::string(16, ' '), "end\t"},  // only blanks are padding
+      {"nul" + std::string(8, ' ') + std::string(1, '\0') + "zzzzzzzz", "nul"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.bytes));
+    ColumnInfo column{"T", 2, static_cast<int>(c.bytes.size()), 0};
+    EXPECT_EQ(decodeColumn(column, c.bytes.data()).text, c.text);
+  }
+}
+
 TEST_F(RowDecoderTest, ALayoutOutsideTheRowIsRefused) {
   const char row[8] = {1, 0, 0, 0, 'x', 0, 0, 0};
   std::vector<DecodedColumn> columns;
