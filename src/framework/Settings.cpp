@@ -288,6 +288,11 @@ constexpr SettingSpec kSettings[] = {
      .effect = "the source attribute of log monitor rows holds the file's base name instead of "
                "its path",
      .traces = {{On, false, "Setting logNameIsBasename to true based on ENV setting", ""}}},
+    {.id = Setting::LogPositionsDir, .name = "XRV_LOG_POSITIONS_DIR", .section = kLogMonitor,
+     .emptyIsUnset = true, .defaultText = "unset",
+     .effect = "the directory, made when missing, where the log engine keeps its read positions, "
+               "so that TAIL sources go on after a restart where they stopped; an XRVLOG_STATE_DIR "
+               "of the agent's environment wins (docs/log-engine.md)"},
 
     // --- Subnodes ---
     {.id = Setting::InitialConfigDiscoveryNodeState,

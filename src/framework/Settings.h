@@ -76,6 +76,7 @@ enum class Setting : uint8_t {
   ApplicationSendPqlEvents,
   LeavePureCacheOnReset,
   LognameIsBasename,
+  LogPositionsDir,
   // Subnodes
   InitialConfigDiscoveryNodeState,
   UseHostnameInSubnodeMsn,

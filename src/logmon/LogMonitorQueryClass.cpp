@@ -179,7 +179,7 @@ std::vector<std::string> LogMonitorQueryClass::getPropertyNames() {
   std::vector<std::string> names = ResultsManager::getPropertyNames();
   names.push_back(XRV::settingName(XRV::Setting::ApplicationSendPqlEvents, getApplicationName()));
   for (XRV::Setting id : {XRV::Setting::LeavePureCacheOnReset, XRV::Setting::LognameIsBasename,
-                          XRV::Setting::AgentLibDir}) {
+                          XRV::Setting::AgentLibDir, XRV::Setting::LogPositionsDir}) {
     names.push_back(XRV::settingName(id));
   }
   return names;
@@ -388,6 +388,7 @@ bool LogMonitorQueryClass::startEngineAndLoad() {
       return false;
     }
     if (cdpHandle() == nullptr) {
+      passLogPositionsDirectory();
       XPWP_Handle started = nullptr;
       const int rc = entry->startCommonProvider == nullptr
                          ? CDP_Failure
@@ -419,6 +420,7 @@ bool LogMonitorQueryClass::startEngineAndLoad() {
     handle = cdpHandle();
   }
 
+  XRV_TRACE_DETAIL("Loading mdl of table %s:\n%s", tableName_.c_str(), mdl_.c_str());
   const int rc = entry->loadMetafile == nullptr
                      ? CDP_Failure
                      : entry->loadMetafile(handle, mdl_.c_str(), mdl_.size() + 1);

@@ -4,6 +4,11 @@
 
 #include <atomic>
 #include <cctype>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <system_error>
 
 #include "framework/Settings.h"
 #include "framework/Trace.h"
@@ -22,6 +27,7 @@ std::atomic<const XpwEntryPoints*> loaded{nullptr};
 XpwEntryPoints entryPoints;
 std::string loadedPath;
 XPWP_Handle engineHandle = nullptr;
+bool positionsPassed = false;  // guarded by cdpHandleLock
 
 // Looks `name` up in `library` into *function; traces an absence.
 template <typename Function>
@@ -133,6 +139,38 @@ std::string xpwLibraryPath() {
   return loaded.load() == nullptr ? std::string() : loadedPath;
 }
 
+void passLogPositionsDirectory() {
+  XRV_TRACE_FN();
+  if (positionsPassed) {
+    return;
+  }
+  positionsPassed = true;
+  const XRV::SettingRead directory = XRV::readSetting(XRV::Setting::LogPositionsDir);
+  if (!directory.set) {
+    return;
+  }
+  if (const char* given = getenv(kEngineStateDirVariable); given != nullptr) {
+    XRV_TRACE_DETAIL("%s=%s from the environment wins over %s=%s", kEngineStateDirVariable, given,
+                     directory.name.c_str(), directory.text.c_str());
+    return;
+  }
+  std::error_code error;
+  std::filesystem::create_directories(directory.text, error);
+  if (error) {
+    XRV_TRACE_ERROR("Cannot make the log positions directory %s: %s", directory.text.c_str(),
+                    error.message().c_str());
+  }
+  // The engine learns where to keep its positions only from its environment, when it
+  // starts. The variable is set once per process, before the first engine is started
+  // and so before any of the engine's threads exist; they never see it change. Not
+  // overwriting keeps an operator's own XRVLOG_STATE_DIR.
+  if (setenv(kEngineStateDirVariable, directory.text.c_str(), 0) != 0) {
+    XRV_TRACE_ERROR("Cannot set %s: %s", kEngineStateDirVariable, strerror(errno));
+    return;
+  }
+  XRV_TRACE_DETAIL("The log engine keeps its read positions in %s", directory.text.c_str());
+}
+
 PthreadMutex& cdpHandleLock() {
   static PthreadMutex* const lock = new PthreadMutex;  // engine threads may outlive exit()
   return *lock;
@@ -148,6 +186,7 @@ void forgetXpwLibraryForTesting() {
     e->stopCommonProvider(engineHandle);
   }
   engineHandle = nullptr;
+  positionsPassed = false;
   loaded.store(nullptr);
   loadedPath.clear();
 }

@@ -59,11 +59,21 @@ const XpwEntryPoints* xpwEntryPoints();
 // The path the library was opened by; "" while none is loaded.
 std::string xpwLibraryPath();
 
+// The environment variable the engine reads, when it starts, for the directory of its
+// read positions.
+inline constexpr const char kEngineStateDirVariable[] = "XRVLOG_STATE_DIR";
+
+// Hands the XRV_LOG_POSITIONS_DIR setting to the engine as XRVLOG_STATE_DIR (making the
+// directory when missing), unless the environment sets XRVLOG_STATE_DIR already. Only
+// the first call of the process acts. Call with cdpHandleLock held, before the engine
+// is started.
+void passLogPositionsDirectory();
+
 PthreadMutex& cdpHandleLock();
 // The started engine, or null. Read and written with cdpHandleLock held.
 XPWP_Handle& cdpHandle();
 
 // Stops the engine when one runs and forgets the library, so that the next
-// loadXpwLibrary looks again (tests load libraries of their own). The library
-// stays mapped.
+// loadXpwLibrary looks again (tests load libraries of their own), and lets the next
+// passLogPositionsDirectory act again. The library stays mapped.
 void forgetXpwLibraryForTesting();

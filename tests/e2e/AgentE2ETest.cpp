@@ -13,9 +13,9 @@
 #include <string>
 #include <thread>
 
-#include <httplib.h>
 #include <nlohmann/json.hpp>
 
+#include "AgentHttp.h"
 #include "AgentProcess.h"
 #include "support/SpawnedProcess.h"
 
@@ -31,33 +31,6 @@ const std::string kConfiguration = E2E_DIR "/e2e-agent.ini";
 
 AgentOptions e2eAgent(std::vector<std::pair<std::string, std::string>> environment = {}) {
   return AgentOptions{kDefinition, kConfiguration, std::move(environment)};
-}
-
-// GET `path`: the status and the parsed body (discarded when it is not JSON).
-std::pair<int, json> get(const AgentProcess& agent, const std::string& path) {
-  httplib::Client client("127.0.0.1", agent.port());
-  client.set_read_timeout(30, 0);
-  httplib::Result result = client.Get(path);
-  if (!result) {
-    return {0, json()};
-  }
-  return {result->status, json::parse(result->body, nullptr, false)};
-}
-
-// Polls `path` until `ready` accepts its answer or the time is up; the last answer.
-template <typename Ready>
-json getWhen(const AgentProcess& agent, const std::string& path, Ready ready,
-             milliseconds timeout = seconds(15)) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  json answer;
-  do {
-    answer = get(agent, path).second;
-    if (ready(answer)) {
-      break;
-    }
-    std::this_thread::sleep_for(milliseconds(100));
-  } while (std::chrono::steady_clock::now() < deadline);
-  return answer;
 }
 
 std::string describe(int status) {

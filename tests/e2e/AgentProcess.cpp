@@ -21,7 +21,7 @@ namespace {
 
 bool passedOn(const char* assignment) {
   return strncmp(assignment, "XRV_", 4) != 0 && strncmp(assignment, "CDP_", 4) != 0 &&
-         strncmp(assignment, "AGENT_REF_FILE=", 15) != 0;
+         strncmp(assignment, "XRVLOG_", 7) != 0 && strncmp(assignment, "AGENT_REF_FILE=", 15) != 0;
 }
 
 }  // namespace

@@ -6,7 +6,8 @@
 // free loopback port (XRV_HTTP_LISTEN=127.0.0.1:0; the port is read from the line it
 // prints), its trace in a file, and a state directory of its own ($E2E_STATE) that
 // the definition's commands may use. Variables of the test's own environment that
-// would change the agent (XRV_*, CDP_*, AGENT_REF_FILE) are not passed on.
+// would change the agent or its log engine (XRV_*, CDP_*, XRVLOG_*, AGENT_REF_FILE)
+// are not passed on.
 //
 // Whatever happens in the test, the destructor kills the agent's whole process group
 // and reaps the agent.

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <optional>
 #include <string>
 
 #include "LogMonitorTestSupport.h"
@@ -150,6 +152,66 @@ TEST_F(LogMonitorTest, LibraryIsLookedForInTheLibDirThenTheSearchPathThenThisBui
       "Log engine libzzzudp.so not found as " + paths[0] +
       ", libzzzudp.so; loading the engine this build installs, " + paths[2]));
   EXPECT_FALSE(framework_.trace().containsText("Failed to find"));
+}
+
+// XRV_LOG_POSITIONS_DIR reaches the engine as XRVLOG_STATE_DIR, unless the environment
+// names a directory already; the first call of the process decides.
+TEST_F(LogMonitorTest, LogPositionsDirectoryIsHandedToTheEngineOnce) {
+  const char* before = getenv(kEngineStateDirVariable);
+  const std::string saved = before == nullptr ? "" : before;
+  const std::string made = directory_.file("made/positions");
+  const std::string other = directory_.file("other");
+  struct Case {
+    const char* why;
+    const char* environment;  // XRVLOG_STATE_DIR before the call; null: unset
+    std::optional<std::string> setting;
+    std::optional<std::string> later;  // the setting at a second call
+    const char* expected;              // XRVLOG_STATE_DIR afterwards; null: unset
+    bool directoryMade;
+  };
+  const Case cases[] = {
+      {"no setting", nullptr, std::nullopt, std::nullopt, nullptr, false},
+      {"an empty setting is none", nullptr, "", std::nullopt, nullptr, false},
+      {"the setting, its directory made", nullptr, made, std::nullopt, made.c_str(), true},
+      {"the operator's environment wins", "/var/xrvlog", made, std::nullopt, "/var/xrvlog", false},
+      {"a second call changes nothing", nullptr, made, other, made.c_str(), true},
+      {"nor does a second call make it", nullptr, std::nullopt, made, nullptr, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.why);
+    forgetXpwLibraryForTesting();
+    resetConfigurationForTesting();
+    std::filesystem::remove_all(directory_.file("made"));
+    if (c.environment == nullptr) {
+      unsetenv(kEngineStateDirVariable);
+    } else {
+      setenv(kEngineStateDirVariable, c.environment, 1);
+    }
+    if (c.setting) {
+      setConfigurationProperty("XRV_LOG_POSITIONS_DIR", c.setting->c_str());
+    }
+    {
+      PthreadMutexLock lock(cdpHandleLock());
+      passLogPositionsDirectory();
+      if (c.later) {
+        setConfigurationProperty("XRV_LOG_POSITIONS_DIR", c.later->c_str());
+        passLogPositionsDirectory();
+      }
+    }
+    const char* after = getenv(kEngineStateDirVariable);
+    if (c.expected == nullptr) {
+      EXPECT_EQ(after, nullptr) << after;
+    } else {
+      EXPECT_STREQ(after, c.expected);
+    }
+    EXPECT_EQ(std::filesystem::is_directory(made), c.directoryMade);
+    EXPECT_FALSE(std::filesystem::exists(other));
+  }
+  if (before == nullptr) {
+    unsetenv(kEngineStateDirVariable);
+  } else {
+    setenv(kEngineStateDirVariable, saved.c_str(), 1);
+  }
 }
 
 TEST(LogMonitorMdl, SubnodeHeaderRewriting) {

@@ -11,8 +11,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <string>
@@ -29,6 +27,7 @@
 #include "logmon/XpwLibrary.h"
 #include "provider/UAClientClassList.h"
 #include "support/FrameworkDouble.h"
+#include "support/TempDirectory.h"
 
 namespace XRV::testing {
 
@@ -49,32 +48,6 @@ class EventTable : public TableManager {
  public:
   explicit EventTable(const char* table) : TableManager("XRV", table) {}
   FwRequest* CreateRequest(RequestDetail*, ContextInfo*) override { return nullptr; }
-};
-
-// A directory under /tmp, removed with everything in it.
-class TempDirectory {
- public:
-  TempDirectory() {
-    std::string pattern = "/tmp/xrv-logmon-XXXXXX";
-    path_ = mkdtemp(pattern.data()) == nullptr ? "" : pattern;
-  }
-  ~TempDirectory() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  TempDirectory(const TempDirectory&) = delete;
-  TempDirectory& operator=(const TempDirectory&) = delete;
-
-  const std::string& path() const { return path_; }
-  std::string file(const std::string& name) const { return path_ + "/" + name; }
-  // Appends `text` to the file `name` (created when missing).
-  void append(const std::string& name, const std::string& text) const {
-    std::ofstream out(file(name), std::ios::app | std::ios::binary);
-    out << text;
-  }
-
- private:
-  std::string path_;
 };
 
 // A definition of group `group` (attributes `attrs`, ag attributes `agAttributes`)
@@ -167,7 +140,7 @@ class LogMonitorTest : public ::testing::Test {
 
   FrameworkDouble framework_;
   FakeClock clock_{1700000000000};
-  TempDirectory directory_;
+  TempDirectory directory_{"/tmp/xrv-logmon-"};
   std::vector<std::unique_ptr<EventTable>> tables_;
   std::vector<std::unique_ptr<LogMonitorQueryClass>> providers_;
 };
