@@ -86,9 +86,17 @@ extern "C" void statusCallbackFunc(void* /*context*/, const char* table, const c
                    orNull(source), status);
   CallbackPin pin(table);
   if (pin.get() == nullptr) {
-    XRV_TRACE_ERROR(
-        "Didn't find a LogMonitorQueryClass for attribute group <%s>. Ignoring status update.",
-        orNull(table));
+    // A group that stops (at shutdown, or a removed subnode's copy) unregisters before
+    // the engine reports its table fully offline: that last report is expected.
+    if (status == XPWP_TABLE_FULLY_OFFLINE) {
+      XRV_TRACE_DETAIL(
+          "Didn't find a LogMonitorQueryClass for attribute group <%s>. Ignoring status update.",
+          orNull(table));
+    } else {
+      XRV_TRACE_ERROR(
+          "Didn't find a LogMonitorQueryClass for attribute group <%s>. Ignoring status update.",
+          orNull(table));
+    }
     return;
   }
   pin.get()->statusChanged(source, status);

@@ -357,14 +357,12 @@ void LogMonitorQueryClass::completeReset() {
   }
 
   if (startEngineAndLoad()) {
-    setPerfObjectStatus(PERF_OBJECT_ACTIVE);
-    setPerfErrorCode(OBJECT_ACTIVE);
-    XRV_TRACE_DETAIL("xpw initialization complete");
+    PthreadMutexLock status(statusLock_);
     // A file found missing while the engine started stays reported as such.
-    if (lastSourceStatus_.load() == XPWP_SOURCE_OFFLINE) {
-      setPerfObjectStatus(PERF_OBJECT_INACTIVE);
-      setPerfErrorCode(FILE_OFFLINE);
-    }
+    const bool offline = lastSourceStatus_.load() == XPWP_SOURCE_OFFLINE;
+    setPerfObjectStatus(offline ? PERF_OBJECT_INACTIVE : PERF_OBJECT_ACTIVE);
+    setPerfErrorCode(offline ? FILE_OFFLINE : OBJECT_ACTIVE);
+    XRV_TRACE_DETAIL("xpw initialization complete");
   } else {
     XRV_TRACE_ERROR("xpw initialization failed, not starting sub-providers.");
   }

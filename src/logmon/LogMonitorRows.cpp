@@ -188,9 +188,12 @@ void LogMonitorQueryClass::statusChanged(const char* source, int status) {
   XRV_TRACE_FN();
   switch (status) {
     case XPWP_SOURCE_OFFLINE:
-      lastSourceStatus_.store(status);
-      setPerfObjectStatus(PERF_OBJECT_INACTIVE);
-      setPerfErrorCode(FILE_OFFLINE);
+      {
+        PthreadMutexLock lock(statusLock_);
+        lastSourceStatus_.store(status);
+        setPerfObjectStatus(PERF_OBJECT_INACTIVE);
+        setPerfErrorCode(FILE_OFFLINE);
+      }
       if (!isPureEventBased() && source != nullptr) {
         XRV_TRACE_DETAIL("clearing Log result set for offline sampled log %s", source);
         PthreadMutexLock lock(mutex_);
@@ -201,18 +204,23 @@ void LogMonitorQueryClass::statusChanged(const char* source, int status) {
       }
       return;
     case XPWP_SOURCE_FOUND:
-      lastSourceStatus_.store(status);
-      setPerfObjectStatus(PERF_OBJECT_ACTIVE);
-      setPerfErrorCode(OBJECT_ACTIVE);
+      {
+        PthreadMutexLock lock(statusLock_);
+        lastSourceStatus_.store(status);
+        setPerfObjectStatus(PERF_OBJECT_ACTIVE);
+        setPerfErrorCode(OBJECT_ACTIVE);
+      }
       if (source != nullptr) {
         PthreadMutexLock lock(mutex_);
         samples_[source];  // the file enters the map; its sample comes with its records
       }
       return;
-    case XPWP_TABLE_ACTIVE:
+    case XPWP_TABLE_ACTIVE: {
+      PthreadMutexLock lock(statusLock_);
       setPerfObjectStatus(PERF_OBJECT_ACTIVE);
       setPerfErrorCode(OBJECT_ACTIVE);
       return;
+    }
     case XPWP_TABLE_FULLY_OFFLINE:
       break;
     default:
