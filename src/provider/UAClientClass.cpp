@@ -112,6 +112,24 @@ void freeRequestInfo(const char* key, const void* value, void* /*arg*/) {
   delete static_cast<const std::vector<FwFilter>*>(value);
 }
 
+// localtime_r takes a lock and reads the time zone; the rows of one second share one
+// call per thread.
+bool localTimeOf(time_t when, struct tm* out) {
+  thread_local bool cached = false;
+  thread_local time_t cachedSecond = 0;
+  thread_local struct tm cachedLocal {};
+  if (!cached || when != cachedSecond) {
+    if (localtime_r(&when, &cachedLocal) == nullptr) {
+      cached = false;
+      return false;
+    }
+    cached = true;
+    cachedSecond = when;
+  }
+  *out = cachedLocal;
+  return true;
+}
+
 }  // namespace
 
 UAClientClass::UAClientClass(const char* applicationName, const char* attributeGroup,
@@ -348,7 +366,7 @@ void UAClientClass::formatTimeStampMillis(int64_t millis, char* buffer, size_t s
   }
   time_t when = static_cast<time_t>(seconds);
   struct tm local {};
-  if (millis == 0 || localtime_r(&when, &local) == nullptr) {
+  if (millis == 0 || !localTimeOf(when, &local)) {
     snprintf(buffer, size, "%s", kNoTimeStamp);
     return;
   }
