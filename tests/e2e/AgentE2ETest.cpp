@@ -18,6 +18,7 @@
 
 #include "AgentProcess.h"
 #include "support/SpawnedProcess.h"
+#include "support/Wait.h"
 
 namespace XRV::e2e {
 namespace {
@@ -44,19 +45,11 @@ std::pair<int, json> get(const AgentProcess& agent, const std::string& path) {
   return {result->status, json::parse(result->body, nullptr, false)};
 }
 
-// Polls `path` until `ready` accepts its answer or the time is up; the last answer.
+// Polls `path` until `ready` accepts its answer or 15 s are up; the last answer.
 template <typename Ready>
-json getWhen(const AgentProcess& agent, const std::string& path, Ready ready,
-             milliseconds timeout = seconds(15)) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
+json getWhen(const AgentProcess& agent, const std::string& path, Ready ready) {
   json answer;
-  do {
-    answer = get(agent, path).second;
-    if (ready(answer)) {
-      break;
-    }
-    std::this_thread::sleep_for(milliseconds(100));
-  } while (std::chrono::steady_clock::now() < deadline);
+  XRV::testing::waitUntil([&] { return ready(answer = get(agent, path).second); }, 15);
   return answer;
 }
 
@@ -190,7 +183,6 @@ TEST(AgentE2E, SigtermWhileScriptsRunEndsTheWholeGroup) {
   ASSERT_TRUE(agent.waitUntilServing()) << agent.standardError();
   // The request waits for a script that runs 30 seconds, with a child of its own.
   auto request = std::async(std::launch::async, [&] { return get(agent, "/api/v1/tables/Slow"); });
-  const auto deadline = std::chrono::steady_clock::now() + seconds(10);
   auto sleeping = [&] {
     int count = 0;
     for (const std::string& member : processGroupMembers(agent.pid())) {
@@ -198,9 +190,7 @@ TEST(AgentE2E, SigtermWhileScriptsRunEndsTheWholeGroup) {
     }
     return count;
   };
-  while (sleeping() < 2 && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(milliseconds(20));
-  }
+  XRV::testing::waitUntil([&] { return sleeping() >= 2; });
   ASSERT_EQ(sleeping(), 2) << "the script did not start";
 
   ASSERT_EQ(kill(agent.pid(), SIGTERM), 0);
@@ -289,11 +279,8 @@ TEST(AgentE2E, XrvctlStopEndsTheAgentWhileAScriptHangs) {
   ASSERT_TRUE(agent.waitUntilServing()) << agent.standardError();
   // The request waits for a script that runs 30 seconds (its time-out is longer).
   auto request = std::async(std::launch::async, [&] { return get(agent, "/api/v1/tables/Slow"); });
-  const auto deadline = std::chrono::steady_clock::now() + seconds(10);
-  while (!std::filesystem::exists(agent.stateDirectory() + "/slow-started") &&
-         std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(milliseconds(20));
-  }
+  XRV::testing::waitUntil(
+      [&] { return std::filesystem::exists(agent.stateDirectory() + "/slow-started"); });
   std::this_thread::sleep_for(milliseconds(200));  // the shell is in its sleep
   const auto stopping = std::chrono::steady_clock::now();
   int status = 0;

@@ -14,6 +14,8 @@
 #include <sstream>
 #include <thread>
 
+#include "support/Wait.h"
+
 extern char** environ;
 
 namespace XRV::e2e {
@@ -134,12 +136,9 @@ bool AgentProcess::waitUntilServing(std::chrono::milliseconds timeout) {
 }
 
 bool AgentProcess::waitForExit(std::chrono::milliseconds timeout, int* status) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (running()) {
-    if (std::chrono::steady_clock::now() >= deadline) {
-      return false;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  if (!XRV::testing::waitUntil([this] { return !running(); },
+                               std::chrono::duration<double>(timeout).count())) {
+    return false;
   }
   *status = status_;
   return reaped_;

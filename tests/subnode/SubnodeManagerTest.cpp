@@ -20,6 +20,7 @@
 #include "provider/UAClientClassList.h"
 #include "support/FrameworkDouble.h"
 #include "support/TestConfiguration.h"
+#include "support/Wait.h"
 
 namespace {
 
@@ -625,15 +626,10 @@ TEST_F(SubnodeManagerTest, ZombieKillerThreadCollectsAndStopsPromptly) {
   // The thread's pass keeps the pinned provider, and takes it once the pin is gone.
   const std::string kept = "Query Object " + hexAddress(web01) +
                            " is not quiescent (in use by a framework request)-- keeping it";
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!framework_.trace().hasText(kept) && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
+  EXPECT_TRUE(XRV::testing::waitUntil([&] { return framework_.trace().hasText(kept); }));
   EXPECT_TRUE(deleted_.get().empty());
   pin.reset();
-  while (deleted_.get().empty() && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
+  XRV::testing::waitUntil([&] { return !deleted_.get().empty(); });
   EXPECT_EQ(deleted_.get(), Strings{"G1/web01"});
   subnodes.stopZombieKiller();
 
