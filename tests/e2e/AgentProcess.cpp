@@ -14,11 +14,15 @@
 #include <sstream>
 #include <thread>
 
+#include "support/Files.h"
 #include "support/Wait.h"
 
 extern char** environ;
 
 namespace XRV::e2e {
+
+using XRV::testing::readFile;
+
 namespace {
 
 bool passedOn(const char* assignment) {
@@ -27,13 +31,6 @@ bool passedOn(const char* assignment) {
 }
 
 }  // namespace
-
-std::string readFile(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 AgentProcess::AgentProcess(const AgentOptions& options) {
   char pattern[] = "/tmp/xrv-e2e.XXXXXX";

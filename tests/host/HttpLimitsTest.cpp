@@ -22,12 +22,14 @@
 #include "framework/Configuration.h"
 #include "framework/Framework.h"
 #include "host/StandaloneHost.h"
+#include "support/Files.h"
 #include "support/RawConnection.h"
 
 namespace XRV::host {
 namespace {
 
 using XRV::testing::RawConnection;
+using XRV::testing::commandOutput;
 
 using Clock = std::chrono::steady_clock;
 
@@ -202,26 +204,11 @@ TEST_F(HttpLimitsTest, OneAddressGetsOnlyItsShareOfConnections) {
   EXPECT_EQ(timedGet("/healthz").first, 200) << "other addresses are served";
 }
 
-// Runs `command`; its standard output.
-std::string output(const std::string& command) {
-  std::string text;
-  FILE* pipe = popen(command.c_str(), "r");
-  char buffer[4096];
-  size_t n;
-  while (pipe != nullptr && (n = fread(buffer, 1, sizeof buffer, pipe)) > 0) {
-    text.append(buffer, n);
-  }
-  if (pipe != nullptr) {
-    pclose(pipe);
-  }
-  return text;
-}
-
 TEST_F(HttpLimitsTest, HttpsWithBasicAuthenticationForReading) {
   char directory[] = "/tmp/xrv-tls-XXXXXX";
   ASSERT_NE(mkdtemp(directory), nullptr);
   const std::string dir = directory;
-  output("openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=localhost -keyout " + dir +
+  commandOutput("openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=localhost -keyout " + dir +
          "/key.pem -out " + dir + "/cert.pem 2>/dev/null");
   char salt[64];
   ASSERT_NE(crypt_gensalt_rn("$2b$", 5, nullptr, 0, salt, sizeof salt), nullptr);
@@ -248,24 +235,23 @@ TEST_F(HttpLimitsTest, HttpsWithBasicAuthenticationForReading) {
         Case{"-u alice:wrong ", "/api/v1/events/stream", "401"},
         Case{"-u alice:s3cret ", "/api/v1/events/stream", "200"}}) {
     SCOPED_TRACE(std::string(c.credentials) + c.path);
-    EXPECT_EQ(output(curl + c.credentials + url + c.path), c.expected);
+    EXPECT_EQ(commandOutput(curl + c.credentials + url + c.path), c.expected);
   }
-  EXPECT_EQ(output("curl -s -o /dev/null -w '%{http_code}' http://127.0.0.1:" +
+  EXPECT_EQ(commandOutput("curl -s -o /dev/null -w '%{http_code}' http://127.0.0.1:" +
                    std::to_string(port_) + "/healthz"),
             "000")
       << "plain HTTP on an HTTPS port";
   // The shutdown keeps its token, and needs no user.
-  EXPECT_EQ(output(curl + "-X POST -H 'Authorization: Bearer bad' " + url + "/api/v1/shutdown"), "401");
-  EXPECT_EQ(output(curl + "-X POST -H 'Authorization: Bearer tok' " + url + "/api/v1/shutdown"), "202");
+  EXPECT_EQ(commandOutput(curl + "-X POST -H 'Authorization: Bearer bad' " + url + "/api/v1/shutdown"), "401");
+  EXPECT_EQ(commandOutput(curl + "-X POST -H 'Authorization: Bearer tok' " + url + "/api/v1/shutdown"), "202");
   runner_.join();
-  output("rm -rf " + dir);
+  commandOutput("rm -rf " + dir);
 }
 
 TEST(HttpLimitsStart, RefusesAUsersFileWithoutHashesOrHalfATlsSetting) {
-  char path[] = "/tmp/xrv-users-XXXXXX";
-  close(mkstemp(path));
-  std::ofstream(path) << "alice: secret\n";
-  for (const auto& [name, value] : {std::pair<const char*, const char*>{"XRV_HTTP_USERS_FILE", path},
+  const std::string users = XRV::testing::temporaryFile("xrv-users");
+  std::ofstream(users) << "alice: secret\n";
+  for (const auto& [name, value] : {std::pair<const char*, const char*>{"XRV_HTTP_USERS_FILE", users.c_str()},
                                     {"XRV_HTTP_TLS_CERT", "/etc/hostname"}}) {
     SCOPED_TRACE(name);
     setConfigurationProperty("XRV_HTTP_LISTEN", "127.0.0.1:0");
@@ -277,7 +263,7 @@ TEST(HttpLimitsStart, RefusesAUsersFileWithoutHashesOrHalfATlsSetting) {
     fwSetHost(nullptr);
     resetConfigurationForTesting();
   }
-  unlink(path);
+  unlink(users.c_str());
 }
 
 }  // namespace
