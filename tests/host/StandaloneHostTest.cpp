@@ -25,13 +25,11 @@
 #include "framework/Framework.h"
 #include "framework/FwRequest.h"
 #include "host/StandaloneHost.h"
-#include "support/SpawnedProcess.h"
 
 namespace XRV::host {
 namespace {
 
 using nlohmann::json;
-using XRV::testing::SpawnedProcess;
 
 // Row layout of every test table: ORIGINNODE, Name (text 16), Count (32-bit), Big
 // (64-bit).
@@ -367,33 +365,6 @@ TEST_F(StandaloneHostTest, KeepsEventsInItsRing) {
 
   EXPECT_EQ(get("/api/v1/events?since=7").second["events"].size(), 0u);
   EXPECT_EQ(get("/api/v1/events?group=Rows").second["events"].size(), 0u);
-}
-
-TEST_F(StandaloneHostTest, XrvctlPrintsAndFollowsTheEvents) {
-  const std::string url = "http://127.0.0.1:" + std::to_string(host_->httpPort());
-  auto send = [](const std::string& name, int count) {
-    const std::string row = packRow("main:XR", name, count, 0);
-    ASSERT_EQ(eventsManager->EventArrived(row.data(), static_cast<int>(row.size())), 0);
-  };
-  send("first", 1);
-  send("second one", 2);
-  SpawnedProcess held({XRVCTL, "events", "--url", url});
-  const std::vector<std::string>& table = held.waitForLines(10, 10);
-  EXPECT_EQ(held.exitStatus(5), 0);
-  ASSERT_EQ(table.size(), 3u);
-  EXPECT_TRUE(table[0].starts_with("SEQ  TIME ")) << table[0];
-  EXPECT_TRUE(table[1].starts_with("  1  20")) << table[1];
-  EXPECT_TRUE(table[2].ends_with("  Events  main:XR  Name=\"second one\"  Count=2  Big=0"))
-      << table[2];
-
-  SpawnedProcess follow(
-      {XRVCTL, "events", "--url", url, "--follow", "--group", "Events", "--format", "json"});
-  ASSERT_EQ(follow.waitForLines(2, 10).size(), 2u) << "first what the agent holds";
-  send("third", 3);
-  const std::vector<std::string>& lines = follow.waitForLines(3, 10);
-  ASSERT_EQ(lines.size(), 3u);
-  EXPECT_EQ(json::parse(lines[2]), get("/api/v1/events?since=3").second["events"][0]);
-  EXPECT_EQ(json::parse(lines[2])["row"]["Name"], "third");
 }
 
 TEST_F(StandaloneHostTest, ShowsAuditRecords) {
