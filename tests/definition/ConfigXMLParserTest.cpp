@@ -11,7 +11,6 @@
 #include "definition/AgentSettings.h"
 #include "definition/AttributeGroupMeta.h"
 #include "definition/Parser.h"
-#include "foundation/FatalExit.h"
 #include "foundation/HashMap.h"
 #include "support/Files.h"
 #include "support/TestConfiguration.h"

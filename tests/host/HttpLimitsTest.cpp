@@ -1,12 +1,8 @@
 // The host's HTTP server against clients that misbehave: slow, idle, oversized,
 // too many, or speaking the wrong method; and with HTTPS and basic authentication.
 
-#include <arpa/inet.h>
 #include <crypt.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>

@@ -8,8 +8,6 @@
 #include <vector>
 
 #include "ProviderTestSupport.h"
-#include "definition/AgentSettings.h"
-#include "definition/AttributeGroupMeta.h"
 #include "framework/Configuration.h"
 #include "provider/ResultInstance.h"
 #include "provider/ResultMetric.h"

@@ -2,11 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -14,7 +12,6 @@
 
 #include "ProviderTestSupport.h"
 #include "definition/AgentSettings.h"
-#include "definition/AttributeGroupMeta.h"
 #include "framework/Configuration.h"
 #include "framework/FwClock.h"
 #include "provider/UAClientClassList.h"

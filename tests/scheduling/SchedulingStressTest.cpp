@@ -18,7 +18,6 @@
 #include "ProviderTestSupport.h"
 #include "definition/AgentSettings.h"
 #include "definition/AttributeGroupMeta.h"
-#include "framework/Configuration.h"
 #include "provider/UAClientClassList.h"
 #include "scheduling/CollectDataJob.h"
 #include "scheduling/RefreshThread.h"

@@ -16,7 +16,6 @@
 #include "definition/AgentSettings.h"
 #include "definition/AttributeGroupMeta.h"
 #include "definition/DefinitionCheck.h"
-#include "framework/Configuration.h"
 #include "provider/UAClientClassList.h"
 #include "subnode/SubnodeManager.h"
 #include "support/FrameworkDouble.h"

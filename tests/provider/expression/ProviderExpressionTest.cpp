@@ -11,7 +11,6 @@
 
 #include "../ProviderTestSupport.h"
 #include "definition/AgentSettings.h"
-#include "definition/AttributeGroupMeta.h"
 #include "definition/XMLConfigParser.h"
 #include "foundation/HashMap.h"
 #include "framework/Configuration.h"

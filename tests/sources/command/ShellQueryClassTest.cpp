@@ -1,7 +1,6 @@
 #include "sources/command/ShellQueryClass.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
