@@ -9,7 +9,6 @@
 #include <chrono>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "ProviderTestSupport.h"
@@ -20,6 +19,7 @@
 #include "subnode/SubnodeManager.h"
 #include "support/FrameworkDouble.h"
 #include "support/TestConfiguration.h"
+#include "support/Wait.h"
 
 namespace {
 
@@ -230,9 +230,7 @@ TEST_F(ConfigDiscoveryTest, TheUpdateThreadRunsAtOnceAndStopsPromptly) {
   pthread_t thread;
   ASSERT_EQ(pthread_create(&thread, nullptr, periodicallyUpdateDiscoveryAttributeGroups, nullptr),
             0);
-  for (int i = 0; i < 500 && framework_.registrations().size() < 2; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
+  XRV::testing::waitUntil([this] { return framework_.registrations().size() >= 2; }, 5);
   EXPECT_EQ(framework_.registrations().size(), 2u);
 
   // The next pass is a minute away: stopping does not wait for it.

@@ -113,6 +113,12 @@ class FrameworkDouble : public FrameworkHost, public FwRowSink {
     std::lock_guard<std::mutex> lock(mutex_);
     return field;
   }
+  // Runs `change` of the recorded state under the lock.
+  template <typename Change>
+  void locked(Change change) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    change();
+  }
 
   mutable std::mutex mutex_;
   TraceCapture trace_;

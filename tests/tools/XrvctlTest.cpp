@@ -284,11 +284,7 @@ TEST(Xrvctl, SampleTheExampleDefinition) {
   EXPECT_EQ(columns, (std::vector<std::string>{"ORIGINNODE", "Host", "Runnable_Tasks",
                                                "One_Minute", "Five_Minutes", "Fifteen_Minutes",
                                                "Uptime_Seconds"}));
-  char host[256] = {};
-  gethostname(host, sizeof host - 1);
-  EXPECT_EQ(load["Host"], host);
-  EXPECT_GE(load["Runnable_Tasks"].get<int>(), 1);
-  EXPECT_GT(load["Uptime_Seconds"].get<long long>(), 0);
+  // The values are ExampleDefinitionTest's.
   // Without a thread pool its status group reports none.
   EXPECT_EQ(sampled[1]["rows"][0]["Thread_Pool_Size"], 0);
 }
