@@ -56,45 +56,18 @@ class HttpLimitsTest : public ::testing::Test {
     resetConfigurationForTesting();
   }
 
-  // The status of GET `path` on a fresh connection and how long the answer took.
-  std::pair<int, double> timedGet(const std::string& path) {
+  // The status of GET `path` on a fresh connection.
+  int status(const std::string& path) {
     httplib::Client client("127.0.0.1", port_);
     client.set_read_timeout(10, 0);
-    const Clock::time_point begin = Clock::now();
     httplib::Result result = client.Get(path);
-    const double millis = std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
-    return {result ? result->status : 0, millis};
+    return result ? result->status : 0;
   }
 
   std::unique_ptr<StandaloneHost> host_;
   std::thread runner_;
   int port_ = 0;
 };
-
-TEST_F(HttpLimitsTest, AnswersPromptlyWhileSlowAndIdleClientsHoldConnections) {
-  start();
-  // 300 idle connections and 100 trickling a request head, spread over loopback
-  // addresses as clients on other machines would be.
-  std::vector<std::unique_ptr<RawConnection>> held;
-  for (int i = 0; i < 400; ++i) {
-    held.push_back(std::make_unique<RawConnection>(port_, "127.0.1." + std::to_string(1 + i % 200)));
-    ASSERT_TRUE(held.back()->connected()) << i;
-  }
-  for (int i = 300; i < 400; ++i) {
-    held[static_cast<size_t>(i)]->send("GET /healthz HTTP/1.1\r\nX-Slow: ");
-  }
-  for (int round = 0; round < 20; ++round) {
-    for (int i = 300; i < 400; ++i) {
-      held[static_cast<size_t>(i)]->send("a");
-    }
-    for (const char* path : {"/healthz", "/api/v1/tables"}) {
-      SCOPED_TRACE(path);
-      const auto [status, millis] = timedGet(path);
-      EXPECT_EQ(status, 200);
-      EXPECT_LT(millis, 100.0);
-    }
-  }
-}
 
 TEST_F(HttpLimitsTest, ARequestHeadMustArriveWithinItsDeadline) {
   start({{"XRV_HTTP_HEAD_TIMEOUT", "1"}});
@@ -111,7 +84,7 @@ TEST_F(HttpLimitsTest, ARequestHeadMustArriveWithinItsDeadline) {
   EXPECT_LT(std::chrono::duration<double>(Clock::now() - begin).count(), 2.9);
   idle.read(2.5, &closed);
   EXPECT_TRUE(closed) << "an idle connection is closed by the same deadline";
-  EXPECT_EQ(timedGet("/healthz").first, 200);
+  EXPECT_EQ(status("/healthz"), 200);
 }
 
 TEST_F(HttpLimitsTest, RefusesWhatItWillNotServeAndClosesTheConnection) {
@@ -178,7 +151,7 @@ TEST_F(HttpLimitsTest, RefusesWhatItWillNotServeAndClosesTheConnection) {
     }
     EXPECT_TRUE(closed) << "the connection stays open after an error";
   }
-  EXPECT_EQ(timedGet("/healthz").first, 200);
+  EXPECT_EQ(status("/healthz"), 200);
 }
 
 TEST_F(HttpLimitsTest, OneAddressGetsOnlyItsShareOfConnections) {
@@ -197,7 +170,7 @@ TEST_F(HttpLimitsTest, OneAddressGetsOnlyItsShareOfConnections) {
   fourth.send("GET /healthz HTTP/1.1\r\n\r\n");
   fourth.read(2, &closed);
   EXPECT_TRUE(closed) << "a fourth connection from the same address";
-  EXPECT_EQ(timedGet("/healthz").first, 200) << "other addresses are served";
+  EXPECT_EQ(status("/healthz"), 200) << "other addresses are served";
 }
 
 TEST_F(HttpLimitsTest, HttpsWithBasicAuthenticationForReading) {
