@@ -17,6 +17,7 @@
 #include "ServerSentEvents.h"
 #include "support/Files.h"
 #include "support/SpawnedProcess.h"
+#include "support/Wait.h"
 
 namespace {
 
@@ -136,9 +137,7 @@ class AgentStandIn {
     });
     port_ = server_.bind_to_any_port("127.0.0.1");
     thread_ = std::thread([this] { server_.listen_after_bind(); });
-    while (!server_.is_running()) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    XRV::testing::waitUntil([this] { return server_.is_running(); });
   }
   ~AgentStandIn() {
     stopping_ = true;
