@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -18,6 +17,7 @@
 #include "framework/Configuration.h"
 #include "provider/UAClientClassList.h"
 #include "support/FrameworkDouble.h"
+#include "support/Recorded.h"
 #include "support/TestConfiguration.h"
 #include "support/Wait.h"
 
@@ -41,18 +41,7 @@ const std::vector<TestMetric> kDiscoveryMetrics = {{"Subnode_Key", STRING_DATA, 
                                                    {"Subnode_Status", STRING_DATA}};
 
 // Names of the providers destroyed so far; the zombie killer thread writes it too.
-struct DeletionLog {
-  std::mutex mutex;
-  Strings names;
-  void add(const std::string& name) {
-    std::lock_guard<std::mutex> lock(mutex);
-    names.push_back(name);
-  }
-  Strings get() {
-    std::lock_guard<std::mutex> lock(mutex);
-    return names;
-  }
-};
+using DeletionLog = XRV::testing::Recorded<std::string>;
 
 // A provider whose error code and references a test sets, and that notes its death.
 class SubnodeProvider : public TestQueryClass {
@@ -605,7 +594,7 @@ TEST_F(SubnodeManagerTest, ZombieKillerDeletesOnlyUnreferencedIdleProviders) {
       EXPECT_EQ(subnodes.runGarbageCollection(), 1);
     }
     TearDown();
-    deleted_.names.clear();
+    deleted_.clear();
     SetUp();
   }
 }

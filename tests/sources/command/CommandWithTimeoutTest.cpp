@@ -27,6 +27,7 @@
 #include "framework/FwClock.h"
 #include "framework/Trace.h"
 #include "sources/command/SshConnector.h"
+#include "support/Recorded.h"
 #include "support/TraceCapture.h"
 #include "support/Wait.h"
 
@@ -38,25 +39,7 @@ using XRV::testing::TraceCapture;
 using XRV::testing::waitUntil;
 
 // Names of the TrackedCommands deleted so far, by whichever thread deleted them.
-class Deletions {
- public:
-  void add(const std::string& name) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    names_.push_back(name);
-  }
-  std::vector<std::string> names() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return names_;
-  }
-  bool contains(const std::string& name) {
-    const std::vector<std::string> all = names();
-    return std::find(all.begin(), all.end(), name) != all.end();
-  }
-
- private:
-  std::mutex mutex_;
-  std::vector<std::string> names_;
-};
+using Deletions = XRV::testing::Recorded<std::string>;
 
 class TrackedCommand : public CommandWithTimeout {
  public:
@@ -556,7 +539,7 @@ TEST(CommandWithTimeout, CleanupReapsOnlyFinishedCommandsAndKeepsTheOrder) {
   ASSERT_TRUE(waitUntil([&] { return late->getStatus() == CWT_COMPLETED; }));
 
   list.cleanupFinishedCommands();
-  EXPECT_EQ(deletions.names(), (std::vector<std::string>{"true", "error", "sleep 1.2"}));
+  EXPECT_EQ(deletions.get(), (std::vector<std::string>{"true", "error", "sleep 1.2"}));
   std::vector<std::string> kept;
   for (int i = 0; i < list.getCount(); ++i) {
     kept.push_back(list.getCommand(i)->getCmd());
@@ -579,7 +562,7 @@ TEST(CommandWithTimeout, DisposeWhenFinishedDeletesNowOrWhenTheWorkerEnds) {
   ASSERT_EQ(running->runCommand(), 1);
   CommandWithTimeout::disposeWhenFinished(std::unique_ptr<CommandWithTimeout>(finished));
   CommandWithTimeout::disposeWhenFinished(std::unique_ptr<CommandWithTimeout>(running));
-  EXPECT_EQ(deletions.names(), std::vector<std::string>{"echo"});
+  EXPECT_EQ(deletions.get(), std::vector<std::string>{"echo"});
   EXPECT_TRUE(waitUntil([&] { return deletions.contains("sleep 1.5"); }));
 
   // The list's destructor does the same for what it still holds.
