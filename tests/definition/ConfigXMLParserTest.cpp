@@ -11,8 +11,8 @@
 #include "definition/AgentSettings.h"
 #include "definition/AttributeGroupMeta.h"
 #include "definition/Parser.h"
-#include "foundation/FatalExit.h"
 #include "foundation/HashMap.h"
+#include "support/Files.h"
 #include "support/TestConfiguration.h"
 #include "support/TraceCapture.h"
 
@@ -122,10 +122,8 @@ TEST_F(ConfigXMLParserTest, InitFromFile) {
   EXPECT_FALSE(initFromFile("/nonexistent/definition.xml"));
   EXPECT_TRUE(capture.hasText("Error opening file /nonexistent/definition.xml"));
 
-  char path[] = "/tmp/xrv-definition-XXXXXX";
-  int fd = mkstemp(path);
-  ASSERT_GE(fd, 0);
-  close(fd);
+  const std::string file = XRV::testing::temporaryFile("xrv-definition");
+  const char* path = file.c_str();
   std::ofstream(path) << R"(<agent><appl name="XRV"/><metadata><ag name="G" table="T">)"
                          R"(<attr name="a" type="1" size="8"/></ag></metadata></agent>)";
   EXPECT_TRUE(initFromFile(path));

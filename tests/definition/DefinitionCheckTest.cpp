@@ -5,8 +5,6 @@
 #include <string>
 
 #include "definition/AgentSettings.h"
-#include "definition/AttributeGroupMeta.h"
-#include "definition/AttributeMeta.h"
 
 namespace {
 
@@ -49,25 +47,9 @@ TEST_F(DefinitionCheckTest, AnUnreadableConfigurationFileIsAnErrorTooNotAnExit) 
   EXPECT_EQ(check_.error()->line, 2);
 }
 
+// More warnings with their lines are XrvctlTest.ValidateWarnsAboutWhatItCannotUse's.
 TEST_F(DefinitionCheckTest, WarningsCarryTheirLine) {
-  EXPECT_TRUE(
-      check_.check("<agent>\n"
-                   "  <snmp name=\"x\"><metric/></snmp>\n"
-                   "  <metadata>\n"
-                   "    <ag name=\"G\" table=\"T\">\n"
-                   "      <attr name=\"n\" type=\"0\" size=\"3\"/>\n"
-                   "    </ag>\n"
-                   "  </metadata>\n"
-                   "</agent>\n"));
-  ASSERT_EQ(check_.warnings().size(), 2u);
-  EXPECT_EQ(check_.warnings()[0].line, 2);
-  EXPECT_EQ(check_.warnings()[0].message,
-            "Element snmp is not handled by this build and is ignored");
-  EXPECT_EQ(check_.warnings()[1].line, 5);
-  EXPECT_EQ(check_.warnings()[1].message, "WARNING: Attribute n has an unsupported length: 3");
-
   // A tag broken over two lines: the attribute after the line break is lost.
-  resetDefinitionState();
   EXPECT_TRUE(check_.check(
       "<agent>\n  <appl name=\"XRV\"\n        version=\"1\"\tservice=\"x\"/>\n</agent>"));
   ASSERT_EQ(check_.warnings().size(), 2u);
@@ -87,13 +69,7 @@ TEST_F(DefinitionCheckTest, TheExampleDefinitionIsValid) {
     EXPECT_NE(warning.message.find("is not handled by this build"), std::string::npos)
         << warning.line << ": " << warning.message;
   }
-  std::vector<AttributeGroupMeta*> groups = attributeGroupsInDefinitionOrder();
-  ASSERT_EQ(groups.size(), 7u);
-  EXPECT_STREQ(groups[0]->getGroupName(), "Disk_Usage");
-  EXPECT_EQ(groups[0]->rowSize(), 32 + 256 + 64 + 8 + 8 + 8 + 4);
-  EXPECT_STREQ(groups[0]->getAttribute(6)->getHint(), "used & reserved blocks, in %");
-  EXPECT_EQ(groups[0]->noOfColumns(), 7) << "the raw line is hidden";
-  EXPECT_STREQ(groups[1]->getAttribute(3)->getHint(), "load average * 100");
+  // Its groups, sizes, hints and hidden columns are XrvctlTest's (validate lists them).
   EXPECT_EQ(applicationSettings().shortProductCode, "RV");
   EXPECT_EQ(applicationSettings().internalAgentVersion, "1") << "the last attribute of appl";
 

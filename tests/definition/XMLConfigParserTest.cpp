@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <memory>
 #include <string>
 #include <vector>
@@ -149,46 +148,7 @@ TEST(XMLConfigParser, DerivedAttributes) {
   EXPECT_TRUE(capture.containsText("Expressions are not available in this build"));
 }
 
-// A stand-in for the expression language: accepts numbers, fails at the first other
-// character.
-class NumberExpression : public Expression {
- public:
-  explicit NumberExpression(const char* formula) : formula_(formula) {}
-  const char* getFormula() const override { return formula_.c_str(); }
-
- private:
-  std::string formula_;
-};
-
-Expression* parseNumbers(const char* formula, std::string* error, int* errorColumn) {
-  for (const char* p = formula; *p != '\0'; ++p) {
-    if (strchr("-0123456789", *p) == nullptr) {
-      *error = "not a number";
-      *errorColumn = static_cast<int>(p - formula) + 1;
-      return nullptr;
-    }
-  }
-  return new NumberExpression(formula);
-}
-
-TEST(XMLConfigParser, AFormulaThatDoesNotParseBecomesMinusOne) {
-  ExpressionParser linked = getExpressionParser();
-  registerExpressionParser(parseNumbers);
-  XRV::testing::TraceCapture capture("error");
-  auto good = metricFrom({{"name", "Good"}, {"type", "NUMERIC_DATA"}, {"formula", "42"}});
-  ASSERT_NE(good->getExpression(), nullptr);
-  EXPECT_STREQ(good->getExpression()->getFormula(), "42");
-
-  auto bad = metricFrom({{"name", "Bad"}, {"formula", "12 + x"}});
-  registerExpressionParser(linked);
-  ASSERT_NE(bad->getExpression(), nullptr);
-  EXPECT_STREQ(bad->getExpression()->getFormula(), "-1");
-  EXPECT_STREQ(bad->getExpressionFormula(), "-1");
-  // The failing character is the blank at column 3: the marker stands under column 2.
-  EXPECT_TRUE(capture.hasText("Error parsing expression:\n12 + x\n ^"));
-  EXPECT_TRUE(
-      capture.hasText("Due to the expression parsing error, the value of metric Bad will be set "
-                      "to -1."));
-}
+// How a formula that does not parse is reported and replaced is
+// ProviderExpressionTest's, with the language itself.
 
 }  // namespace

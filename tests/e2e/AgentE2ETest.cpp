@@ -3,11 +3,9 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <chrono>
-#include <cstdio>
 #include <filesystem>
 #include <future>
 #include <string>
@@ -17,7 +15,9 @@
 
 #include "AgentHttp.h"
 #include "AgentProcess.h"
+#include "support/Files.h"
 #include "support/SpawnedProcess.h"
+#include "support/Wait.h"
 
 namespace XRV::e2e {
 namespace {
@@ -41,18 +41,6 @@ std::string describe(int status) {
     return "signal " + std::to_string(WTERMSIG(status));
   }
   return "wait status " + std::to_string(status);
-}
-
-std::string run(const std::string& command, int* status) {
-  std::string output;
-  FILE* pipe = popen(command.c_str(), "r");
-  char buffer[4096];
-  size_t got;
-  while (pipe != nullptr && (got = fread(buffer, 1, sizeof buffer, pipe)) > 0) {
-    output.append(buffer, got);
-  }
-  *status = pipe == nullptr ? -1 : pclose(pipe);
-  return output;
 }
 
 TEST(AgentE2E, ServesScriptGroupsAsTables) {
@@ -163,7 +151,6 @@ TEST(AgentE2E, SigtermWhileScriptsRunEndsTheWholeGroup) {
   ASSERT_TRUE(agent.waitUntilServing()) << agent.standardError();
   // The request waits for a script that runs 30 seconds, with a child of its own.
   auto request = std::async(std::launch::async, [&] { return get(agent, "/api/v1/tables/Slow"); });
-  const auto deadline = std::chrono::steady_clock::now() + seconds(10);
   auto sleeping = [&] {
     int count = 0;
     for (const std::string& member : processGroupMembers(agent.pid())) {
@@ -171,9 +158,7 @@ TEST(AgentE2E, SigtermWhileScriptsRunEndsTheWholeGroup) {
     }
     return count;
   };
-  while (sleeping() < 2 && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(milliseconds(20));
-  }
+  XRV::testing::waitUntil([&] { return sleeping() >= 2; });
   ASSERT_EQ(sleeping(), 2) << "the script did not start";
 
   ASSERT_EQ(kill(agent.pid(), SIGTERM), 0);
@@ -209,9 +194,13 @@ TEST(AgentE2E, SighupAndSigpipeAreIgnored) {
 TEST(AgentE2E, XrvctlQueriesAndStopsTheAgent) {
   AgentProcess agent(e2eAgent({{"XRV_ADMIN_TOKEN", "ctl-token"}}));
   ASSERT_TRUE(agent.waitUntilServing()) << agent.standardError();
-  const std::string xrvctl = std::string(XRVCTL) + " ";
   int status = 0;
-  const std::string table = run(xrvctl + "query --url " + agent.url() + " Static_Rows", &status);
+  // xrvctl `command` on this agent, with `arguments`; its standard output.
+  auto xrvctl = [&](const std::string& command, const std::string& arguments = "") {
+    return XRV::testing::commandOutput(
+        std::string(XRVCTL) + " " + command + " --url " + agent.url() + arguments, &status);
+  };
+  const std::string table = xrvctl("query", " Static_Rows");
   EXPECT_EQ(status, 0);
   EXPECT_NE(table.find("Static_Rows (XRVSTAT): 2 rows"), std::string::npos) << table;
   EXPECT_NE(table.find("beta"), std::string::npos) << table;
@@ -219,17 +208,16 @@ TEST(AgentE2E, XrvctlQueriesAndStopsTheAgent) {
   ASSERT_EQ(getWhen(agent, "/api/v1/nodes", [](const json& n) { return n.size() == 3; }).size(),
             3u);
   const json sites = json::parse(
-      run(xrvctl + "query --url " + agent.url() + " Site_Info --node RV:two:E2E --format json",
-          &status),
+      xrvctl("query", " Site_Info --node RV:two:E2E --format json"),
       nullptr, false);
   EXPECT_EQ(status, 0);
   ASSERT_TRUE(sites.is_array()) << sites;
   EXPECT_EQ(sites[0]["rows"][0]["Site"], "second") << sites;
 
-  run(xrvctl + "query --url " + agent.url() + " Nothing 2>&1", &status);
+  xrvctl("query", " Nothing 2>&1");
   EXPECT_EQ(WEXITSTATUS(status), 1);
   const std::string refused =
-      run(xrvctl + "stop --url " + agent.url() + " --token bad 2>&1", &status);
+      xrvctl("stop", " --token bad 2>&1");
   EXPECT_EQ(WEXITSTATUS(status), 1);
   EXPECT_NE(refused.find("HTTP 401"), std::string::npos) << refused;
 
@@ -237,10 +225,10 @@ TEST(AgentE2E, XrvctlQueriesAndStopsTheAgent) {
 
   // No source of this definition sends events: none held, and a follower waits for
   // them without holding up the stop.
-  EXPECT_EQ(run(xrvctl + "events --url " + agent.url(), &status), "");
+  EXPECT_EQ(xrvctl("events"), "");
   EXPECT_EQ(status, 0);
   const std::string unknown =
-      run(xrvctl + "events --url " + agent.url() + " --group Nothing 2>&1", &status);
+      xrvctl("events", " --group Nothing 2>&1");
   EXPECT_EQ(WEXITSTATUS(status), 1);
   EXPECT_NE(unknown.find("unknown attribute group: Nothing"), std::string::npos) << unknown;
   XRV::testing::SpawnedProcess follower({XRVCTL, "events", "--url", agent.url(), "--follow"});
@@ -248,7 +236,7 @@ TEST(AgentE2E, XrvctlQueriesAndStopsTheAgent) {
   EXPECT_EQ(follower.exitStatus(0), -1);
 
   const auto stopping = std::chrono::steady_clock::now();
-  run(xrvctl + "stop --url " + agent.url() + " --token ctl-token", &status);
+  xrvctl("stop", " --token ctl-token");
   EXPECT_EQ(status, 0);
   ASSERT_TRUE(agent.waitForExit(seconds(10), &status));
   EXPECT_LT(std::chrono::steady_clock::now() - stopping, seconds(5));
@@ -262,15 +250,12 @@ TEST(AgentE2E, XrvctlStopEndsTheAgentWhileAScriptHangs) {
   ASSERT_TRUE(agent.waitUntilServing()) << agent.standardError();
   // The request waits for a script that runs 30 seconds (its time-out is longer).
   auto request = std::async(std::launch::async, [&] { return get(agent, "/api/v1/tables/Slow"); });
-  const auto deadline = std::chrono::steady_clock::now() + seconds(10);
-  while (!std::filesystem::exists(agent.stateDirectory() + "/slow-started") &&
-         std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(milliseconds(20));
-  }
+  XRV::testing::waitUntil(
+      [&] { return std::filesystem::exists(agent.stateDirectory() + "/slow-started"); });
   std::this_thread::sleep_for(milliseconds(200));  // the shell is in its sleep
   const auto stopping = std::chrono::steady_clock::now();
   int status = 0;
-  run(std::string(XRVCTL) + " stop --url " + agent.url() + " --token ctl-token", &status);
+  XRV::testing::commandOutput(std::string(XRVCTL) + " stop --url " + agent.url() + " --token ctl-token", &status);
   EXPECT_EQ(status, 0);
   ASSERT_TRUE(agent.waitForExit(seconds(5), &status)) << "still waiting for the script";
   EXPECT_LT(std::chrono::steady_clock::now() - stopping, seconds(5));

@@ -9,14 +9,19 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <regex>
 #include <sstream>
 #include <thread>
 
+#include "support/Files.h"
+#include "support/Wait.h"
+
 extern char** environ;
 
 namespace XRV::e2e {
+
+using XRV::testing::readFile;
+
 namespace {
 
 bool passedOn(const char* assignment) {
@@ -25,13 +30,6 @@ bool passedOn(const char* assignment) {
 }
 
 }  // namespace
-
-std::string readFile(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
 
 AgentProcess::AgentProcess(const AgentOptions& options) {
   char pattern[] = "/tmp/xrv-e2e.XXXXXX";
@@ -134,12 +132,9 @@ bool AgentProcess::waitUntilServing(std::chrono::milliseconds timeout) {
 }
 
 bool AgentProcess::waitForExit(std::chrono::milliseconds timeout, int* status) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
-  while (running()) {
-    if (std::chrono::steady_clock::now() >= deadline) {
-      return false;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  if (!XRV::testing::waitUntil([this] { return !running(); },
+                               std::chrono::duration<double>(timeout).count())) {
+    return false;
   }
   *status = status_;
   return reaped_;

@@ -60,6 +60,4 @@ class AgentProcess {
 // The live (not zombie) processes of process group `group`, as "pid command".
 std::vector<std::string> processGroupMembers(pid_t group);
 
-std::string readFile(const std::string& path);
-
 }  // namespace XRV::e2e

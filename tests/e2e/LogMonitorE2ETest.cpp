@@ -24,6 +24,7 @@
 
 #include "AgentHttp.h"
 #include "AgentProcess.h"
+#include "support/Files.h"
 #include "support/TempDirectory.h"
 
 namespace XRV::e2e {
@@ -33,6 +34,7 @@ using nlohmann::json;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 using LogDirectory = XRV::testing::TempDirectory;
+using XRV::testing::readFile;
 
 const std::string kDefinition = E2E_DIR "/log-agent.xml";
 const std::string kConfiguration = E2E_DIR "/log-agent.ini";

@@ -6,11 +6,11 @@
 #include <cstdlib>
 #include <fstream>
 #include <regex>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "support/Files.h"
 #include "support/TraceCapture.h"
 
 namespace {
@@ -98,11 +98,9 @@ TEST(Trace, OneLineFeedPerLineAndLongTextsWhole) {
 }
 
 TEST(Trace, AppendsToTheTraceFile) {
-  char path[] = "/tmp/xrv-trace-XXXXXX";
-  int fd = mkstemp(path);
-  ASSERT_GE(fd, 0);
-  ASSERT_EQ(write(fd, "earlier\n", 8), 8);
-  close(fd);
+  const std::string file = XRV::testing::temporaryFile("xrv-trace");
+  const char* path = file.c_str();
+  std::ofstream(path) << "earlier\n";
   std::string error;
   ASSERT_TRUE(XRV::trace::setOutputFile(path, &error)) << error;
   XRV::trace::configure("detail:*tracedText");
@@ -112,10 +110,7 @@ TEST(Trace, AppendsToTheTraceFile) {
   ASSERT_TRUE(XRV::trace::setOutputFile(nullptr, &error));
   probe::tracedText("not in the file");
 
-  std::ifstream in(path);
-  std::stringstream content;
-  content << in.rdbuf();
-  std::string text = content.str();
+  const std::string text = XRV::testing::readFile(path);
   EXPECT_EQ(text.rfind("earlier\n", 0), 0u);
   EXPECT_NE(text.find("tracedText: first\n"), std::string::npos);
   EXPECT_NE(text.find("tracedText: second\n"), std::string::npos);

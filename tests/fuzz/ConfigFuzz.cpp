@@ -4,21 +4,15 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
+#include "Require.h"
 #include "framework/ConfigFile.h"
 #include "framework/Trace.h"
 #include "framework/TraceRules.h"
 
 namespace {
-
-void require(bool condition) {
-  if (!condition) {
-    abort();
-  }
-}
 
 bool hasOuterBlank(const std::string& text) {
   return !text.empty() &&

@@ -6,9 +6,9 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 
+#include "Require.h"
 #include "definition/AgentSettings.h"
 #include "definition/AttributeGroupMeta.h"
 #include "definition/AttributeMeta.h"
@@ -17,12 +17,6 @@
 #include "framework/Trace.h"
 
 namespace {
-
-void require(bool condition) {
-  if (!condition) {
-    abort();
-  }
-}
 
 void checkLayout(const AttributeGroupMeta& group) {
   require(group.rowSize() >= 32);

@@ -6,11 +6,11 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "Require.h"
 #include "definition/Metric.h"
 #include "foundation/UTF8String.h"
 #include "framework/Trace.h"
@@ -23,12 +23,6 @@
 namespace {
 
 using namespace XRV::expression;
-
-void require(bool condition) {
-  if (!condition) {
-    abort();
-  }
-}
 
 struct FuzzRow {
   FuzzRow() {

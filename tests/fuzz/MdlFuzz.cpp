@@ -5,18 +5,12 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <string_view>
 
+#include "Require.h"
 #include "mdl/MdlReader.h"
 
 namespace {
-
-void require(bool condition) {
-  if (!condition) {
-    abort();
-  }
-}
 
 // The length of line `number` (1-based) without its line end; -1 when the text has
 // fewer lines.

@@ -21,17 +21,16 @@
 #include "host/EventStreams.h"
 #include "host/HttpServer.h"
 #include "support/RawConnection.h"
+#include "support/Wait.h"
 
 namespace XRV::host {
 namespace {
 
 using nlohmann::json;
 using XRV::testing::RawConnection;
+using XRV::testing::secondsSince;
+using XRV::testing::waitUntil;
 using Clock = std::chrono::steady_clock;
-
-double secondsSince(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
 
 // One message of a stream; a comment line alone is a message too.
 struct Message {
@@ -402,9 +401,7 @@ TEST_F(EventStreamTest, AStuckClientHoldsUpNeitherOthersNorTheAgentAndIsDropped)
       ++received;
     }
   });
-  while (server_->eventStreams() < 3) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
+  ASSERT_TRUE(waitUntil([this] { return server_->eventStreams() >= 3; }));
 
   // 20 MB of events: the stuck client could take almost none of it.
   double slowestAdd = 0;
@@ -426,11 +423,7 @@ TEST_F(EventStreamTest, AStuckClientHoldsUpNeitherOthersNorTheAgentAndIsDropped)
 
   // Nothing went out to the stuck client for the idle time-out: dropped. The
   // watcher hung up; the patient one stays.
-  const Clock::time_point waiting = Clock::now();
-  while (server_->eventStreams() > 1 && secondsSince(waiting) < 6) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  EXPECT_EQ(server_->eventStreams(), 1u);
+  EXPECT_TRUE(waitUntil([this] { return server_->eventStreams() == 1; }, 6));
   std::this_thread::sleep_for(std::chrono::milliseconds(2500));
   EXPECT_EQ(server_->eventStreams(), 1u) << "an idle stream outlives the idle time-out";
   add("Logins", "at last");
@@ -481,16 +474,9 @@ TEST_F(EventStreamTest, RefusesStreamsBeyondItsLimitUntilOneCloses) {
   // A client that goes away while its stream waits frees its place soon.
   first.reset();
   const Clock::time_point closed = Clock::now();
-  std::string status;
-  while (secondsSince(closed) < 5) {
-    StreamClient again(port_, "/api/v1/events/stream");
-    status = again.statusLine();
-    if (status == "HTTP/1.1 200 OK") {
-      break;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  }
-  EXPECT_EQ(status, "HTTP/1.1 200 OK");
+  EXPECT_TRUE(waitUntil(
+      [this] { return StreamClient(port_, "/api/v1/events/stream").statusLine() == "HTTP/1.1 200 OK"; },
+      5));
   EXPECT_LT(secondsSince(closed), 3.0);
 }
 

@@ -10,7 +10,6 @@
 #include <atomic>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -25,13 +24,12 @@
 #include "framework/Framework.h"
 #include "framework/FwRequest.h"
 #include "host/StandaloneHost.h"
-#include "support/SpawnedProcess.h"
+#include "support/Recorded.h"
 
 namespace XRV::host {
 namespace {
 
 using nlohmann::json;
-using XRV::testing::SpawnedProcess;
 
 // Row layout of every test table: ORIGINNODE, Name (text 16), Count (32-bit), Big
 // (64-bit).
@@ -82,19 +80,8 @@ class TestManager : public TableManager {
   using TableManager::TableManager;
   FwRequest* CreateRequest(RequestDetail* detail, ContextInfo* context) override;
 
-  std::vector<Seen> seen() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return seen_;
-  }
-  void note(Seen s) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    seen_.push_back(std::move(s));
-  }
+  XRV::testing::Recorded<Seen> seen;
   std::atomic<int> rows{2};
-
- private:
-  std::mutex mutex_;
-  std::vector<Seen> seen_;
 };
 
 // Sends `rows` rows named row0, row1, ... (or after the request's parameter).
@@ -109,7 +96,7 @@ class TestRequest : public GenericAgentBase {
     const char* parameter = detail->GetParameter();
     const char* reqType = detail->GetRequestInfo("_REQ_TYPE");
     const char* filter = detail->GetRequestInfo("_FILTER");
-    manager_->note(Seen{detail->GetRequestType(), context->GetTargetNode(), context->IsHistory(),
+    manager_->seen.add(Seen{detail->GetRequestType(), context->GetTargetNode(), context->IsHistory(),
                         parameter == nullptr ? "" : parameter, parameter != nullptr,
                         detail->GetSampleInterval(), detail->GetRequestId(),
                         reqType == nullptr ? "" : reqType, filter == nullptr ? "" : filter});
@@ -237,7 +224,7 @@ TEST_F(StandaloneHostTest, SamplesATableIntoDecodedRows) {
   EXPECT_EQ(answer["rows"], json::parse(R"([
       {"ORIGINNODE":"main:XR","Name":"row0","Count":-1,"Big":1099511627776},
       {"ORIGINNODE":"main:XR","Name":"row1","Count":0,"Big":1099511627777}])"));
-  const std::vector<Seen> seen = rowsManager->seen();
+  const std::vector<Seen> seen = rowsManager->seen.get();
   ASSERT_EQ(seen.size(), 1u);
   EXPECT_EQ(seen[0].type, FW_DEMAND);
   EXPECT_EQ(seen[0].reqTypeItem, "DEMAND");
@@ -256,7 +243,7 @@ TEST_F(StandaloneHostTest, PassesTheRequestOnToTheTableServer) {
           "&filter=Name%3D%27PARMA%27");
   ASSERT_EQ(status, 200) << answer;
   EXPECT_EQ(answer["rows"][1]["Name"], "disk one1");
-  const Seen seen = rowsManager->seen().at(0);
+  const Seen seen = rowsManager->seen.get().at(0);
   EXPECT_EQ(seen.type, FW_NON_HISTORICAL_SITUATION);
   EXPECT_EQ(seen.reqTypeItem, "NON_HISTORICAL_SITUATION");
   EXPECT_EQ(seen.parameter, "disk one");
@@ -265,7 +252,7 @@ TEST_F(StandaloneHostTest, PassesTheRequestOnToTheTableServer) {
   EXPECT_EQ(seen.filterItem, "Name='PARMA'");  // the table server replaces PARMA
   // The main node named explicitly is the main node.
   EXPECT_EQ(get("/api/v1/tables/Rows?node=main:XR").first, 200);
-  EXPECT_EQ(rowsManager->seen().at(1).node, "");
+  EXPECT_EQ(rowsManager->seen.get().at(1).node, "");
 }
 
 TEST_F(StandaloneHostTest, AimsRequestsAtRegisteredSubnodes) {
@@ -290,15 +277,15 @@ TEST_F(StandaloneHostTest, AimsRequestsAtRegisteredSubnodes) {
   ASSERT_EQ(subStatus, 200) << answer;
   EXPECT_EQ(answer["node"], "XR:web01:LNX");
   EXPECT_EQ(answer["rows"][0]["ORIGINNODE"], "XR:web01:LNX");
-  EXPECT_EQ(subnodeManager->seen().at(0).node, "XR:web01:LNX");
-  EXPECT_FALSE(subnodeManager->seen().at(0).history);
+  EXPECT_EQ(subnodeManager->seen.get().at(0).node, "XR:web01:LNX");
+  EXPECT_FALSE(subnodeManager->seen.get().at(0).history);
 
   // A history request without a node covers every subnode.
   auto [historyStatus, history] = get("/api/v1/tables/Subnode_Rows?type=HISTORICAL_SITUATION");
   ASSERT_EQ(historyStatus, 200);
   EXPECT_TRUE(history["node"].is_null());
-  EXPECT_TRUE(subnodeManager->seen().at(1).history);
-  EXPECT_EQ(subnodeManager->seen().at(1).node, "");
+  EXPECT_TRUE(subnodeManager->seen.get().at(1).history);
+  EXPECT_EQ(subnodeManager->seen.get().at(1).node, "");
 
   // A group of the main node is not served on a subnode.
   auto [wrongStatus, wrong] = get("/api/v1/tables/Rows?node=XR:web01:LNX");
@@ -336,7 +323,7 @@ TEST_F(StandaloneHostTest, RefusesBadRequestsWithJsonErrors) {
     ASSERT_TRUE(body.is_object()) << body;
     EXPECT_NE(body["error"].get<std::string>().find(c.error), std::string::npos) << body;
   }
-  EXPECT_TRUE(rowsManager->seen().empty());
+  EXPECT_TRUE(rowsManager->seen.get().empty());
 }
 
 TEST_F(StandaloneHostTest, KeepsEventsInItsRing) {
@@ -367,33 +354,6 @@ TEST_F(StandaloneHostTest, KeepsEventsInItsRing) {
 
   EXPECT_EQ(get("/api/v1/events?since=7").second["events"].size(), 0u);
   EXPECT_EQ(get("/api/v1/events?group=Rows").second["events"].size(), 0u);
-}
-
-TEST_F(StandaloneHostTest, XrvctlPrintsAndFollowsTheEvents) {
-  const std::string url = "http://127.0.0.1:" + std::to_string(host_->httpPort());
-  auto send = [](const std::string& name, int count) {
-    const std::string row = packRow("main:XR", name, count, 0);
-    ASSERT_EQ(eventsManager->EventArrived(row.data(), static_cast<int>(row.size())), 0);
-  };
-  send("first", 1);
-  send("second one", 2);
-  SpawnedProcess held({XRVCTL, "events", "--url", url});
-  const std::vector<std::string>& table = held.waitForLines(10, 10);
-  EXPECT_EQ(held.exitStatus(5), 0);
-  ASSERT_EQ(table.size(), 3u);
-  EXPECT_TRUE(table[0].starts_with("SEQ  TIME ")) << table[0];
-  EXPECT_TRUE(table[1].starts_with("  1  20")) << table[1];
-  EXPECT_TRUE(table[2].ends_with("  Events  main:XR  Name=\"second one\"  Count=2  Big=0"))
-      << table[2];
-
-  SpawnedProcess follow(
-      {XRVCTL, "events", "--url", url, "--follow", "--group", "Events", "--format", "json"});
-  ASSERT_EQ(follow.waitForLines(2, 10).size(), 2u) << "first what the agent holds";
-  send("third", 3);
-  const std::vector<std::string>& lines = follow.waitForLines(3, 10);
-  ASSERT_EQ(lines.size(), 3u);
-  EXPECT_EQ(json::parse(lines[2]), get("/api/v1/events?since=3").second["events"][0]);
-  EXPECT_EQ(json::parse(lines[2])["row"]["Name"], "third");
 }
 
 TEST_F(StandaloneHostTest, ShowsAuditRecords) {

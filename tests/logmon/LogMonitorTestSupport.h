@@ -28,20 +28,9 @@
 #include "provider/UAClientClassList.h"
 #include "support/FrameworkDouble.h"
 #include "support/TempDirectory.h"
+#include "support/Wait.h"
 
 namespace XRV::testing {
-
-// Waits (in real time, up to `seconds`) until `done` holds; returns done().
-inline bool waitUntil(const std::function<bool()>& done, int seconds = 20) {
-  const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > until) {
-      return done();
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return true;
-}
 
 // The table server event rows of a group go to.
 class EventTable : public TableManager {

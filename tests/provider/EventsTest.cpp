@@ -2,9 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "ProviderTestSupport.h"
@@ -14,6 +12,7 @@
 #include "provider/FlowControlSummaryThread.h"
 #include "provider/ResultInstance.h"
 #include "support/FrameworkDouble.h"
+#include "support/Wait.h"
 
 namespace {
 
@@ -206,10 +205,7 @@ TEST_F(EventsTest, TheSummaryThreadSendsSummariesOnTime) {
   push(source, "a", "1");
   push(source, "a", "2");
   EXPECT_TRUE(sentValues("TTimed").empty());
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  while (sentValues("TTimed").empty() && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
+  XRV::testing::waitUntil([&] { return !sentValues("TTimed").empty(); }, 5);
   EXPECT_EQ(sentValues("TTimed"), std::vector<std::string>{"1"}) << "one summary of the event";
   EXPECT_TRUE(FlowControlSummaryThread::instance().isQueued(&source)) << "queued again";
 }

@@ -6,7 +6,6 @@
 #include <map>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "definition/AttributeGroupMeta.h"
 #include "provider/ResultInstance.h"

@@ -8,7 +8,6 @@
 
 #include "definition/AgentSettings.h"
 #include "definition/AttributeGroupMeta.h"
-#include "definition/AttributeMeta.h"
 #include "definition/DefinitionCheck.h"
 #include "framework/Configuration.h"
 #include "provider/NumericParser.h"

@@ -8,8 +8,6 @@
 #include <vector>
 
 #include "ProviderTestSupport.h"
-#include "definition/AgentSettings.h"
-#include "definition/AttributeGroupMeta.h"
 #include "framework/Configuration.h"
 #include "provider/ResultInstance.h"
 #include "provider/ResultMetric.h"
@@ -287,25 +285,6 @@ TEST_F(ResultsManagerTest, TextConcatenationAndMissingOperands) {
   EXPECT_EQ(sample(*source, {{"web", "01"}}),
             (Rows{{"Primary:box:XR", "web", "01", "web01", "0"}}));
   EXPECT_TRUE(capture.hasText("metric2 Nope not found in result instance"));
-}
-
-TEST_F(ResultsManagerTest, CacheHitsAndDisabledCollection) {
-  auto source = provider("Cached", attrs("Name:2:8"), {{"Name", STRING_DATA, true}});
-  source->rows = {{"a"}};
-  source->collectDataIfNeeded(nullptr);
-  source->collectDataIfNeeded(nullptr);
-  EXPECT_EQ(source->collections.load(), 1) << "the data are 30 s fresh";
-  EXPECT_EQ(source->getCacheHitCount(), 1);
-  clock_.advance(30000);
-  source->collectDataIfNeeded(nullptr);
-  EXPECT_EQ(source->collections.load(), 2);
-
-  setConfigurationProperty("CDP_OFF_DISABLE_COLLECTION", "yes");
-  auto disabled = provider("Off", attrs("Name:2:8"), {{"Name", STRING_DATA, true}});
-  disabled->rows = {{"a"}};
-  disabled->collectData(nullptr);
-  EXPECT_EQ(disabled->collections.load(), 0);
-  EXPECT_EQ(disabled->getResultInstanceCount(), 0);
 }
 
 }  // namespace

@@ -2,11 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -14,28 +12,17 @@
 
 #include "ProviderTestSupport.h"
 #include "definition/AgentSettings.h"
-#include "definition/AttributeGroupMeta.h"
 #include "framework/Configuration.h"
 #include "framework/FwClock.h"
 #include "provider/UAClientClassList.h"
 #include "scheduling/ThreadPool.h"
 #include "support/FrameworkDouble.h"
+#include "support/Wait.h"
 
 namespace {
 
 using XRV::testing::FakeClock;
-
-// Polls (on the real clock) until `done` holds or two seconds have passed.
-bool eventually(const std::function<bool()>& done) {
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      return false;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
+using XRV::testing::waitUntil;
 
 // A provider that records when each collection started (on the framework clock). A
 // collection takes `collectMillis` of the framework clock, and waits while the
@@ -184,14 +171,14 @@ TEST_F(RefreshThreadTest, TurnsStayOnTheGridWhileCollectionsTakeTimeOrTheThreadI
   // Each collection takes 400 ms; the next one still starts at its whole second.
   for (int turn = 0; turn < 2; ++turn) {
     clock.advance(first + turn * 1000 - fwTimeMillis());
-    ASSERT_TRUE(eventually([&] { return source.finished.load() == turn + 1; })) << turn;
+    ASSERT_TRUE(waitUntil([&] { return source.finished.load() == turn + 1; })) << turn;
     EXPECT_EQ(source.starts()[static_cast<size_t>(turn)], first + turn * 1000);
   }
   // 2.5 s on (at first + 3.9 s) both late turns, first + 2 s and + 3 s, are taken (run
   // or skipped), and the next one is first + 4 s.
   source.collectMillis = 0;
   clock.advance(2500);
-  ASSERT_TRUE(eventually([&] {
+  ASSERT_TRUE(waitUntil([&] {
     return source.starts().size() + static_cast<size_t>(source.getSkippedIntervals()) == 4;
   }));
   EXPECT_EQ(static_cast<int64_t>(source.getNextRefresh()) * 1000, first + 4000);
@@ -210,16 +197,16 @@ TEST_F(RefreshThreadTest, ASlowProviderIsNeverQueuedTwice) {
     ~Release() { source.hold(false); }
   } release{slow};
   clock.advance(1000);
-  ASSERT_TRUE(eventually([&] { return slow.starts().size() == 1; }));
+  ASSERT_TRUE(waitUntil([&] { return slow.starts().size() == 1; }));
   // Two turns while the first collection still runs: both skipped.
   for (int skipped = 1; skipped <= 2; ++skipped) {
     clock.advance(1000);
-    ASSERT_TRUE(eventually([&] { return slow.getSkippedIntervals() == skipped; })) << skipped;
+    ASSERT_TRUE(waitUntil([&] { return slow.getSkippedIntervals() == skipped; })) << skipped;
   }
   slow.hold(false);
-  ASSERT_TRUE(eventually([&] { return !slow.isOnQueue(); }));
+  ASSERT_TRUE(waitUntil([&] { return !slow.isOnQueue(); }));
   clock.advance(1000);
-  ASSERT_TRUE(eventually([&] { return slow.starts().size() == 2; })) << "queued again once done";
+  ASSERT_TRUE(waitUntil([&] { return slow.starts().size() == 2; })) << "queued again once done";
   refresh.refreshShutdown();
   EXPECT_EQ(slow.maxRunning(), 1) << "never two collections at once";
   EXPECT_EQ(slow.getSkippedIntervals(), 2);
@@ -231,7 +218,7 @@ TEST_F(RefreshThreadTest, OnTheSystemClockTurnsComeOnTimeAndStopIsPrompt) {
   RefreshThread refresh(0, list_, nullptr, nullptr);
   const int64_t due = static_cast<int64_t>(source.getNextRefresh()) * 1000;
   ASSERT_TRUE(refresh.start());
-  ASSERT_TRUE(eventually([&] { return source.finished.load() == 1; }));
+  ASSERT_TRUE(waitUntil([&] { return source.finished.load() == 1; }));
   EXPECT_GE(source.starts()[0], due);
   EXPECT_LT(source.starts()[0] - due, 200);
   // The next turn is a second away: stopping does not wait for it.
@@ -249,7 +236,7 @@ TEST_F(RefreshThreadTest, WithoutAPoolTheRefreshThreadCollectsItself) {
   RefreshThread refresh(0, list_, nullptr, nullptr);
   ASSERT_TRUE(refresh.start());
   for (int turn = 1; turn <= 3; ++turn) {
-    ASSERT_TRUE(eventually([&] {
+    ASSERT_TRUE(waitUntil([&] {
       return inline_.getCacheHitCount() + static_cast<int64_t>(inline_.starts().size()) == turn;
     })) << turn;
     clock.advance(1000);
@@ -289,7 +276,7 @@ TEST_F(RefreshThreadTest, RacingSubmittersQueueOneJob) {
       racer.join();
     }
     source.hold(false);
-    ASSERT_TRUE(eventually([&] { return !source.isOnQueue(); }));
+    ASSERT_TRUE(waitUntil([&] { return !source.isOnQueue(); }));
   }
   pool.shutdown();
   EXPECT_EQ(source.starts().size(), static_cast<size_t>(kRounds));

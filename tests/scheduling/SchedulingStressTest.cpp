@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <memory>
@@ -17,7 +18,6 @@
 #include "ProviderTestSupport.h"
 #include "definition/AgentSettings.h"
 #include "definition/AttributeGroupMeta.h"
-#include "framework/Configuration.h"
 #include "provider/UAClientClassList.h"
 #include "scheduling/CollectDataJob.h"
 #include "scheduling/RefreshThread.h"
@@ -25,6 +25,7 @@
 #include "subnode/SubnodeManager.h"
 #include "support/FrameworkDouble.h"
 #include "support/TestConfiguration.h"
+#include "support/Wait.h"
 
 namespace {
 
@@ -106,23 +107,14 @@ TEST(SchedulingStress, FiftyProvidersWhileSubnodesComeAndGo) {
   // Five turns, each once the last one's plain collections are done, while the churn
   // goes on; then on until it has churned enough.
   auto plainCollected = [&](int turns) {
-    for (int i = 0; i < 40; ++i) {
-      if (providers[static_cast<size_t>(i)]->collections < turns) {
-        return false;
-      }
-    }
-    return true;
+    return std::all_of(providers.begin(), providers.begin() + 40,
+                       [turns](const auto& p) { return p->collections >= turns; });
   };
   for (int turn = 1; turn <= 5; ++turn) {
     clock.advance(1000);
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!plainCollected(turn) && std::chrono::steady_clock::now() < deadline) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    XRV::testing::waitUntil([&] { return plainCollected(turn); });
   }
-  while (churns.load() <= 20) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
+  EXPECT_TRUE(XRV::testing::waitUntil([&] { return churns.load() > 20; }, 60)) << "churn stalled";
   stop.store(true);
   churn.join();
   refresh.refreshShutdown();

@@ -5,12 +5,15 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <functional>
 #include <mutex>
 #include <thread>
 #include <vector>
 
+#include "support/Wait.h"
+
 namespace {
+
+using XRV::testing::waitUntil;
 
 // Jobs that record their numbers in the order they ran; a job may wait at the gate
 // until the test opens it.
@@ -47,13 +50,6 @@ class NumberJob : public IThreadPoolJob {
   bool gated_;
 };
 
-void waitFor(const std::function<bool()>& done) {
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!done() && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-}
-
 TEST(ThreadPool, OneWorkerRunsJobsInOrderAndCountsThem) {
   Record record;
   ThreadPool pool(1);
@@ -71,7 +67,7 @@ TEST(ThreadPool, OneWorkerRunsJobsInOrderAndCountsThem) {
   pool.submitJobs(jobs.data(), static_cast<int>(jobs.size()));
   pool.submitJob(new NumberJob(5, &record));
   record.setOpen(true);
-  waitFor([&] { return pool.getTPStatistics().completed == 6; });
+  waitUntil([&] { return pool.getTPStatistics().completed == 6; });
   EXPECT_EQ(record.numbers(), (std::vector<int>{0, 1, 2, 3, 4, 5}));
   statistics = pool.getTPStatistics();
   EXPECT_EQ(statistics.completed, 6);
@@ -92,7 +88,7 @@ TEST(ThreadPool, ShutdownLeavesQueuedJobsToTheDestructor) {
     record.setOpen(false);
     pool.submitJob(new NumberJob(1, &record, true));
     pool.submitJob(new NumberJob(2, &record, true));
-    waitFor([&] { return pool.getTPStatistics().active == 2; });
+    waitUntil([&] { return pool.getTPStatistics().active == 2; });
     for (int i = 3; i < 10; ++i) {
       pool.submitJob(new NumberJob(i, &record));
     }
@@ -128,7 +124,7 @@ TEST(ThreadPool, ManySubmittersManyWorkers) {
     submitter.join();
   }
   // A job counts as completed only after it ran: wait for the pool's own count.
-  waitFor([&] { return pool.getTPStatistics().completed == 2000; });
+  waitUntil([&] { return pool.getTPStatistics().completed == 2000; });
   EXPECT_EQ(done.load(), 2000);
   EXPECT_EQ(pool.getTPStatistics().completed, 2000);
   EXPECT_LE(pool.getTPStatistics().maximumActive, 4);

@@ -9,18 +9,17 @@
 #include <chrono>
 #include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "ProviderTestSupport.h"
 #include "definition/AgentSettings.h"
 #include "definition/AttributeGroupMeta.h"
 #include "definition/DefinitionCheck.h"
-#include "framework/Configuration.h"
 #include "provider/UAClientClassList.h"
 #include "subnode/SubnodeManager.h"
 #include "support/FrameworkDouble.h"
 #include "support/TestConfiguration.h"
+#include "support/Wait.h"
 
 namespace {
 
@@ -231,9 +230,7 @@ TEST_F(ConfigDiscoveryTest, TheUpdateThreadRunsAtOnceAndStopsPromptly) {
   pthread_t thread;
   ASSERT_EQ(pthread_create(&thread, nullptr, periodicallyUpdateDiscoveryAttributeGroups, nullptr),
             0);
-  for (int i = 0; i < 500 && framework_.registrations().size() < 2; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
+  XRV::testing::waitUntil([this] { return framework_.registrations().size() >= 2; }, 5);
   EXPECT_EQ(framework_.registrations().size(), 2u);
 
   // The next pass is a minute away: stopping does not wait for it.

@@ -8,9 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "ProviderTestSupport.h"
@@ -19,7 +17,9 @@
 #include "framework/Configuration.h"
 #include "provider/UAClientClassList.h"
 #include "support/FrameworkDouble.h"
+#include "support/Recorded.h"
 #include "support/TestConfiguration.h"
+#include "support/Wait.h"
 
 namespace {
 
@@ -41,18 +41,7 @@ const std::vector<TestMetric> kDiscoveryMetrics = {{"Subnode_Key", STRING_DATA, 
                                                    {"Subnode_Status", STRING_DATA}};
 
 // Names of the providers destroyed so far; the zombie killer thread writes it too.
-struct DeletionLog {
-  std::mutex mutex;
-  Strings names;
-  void add(const std::string& name) {
-    std::lock_guard<std::mutex> lock(mutex);
-    names.push_back(name);
-  }
-  Strings get() {
-    std::lock_guard<std::mutex> lock(mutex);
-    return names;
-  }
-};
+using DeletionLog = XRV::testing::Recorded<std::string>;
 
 // A provider whose error code and references a test sets, and that notes its death.
 class SubnodeProvider : public TestQueryClass {
@@ -605,7 +594,7 @@ TEST_F(SubnodeManagerTest, ZombieKillerDeletesOnlyUnreferencedIdleProviders) {
       EXPECT_EQ(subnodes.runGarbageCollection(), 1);
     }
     TearDown();
-    deleted_.names.clear();
+    deleted_.clear();
     SetUp();
   }
 }
@@ -625,15 +614,10 @@ TEST_F(SubnodeManagerTest, ZombieKillerThreadCollectsAndStopsPromptly) {
   // The thread's pass keeps the pinned provider, and takes it once the pin is gone.
   const std::string kept = "Query Object " + hexAddress(web01) +
                            " is not quiescent (in use by a framework request)-- keeping it";
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!framework_.trace().hasText(kept) && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
+  EXPECT_TRUE(XRV::testing::waitUntil([&] { return framework_.trace().hasText(kept); }));
   EXPECT_TRUE(deleted_.get().empty());
   pin.reset();
-  while (deleted_.get().empty() && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
+  XRV::testing::waitUntil([&] { return !deleted_.get().empty(); });
   EXPECT_EQ(deleted_.get(), Strings{"G1/web01"});
   subnodes.stopZombieKiller();
 

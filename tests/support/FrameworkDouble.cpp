@@ -19,43 +19,35 @@ int FrameworkDouble::run(int /*argc*/, char** /*argv*/) {
 }
 
 void FrameworkDouble::shutdown(int mode) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  settings_.shutdownModes.push_back(mode);
+  locked([&] { settings_.shutdownModes.push_back(mode); });
 }
 
 void FrameworkDouble::initBasicServices(const char* programName) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  settings_.programName = text(programName);
+  locked([&] { settings_.programName = text(programName); });
 }
 
 void FrameworkDouble::setAffinity(const char* affinity) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  settings_.affinity = text(affinity);
+  locked([&] { settings_.affinity = text(affinity); });
 }
 
 void FrameworkDouble::setAffinityVersion(int version) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  settings_.affinityVersion = version;
+  locked([&] { settings_.affinityVersion = version; });
 }
 
 void FrameworkDouble::setAffinityFeature(const char* feature) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  settings_.affinityFeatures.push_back(text(feature));
+  locked([&] { settings_.affinityFeatures.push_back(text(feature)); });
 }
 
 void FrameworkDouble::setNodeType(const char* nodeType) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  settings_.nodeType = text(nodeType);
+  locked([&] { settings_.nodeType = text(nodeType); });
 }
 
 void FrameworkDouble::setProductVersion(const char* version) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  settings_.productVersion = text(version);
+  locked([&] { settings_.productVersion = text(version); });
 }
 
 void FrameworkDouble::registerAgentLoader(FwAgentLoader loader) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  loader_ = loader;
+  locked([&] { loader_ = loader; });
 }
 
 void FrameworkDouble::registerCommandCallback(const char* commandName, FwCommandCallback callback) {
@@ -104,13 +96,11 @@ int FrameworkDouble::auditRecord(const FwAuditRecord& r) {
 }
 
 void FrameworkDouble::tableManagerCreated(TableManager* manager) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  managers_.push_back(manager);
+  locked([&] { managers_.push_back(manager); });
 }
 
 void FrameworkDouble::tableManagerDestroyed(TableManager* manager) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  std::erase(managers_, manager);
+  locked([&] { std::erase(managers_, manager); });
 }
 
 int FrameworkDouble::eventArrived(TableManager* manager, const char* row, int length,
@@ -135,28 +125,23 @@ void FrameworkDouble::setOriginNode(const char* msn) {
 }
 
 void FrameworkDouble::setRegistrationResult(int result) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  registrationResult_ = result;
+  locked([&] { registrationResult_ = result; });
 }
 
 void FrameworkDouble::setDeregistrationResult(int result) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  deregistrationResult_ = result;
+  locked([&] { deregistrationResult_ = result; });
 }
 
 void FrameworkDouble::setAuditAvailable(bool available) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  auditAvailable_ = available;
+  locked([&] { auditAvailable_ = available; });
 }
 
 void FrameworkDouble::setRowResult(int result) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  rowResult_ = result;
+  locked([&] { rowResult_ = result; });
 }
 
 void FrameworkDouble::setEventResult(int result) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  eventResult_ = result;
+  locked([&] { eventResult_ = result; });
 }
 
 std::vector<std::string> FrameworkDouble::sample(const char* table, RequestDetail& detail,

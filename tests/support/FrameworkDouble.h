@@ -10,7 +10,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -113,6 +112,12 @@ class FrameworkDouble : public FrameworkHost, public FwRowSink {
   T copied(const T& field) const {
     std::lock_guard<std::mutex> lock(mutex_);
     return field;
+  }
+  // Runs `change` of the recorded state under the lock.
+  template <typename Change>
+  void locked(Change change) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    change();
   }
 
   mutable std::mutex mutex_;

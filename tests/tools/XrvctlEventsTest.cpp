@@ -6,9 +6,7 @@
 
 #include <atomic>
 #include <chrono>
-#include <fstream>
 #include <mutex>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -17,11 +15,14 @@
 #include <nlohmann/json.hpp>
 
 #include "ServerSentEvents.h"
+#include "support/Files.h"
 #include "support/SpawnedProcess.h"
+#include "support/Wait.h"
 
 namespace {
 
 using nlohmann::json;
+using XRV::testing::readFile;
 using XRV::testing::SpawnedProcess;
 
 TEST(ServerSentEvents, SplitsMessagesHoweverTheBytesArrive) {
@@ -136,9 +137,7 @@ class AgentStandIn {
     });
     port_ = server_.bind_to_any_port("127.0.0.1");
     thread_ = std::thread([this] { server_.listen_after_bind(); });
-    while (!server_.is_running()) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    XRV::testing::waitUntil([this] { return server_.is_running(); });
   }
   ~AgentStandIn() {
     stopping_ = true;
@@ -166,13 +165,6 @@ class AgentStandIn {
   std::vector<std::string> groups_;
 };
 
-std::string slurp(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
 TEST(XrvctlEvents, FollowReconnectsWhereItLeftOff) {
   AgentStandIn agent;
   const std::string errors = testing::TempDir() + "xrvctl-follow.err";
@@ -183,7 +175,7 @@ TEST(XrvctlEvents, FollowReconnectsWhereItLeftOff) {
     ASSERT_TRUE(follow.started());
     const std::vector<std::string>& lines = follow.waitForLines(4, 10);
     EXPECT_EQ(follow.exitStatus(0), -1) << "still following";
-    ASSERT_EQ(lines.size(), 4u) << slurp(errors);
+    ASSERT_EQ(lines.size(), 4u) << readFile(errors);
     EXPECT_EQ(json::parse(lines[0]), json::parse(eventJson(1, "Log_Errors", "disk full")));
     EXPECT_EQ(json::parse(lines[1])["seq"], 2);
     EXPECT_EQ(lines[2], R"({"missed":2})");
@@ -191,8 +183,8 @@ TEST(XrvctlEvents, FollowReconnectsWhereItLeftOff) {
   }
   EXPECT_EQ(agent.lastEventIds(), (std::vector<std::string>{"", "2"}));
   EXPECT_EQ(agent.groups(), (std::vector<std::string>{"Log_Errors", "Log_Errors"}));
-  EXPECT_NE(slurp(errors).find("broke off"), std::string::npos) << slurp(errors);
-  EXPECT_NE(slurp(errors).find("reconnecting in 1 s"), std::string::npos) << slurp(errors);
+  EXPECT_NE(readFile(errors).find("broke off"), std::string::npos) << readFile(errors);
+  EXPECT_NE(readFile(errors).find("reconnecting in 1 s"), std::string::npos) << readFile(errors);
 }
 
 TEST(XrvctlEvents, PrintsEveryPageAndWhatWasLostBetweenThem) {
@@ -223,9 +215,9 @@ TEST(XrvctlEvents, AStreamTheAgentRefusesEndsTheCommand) {
     SpawnedProcess nobody({XRVCTL, "events", "--follow", "--url", "http://127.0.0.1:1"});
     EXPECT_EQ(nobody.exitStatus(5), 1) << "no agent to follow";
   }
-  EXPECT_NE(slurp(errors).find("unknown attribute group: Gone (HTTP 404)"), std::string::npos)
-      << slurp(errors);
-  EXPECT_EQ(slurp(errors).find("reconnecting"), std::string::npos) << slurp(errors);
+  EXPECT_NE(readFile(errors).find("unknown attribute group: Gone (HTTP 404)"), std::string::npos)
+      << readFile(errors);
+  EXPECT_EQ(readFile(errors).find("reconnecting"), std::string::npos) << readFile(errors);
 }
 
 }  // namespace

@@ -15,7 +15,12 @@
 
 #include <nlohmann/json.hpp>
 
+#include "support/Files.h"
+
 namespace {
+
+using XRV::testing::readFile;
+using XRV::testing::temporaryFile;
 
 struct Outcome {
   int status;
@@ -23,38 +28,21 @@ struct Outcome {
   std::string err;
 };
 
-std::string slurp(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-// A file of its own for every call: ctest runs these tests side by side.
-std::string uniqueTemp(const char* stem) {
-  std::string path = testing::TempDir() + stem + "-XXXXXX";
-  int fd = mkstemp(path.data());
-  if (fd >= 0) {
-    close(fd);
-  }
-  return path;
-}
-
 // `environment`: "NAME=value ..." for the command's environment.
 Outcome xrvctl(const std::string& arguments, const std::string& environment = "") {
-  std::string out = uniqueTemp("xrvctl.out");
-  std::string err = uniqueTemp("xrvctl.err");
+  std::string out = temporaryFile("xrvctl.out");
+  std::string err = temporaryFile("xrvctl.err");
   std::string command =
       environment + " " + std::string(XRVCTL) + " " + arguments + " >" + out + " 2>" + err;
   int status = std::system(command.c_str());
-  Outcome outcome{WIFEXITED(status) ? WEXITSTATUS(status) : -1, slurp(out), slurp(err)};
+  Outcome outcome{WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(out), readFile(err)};
   unlink(out.c_str());
   unlink(err.c_str());
   return outcome;
 }
 
 std::string writeTemp(const char* stem, const std::string& text) {
-  std::string path = uniqueTemp(stem);
+  std::string path = temporaryFile(stem);
   std::ofstream(path) << text;
   return path;
 }
@@ -150,15 +138,15 @@ TEST(Xrvctl, ValidateComparesDataSourcesWithTheirGroups) {
       "</agent>\n");
   Outcome run = xrvctl("validate " + mixed);
   EXPECT_EQ(run.status, 0);
-  EXPECT_EQ(run.err,
-            mixed + ": warning: Attribute group Disk: column 2 is Used but the data source puts "
-                    "attribute Free there\n" +
-                mixed + ": warning: Attribute group Disk has 3 columns but its data source "
-                        "fills only 2\n" +
-                mixed + ": warning: Attribute group Disk has more than one data source: only "
-                        "the first one is used\n" +
-                mixed + ": warning: Attribute group Undeclared has a data source but is not "
-                        "declared in the metadata: it has no table\n");
+  std::string warnings;
+  for (const char* warning :
+       {"Disk: column 2 is Used but the data source puts attribute Free there",
+        "Disk has 3 columns but its data source fills only 2",
+        "Disk has more than one data source: only the first one is used",
+        "Undeclared has a data source but is not declared in the metadata: it has no table"}) {
+    warnings += mixed + ": warning: Attribute group " + warning + "\n";
+  }
+  EXPECT_EQ(run.err, warnings);
   EXPECT_NE(run.out.find("2 attribute groups, 4 warnings"), std::string::npos) << run.out;
 
   nlohmann::json report = nlohmann::json::parse(xrvctl("validate --json " + mixed).out);
@@ -193,12 +181,8 @@ TEST(Xrvctl, UsageAndUnreadableFiles) {
   const std::string fifo = std::string(directory) + "/fifo";
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   const std::string big = std::string(directory) + "/big.xml";
-  {
-    FILE* file = fopen(big.c_str(), "w");
-    ASSERT_NE(file, nullptr);
-    ASSERT_EQ(ftruncate(fileno(file), 3LL * 1024 * 1024), 0);
-    fclose(file);
-  }
+  std::ofstream(big).close();
+  std::filesystem::resize_file(big, 3LL * 1024 * 1024);
   struct Case {
     std::string path;
     const char* message;
@@ -300,11 +284,7 @@ TEST(Xrvctl, SampleTheExampleDefinition) {
   EXPECT_EQ(columns, (std::vector<std::string>{"ORIGINNODE", "Host", "Runnable_Tasks",
                                                "One_Minute", "Five_Minutes", "Fifteen_Minutes",
                                                "Uptime_Seconds"}));
-  char host[256] = {};
-  gethostname(host, sizeof host - 1);
-  EXPECT_EQ(load["Host"], host);
-  EXPECT_GE(load["Runnable_Tasks"].get<int>(), 1);
-  EXPECT_GT(load["Uptime_Seconds"].get<long long>(), 0);
+  // The values are ExampleDefinitionTest's.
   // Without a thread pool its status group reports none.
   EXPECT_EQ(sampled[1]["rows"][0]["Thread_Pool_Size"], 0);
 }

@@ -4,7 +4,6 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <fstream>
-#include <map>
 #include <mutex>
 #include <string>
 #include <thread>

@@ -11,7 +11,6 @@
 
 #include "../ProviderTestSupport.h"
 #include "definition/AgentSettings.h"
-#include "definition/AttributeGroupMeta.h"
 #include "definition/XMLConfigParser.h"
 #include "foundation/HashMap.h"
 #include "framework/Configuration.h"
@@ -106,6 +105,7 @@ TEST_F(ProviderExpressionTest, AFormulaThatDoesNotParseIsTracedWithItsMarkerAndI
   EXPECT_TRUE(capture.hasText(
       "Due to the expression parsing error, the value of metric Broken will be set to -1."));
   EXPECT_STREQ(source->getMetric(1)->getExpressionFormula(), "-1");
+  ASSERT_NE(source->getMetric(1)->getExpression(), nullptr) << "a constant -1 in its place";
   EXPECT_EQ(sample(*source, {{"k"}}), (Rows{{"n", "k", "-1"}}));
 }
 

@@ -7,26 +7,14 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <sstream>
 #include <string>
+
+#include "support/Files.h"
 
 namespace {
 
-std::string temporaryFile(const char* stem) {
-  std::string path = testing::TempDir() + stem + "-XXXXXX";
-  int fd = mkstemp(path.data());
-  if (fd >= 0) {
-    close(fd);
-  }
-  return path;
-}
-
-std::string slurp(const std::string& path) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
+using XRV::testing::readFile;
+using XRV::testing::temporaryFile;
 
 TEST(Validate, ReportsFormulasAndFiltersThatDoNotParse) {
   const std::string definition = temporaryFile("expressions.xml");
@@ -64,7 +52,7 @@ TEST(Validate, ReportsFormulasAndFiltersThatDoNotParse) {
   const std::string err = temporaryFile("validate.err");
   int status = std::system(
       (std::string(XRVCTL) + " validate " + definition + " >" + out + " 2>" + err).c_str());
-  const std::string errors = slurp(err);
+  const std::string errors = readFile(err);
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << errors;
   EXPECT_NE(
       errors.find(definition + ":20: warning: Error parsing expression:\nLoad * * 2\n       ^\n"),
@@ -80,7 +68,7 @@ TEST(Validate, ReportsFormulasAndFiltersThatDoNotParse) {
             std::string::npos)
       << errors;
   EXPECT_EQ(errors.find("Attribute group Good"), std::string::npos) << errors;
-  EXPECT_NE(slurp(out).find("3 attribute groups, 3 warnings"), std::string::npos) << slurp(out);
+  EXPECT_NE(readFile(out).find("3 attribute groups, 3 warnings"), std::string::npos) << readFile(out);
   unlink(definition.c_str());
   unlink(out.c_str());
   unlink(err.c_str());

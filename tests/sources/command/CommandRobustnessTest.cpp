@@ -23,6 +23,7 @@
 
 #include "sources/command/CommandWithTimeout.h"
 #include "support/TraceCapture.h"
+#include "support/Wait.h"
 
 namespace {
 
@@ -190,12 +191,12 @@ void provider(int thread, unsigned seed, Totals* totals) {
   }
 
   // The commands left to finish in the background end within two seconds.
-  const Clock::time_point start = Clock::now();
-  while (outstanding.getCount() > 0 && Clock::now() - start < std::chrono::seconds(20)) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    outstanding.cleanupFinishedCommands();
-  }
-  if (outstanding.getCount() > 0) {
+  if (!XRV::testing::waitUntil(
+          [&] {
+            outstanding.cleanupFinishedCommands();
+            return outstanding.getCount() == 0;
+          },
+          20)) {
     totals->fail(Planned{Kind::kTimeOut, "outstanding"}, "commands never finished");
   }
 
@@ -230,11 +231,8 @@ TEST(CommandRobustness, ManyCommandsFromEightThreadsLeaveNothingBehind) {
   const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
 
   // A killed shell has been reaped by now; give an exiting one a moment.
-  int children = countChildren();
-  for (int i = 0; i < 50 && children > childrenBefore; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    children = countChildren();
-  }
+  XRV::testing::waitUntil([&] { return countChildren() <= childrenBefore; }, 5);
+  const int children = countChildren();
   const int descriptors = countOpenDescriptors();
 
   printf("runs: %d in %.1f s; timed out: %ld; lost statuses: %ld of %ld checked runs\n",

@@ -7,15 +7,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -28,52 +27,19 @@
 #include "framework/FwClock.h"
 #include "framework/Trace.h"
 #include "sources/command/SshConnector.h"
+#include "support/Recorded.h"
 #include "support/TraceCapture.h"
+#include "support/Wait.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using XRV::testing::secondsSince;
 using XRV::testing::TraceCapture;
-
-double secondsSince(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-bool waitUntil(const std::function<bool()>& done, double seconds = 10) {
-  const Clock::time_point start = Clock::now();
-  while (!done()) {
-    if (secondsSince(start) > seconds) {
-      return false;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return true;
-}
+using XRV::testing::waitUntil;
 
 // Names of the TrackedCommands deleted so far, by whichever thread deleted them.
-class Deletions {
- public:
-  void add(const std::string& name) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    names_.push_back(name);
-  }
-  std::vector<std::string> names() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return names_;
-  }
-  bool contains(const std::string& name) {
-    for (const std::string& deleted : names()) {
-      if (deleted == name) {
-        return true;
-      }
-    }
-    return false;
-  }
-
- private:
-  std::mutex mutex_;
-  std::vector<std::string> names_;
-};
+using Deletions = XRV::testing::Recorded<std::string>;
 
 class TrackedCommand : public CommandWithTimeout {
  public:
@@ -250,28 +216,6 @@ TEST(CommandWithTimeout, OutputBeyondTheLimitKillsTheCommandAndKeepsNothing) {
   outputSizeLimit = saved;
 }
 
-TEST(CommandWithTimeout, TimeOutWithoutKillRunsOnUntilTheListReapsIt) {
-  Deletions deletions;
-  CommandWithTimeoutList list;
-  auto* command = new TrackedCommand("sleep 3; echo late", 1, &deletions);
-  const Clock::time_point start = Clock::now();
-  EXPECT_EQ(command->runCommand(), 1);
-  EXPECT_GE(secondsSince(start), 0.95);
-  EXPECT_LT(secondsSince(start), 2.5);
-  EXPECT_EQ(command->getStatus(), CWT_RUNNING);
-  EXPECT_FALSE(command->hasTimedOut());
-  list.addCommand(command);
-
-  list.cleanupFinishedCommands();
-  ASSERT_EQ(list.getCount(), 1) << "still running: kept";
-  ASSERT_TRUE(waitUntil([&] { return command->getStatus() == CWT_COMPLETED; }));
-  EXPECT_EQ(command->getRC(), 0);
-  EXPECT_STREQ(command->getStdout(), "late\n");
-  list.cleanupFinishedCommands();
-  EXPECT_EQ(list.getCount(), 0);
-  EXPECT_EQ(deletions.names(), std::vector<std::string>{"sleep 3; echo late"});
-}
-
 TEST(CommandWithTimeout, CommandInheritsNoDescriptorOfTheAgentButStandardInput) {
   // A descriptor opened without close-on-exec, as a library's socket may be.
   const int inherited = open("/dev/null", O_RDONLY);
@@ -297,14 +241,11 @@ TEST(CommandWithTimeout, LargeOutputOnBothStreamsArrivesWhole) {
   EXPECT_EQ(command.getRC(), 0);
 
   std::string expected;
-  expected.reserve(kOut + 17);
   while (expected.size() < kOut) {
     expected += "0123456789abcdef\n";
   }
   expected.resize(kOut);
-  const std::string out = command.getStdout();
-  EXPECT_EQ(out.size(), kOut);
-  EXPECT_TRUE(out == expected) << "standard output differs from what was printed";
+  EXPECT_TRUE(command.getStdout() == expected) << "standard output differs from what was printed";
   EXPECT_EQ(std::string(command.getStderr()), std::string(kErr, 'e'));
 }
 
@@ -584,25 +525,33 @@ TEST(CommandWithTimeout, CleanupReapsOnlyFinishedCommandsAndKeepsTheOrder) {
   add("true", 10);
   add("error", 10, CWT_ERROR);
   add("not started", 10, CWT_NOT_STARTED);
-  // (A time-out of 0 would cancel the start: these time out while they run.)
-  add("sleep 3", 1);
+  // Timed out without a kill (a time-out of 0 would cancel the start): it returns at
+  // its deadline, runs on unsupervised and is kept until it ends.
+  const Clock::time_point start = Clock::now();
+  CommandWithTimeout* slow = add("sleep 3; echo late", 1);
+  EXPECT_GE(secondsSince(start), 0.95);
+  EXPECT_LT(secondsSince(start), 2.5);
+  EXPECT_EQ(slow->getStatus(), CWT_RUNNING);
+  EXPECT_FALSE(slow->hasTimedOut());
   // Timed out but finished by now: its worker must still be joined.
   CommandWithTimeout* late = add("sleep 1.2", 1);
   add("start failed", 10, CWT_START_FAILED);
   ASSERT_TRUE(waitUntil([&] { return late->getStatus() == CWT_COMPLETED; }));
 
   list.cleanupFinishedCommands();
-  EXPECT_EQ(deletions.names(), (std::vector<std::string>{"true", "error", "sleep 1.2"}));
+  EXPECT_EQ(deletions.get(), (std::vector<std::string>{"true", "error", "sleep 1.2"}));
   std::vector<std::string> kept;
   for (int i = 0; i < list.getCount(); ++i) {
     kept.push_back(list.getCommand(i)->getCmd());
   }
-  EXPECT_EQ(kept, (std::vector<std::string>{"not started", "sleep 3", "start failed"}));
+  EXPECT_EQ(kept, (std::vector<std::string>{"not started", "sleep 3; echo late", "start failed"}));
 
-  ASSERT_TRUE(waitUntil([&] { return list.getCommand(1)->getStatus() == CWT_COMPLETED; }));
+  ASSERT_TRUE(waitUntil([&] { return slow->getStatus() == CWT_COMPLETED; }));
+  EXPECT_EQ(slow->getRC(), 0);
+  EXPECT_STREQ(slow->getStdout(), "late\n");
   list.cleanupFinishedCommands();
   EXPECT_EQ(list.getCount(), 2);
-  EXPECT_TRUE(deletions.contains("sleep 3"));
+  EXPECT_TRUE(deletions.contains("sleep 3; echo late"));
 }
 
 TEST(CommandWithTimeout, DisposeWhenFinishedDeletesNowOrWhenTheWorkerEnds) {
@@ -613,7 +562,7 @@ TEST(CommandWithTimeout, DisposeWhenFinishedDeletesNowOrWhenTheWorkerEnds) {
   ASSERT_EQ(running->runCommand(), 1);
   CommandWithTimeout::disposeWhenFinished(std::unique_ptr<CommandWithTimeout>(finished));
   CommandWithTimeout::disposeWhenFinished(std::unique_ptr<CommandWithTimeout>(running));
-  EXPECT_EQ(deletions.names(), std::vector<std::string>{"echo"});
+  EXPECT_EQ(deletions.get(), std::vector<std::string>{"echo"});
   EXPECT_TRUE(waitUntil([&] { return deletions.contains("sleep 1.5"); }));
 
   // The list's destructor does the same for what it still holds.

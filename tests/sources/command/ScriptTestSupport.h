@@ -42,22 +42,11 @@ inline std::unique_ptr<ShellQueryClass> loadScriptProvider(const std::string& do
 inline std::string xmlEscaped(const std::string& text) {
   std::string escaped;
   for (char c : text) {
-    switch (c) {
-      case '&':
-        escaped += "&amp;";
-        break;
-      case '<':
-        escaped += "&lt;";
-        break;
-      case '>':
-        escaped += "&gt;";
-        break;
-      case '"':
-        escaped += "&quot;";
-        break;
-      default:
-        escaped += c;
-    }
+    escaped += c == '&'   ? "&amp;"
+               : c == '<' ? "&lt;"
+               : c == '>' ? "&gt;"
+               : c == '"' ? "&quot;"
+                          : std::string(1, c);
   }
   return escaped;
 }
