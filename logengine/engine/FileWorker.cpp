@@ -72,7 +72,31 @@ FileWorker::~FileWorker() {
   }
 }
 
-void FileWorker::start() { thread_ = std::thread([this] { run(); }); }
+void FileWorker::start() {
+  thread_ = std::thread([this] {
+    try {
+      run();
+    } catch (const std::exception& e) {
+      // An exception must not end the process the engine runs in: this file stops.
+      diagnose("table " + table_->document.table + ": " + path_ + " is no longer read: " +
+               e.what());
+      {
+        std::lock_guard<std::mutex> hold(lock_);
+        follower_ = nullptr;
+        report_.state = XPWP_FILE_ERROR;
+      }
+      table_->callbacks.status(table_->document.table.c_str(), path_.c_str(), XPWP_SOURCE_OFFLINE);
+      passFirst(false);
+    }
+  });
+}
+
+void FileWorker::passFirst(bool following) {
+  if (!firstPassDone_) {
+    firstPassDone_ = true;
+    firstPass_(following);
+  }
+}
 
 void FileWorker::stop() {
   std::lock_guard<std::mutex> hold(lock_);
@@ -136,7 +160,7 @@ void FileWorker::run() {
       report_.state = XPWP_FILE_ERROR;
     }
     table_->callbacks.status(table, path_.c_str(), XPWP_SOURCE_OFFLINE);
-    firstPass_(false);
+    passFirst(false);
     return;
   }
   if (!source_.codepage.empty()) {
@@ -254,7 +278,7 @@ void FileWorker::afterPass(const FileFollower& follower, bool first) {
   }
   publish(follower, first);
   if (first) {
-    firstPass_(open);
+    passFirst(open);
   }
   throttle();
 }

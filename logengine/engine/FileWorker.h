@@ -69,6 +69,8 @@ class FileWorker {
   void writeUnmatched(std::string_view record);
   void throttle();
   void publish(const FileFollower& follower, bool force);
+  // Calls firstPass_ the first time only.
+  void passFirst(bool following);
 
   const std::shared_ptr<TableContext> table_;
   const MdlSource& source_;
@@ -83,6 +85,7 @@ class FileWorker {
   int unmatchedFd_ = -1;
   bool unmatchedFailed_ = false;
   bool wasOpen_ = false;
+  bool firstPassDone_ = false;
   std::uint64_t lines_ = 0;
   std::uint64_t records_ = 0;
   std::uint64_t passRecords_ = 0;

@@ -96,14 +96,28 @@ void PatternWatcher::run() {
                             : kDefaultRescan;
   bool initial = true;
   bool saidLimited = false;
+  bool looking = true;
   for (;;) {
-    reconcile(scanner->scan(), initial);
-    initial = false;
-    if (scanner->limited() && !saidLimited) {
-      diagnose("table " + table_->document.table + ": the file pattern " + source_.name +
-               " matches more than the engine looks at; some files are not followed");
+    if (looking) {
+      try {
+        reconcile(scanner->scan(), initial);
+      } catch (const std::exception& e) {
+        // An exception must not end the process the engine runs in: the files already
+        // followed go on, no new ones are looked for.
+        diagnose("table " + table_->document.table + ": the file pattern " + source_.name +
+                 " is no longer looked for: " + e.what());
+        looking = false;
+        if (initial) {
+          table_->firstPassDone(false);
+        }
+      }
+      initial = false;
+      if (scanner->limited() && !saidLimited) {
+        diagnose("table " + table_->document.table + ": the file pattern " + source_.name +
+                 " matches more than the engine looks at; some files are not followed");
+      }
+      saidLimited = scanner->limited();
     }
-    saidLimited = scanner->limited();
     std::unique_lock<std::mutex> hold(lock_);
     wake_.wait_for(hold, interval, [this] { return stopRequested_ || wakeRequested_; });
     wakeRequested_ = false;
