@@ -174,7 +174,9 @@ void FileWorker::run() {
                "; reading the file as UTF-8");
     }
   }
-  FileFollower follower(followerOptions(),
+  const FollowerOptions options = followerOptions();
+  offlineRepeat_ = options.fileExistTimeToWait;
+  FileFollower follower(options,
                         [this](std::string_view line, unsigned flags) { onLine(line, flags); });
   {
     std::lock_guard<std::mutex> hold(lock_);
@@ -275,6 +277,12 @@ void FileWorker::afterPass(const FileFollower& follower, bool first) {
     }
     table_->callbacks.status(table, path_.c_str(), open ? XPWP_SOURCE_FOUND : XPWP_SOURCE_OFFLINE);
     wasOpen_ = open;
+    lastOfflineReport_ = now;
+  } else if (!open && now - lastOfflineReport_ >= offlineRepeat_) {
+    // Still missing: said again at each look, so that an agent that took the table
+    // for active once it was loaded hears of the file again.
+    table_->callbacks.status(table, path_.c_str(), XPWP_SOURCE_OFFLINE);
+    lastOfflineReport_ = now;
   }
   publish(follower, first);
   if (first) {

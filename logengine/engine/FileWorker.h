@@ -92,6 +92,8 @@ class FileWorker {
   std::uint64_t linesAtLastPass_ = 0;
   std::chrono::steady_clock::time_point lastLine_;  // end of the last pass that read a line
   std::chrono::steady_clock::time_point lastPublish_;
+  std::chrono::steady_clock::time_point lastOfflineReport_;
+  std::chrono::milliseconds offlineRepeat_{30000};  // FileExistTimeToWait
   std::chrono::steady_clock::time_point throttleWall_;
   std::int64_t throttleCpuNs_ = 0;
 

@@ -330,7 +330,6 @@ void LogMonitorQueryClass::completeReset() {
   if (useQrf_ && !initQRF()) {
     return;
   }
-  lastSourceStatus_.store(-1);
 
   const char* type = subnodeType();
   const char* key = getSubnodeKey();
@@ -357,11 +356,11 @@ void LogMonitorQueryClass::completeReset() {
   }
 
   if (startEngineAndLoad()) {
+    // A file found missing meanwhile is reported again by the engine at its next look
+    // for it (FileExistTimeToWait), which makes the group FILE_OFFLINE again.
     PthreadMutexLock status(statusLock_);
-    // A file found missing while the engine started stays reported as such.
-    const bool offline = lastSourceStatus_.load() == XPWP_SOURCE_OFFLINE;
-    setPerfObjectStatus(offline ? PERF_OBJECT_INACTIVE : PERF_OBJECT_ACTIVE);
-    setPerfErrorCode(offline ? FILE_OFFLINE : OBJECT_ACTIVE);
+    setPerfObjectStatus(PERF_OBJECT_ACTIVE);
+    setPerfErrorCode(OBJECT_ACTIVE);
     XRV_TRACE_DETAIL("xpw initialization complete");
   } else {
     XRV_TRACE_ERROR("xpw initialization failed, not starting sub-providers.");

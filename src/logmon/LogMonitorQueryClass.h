@@ -222,10 +222,8 @@ class LogMonitorQueryClass : public ResultsManager {
   std::map<std::string, SourceSample> samples_ XRV_GUARDED_BY(mutex_);
 
   std::shared_ptr<ResetTarget> resetTarget_ = std::make_shared<ResetTarget>();
-  // The last file state reported since the reset began (-1: none yet). statusLock_
-  // makes a file state, the status and the error code change together, so that the
-  // end of a reset and a file report on the engine's thread cannot interleave.
-  std::atomic<int> lastSourceStatus_{-1};
+  // Makes the status and the error code change together, so that the end of a reset
+  // and a file report on the engine's thread cannot interleave.
   PthreadMutex statusLock_;
   std::string syslogPipe_;  // format-file mode names it; "" otherwise
 

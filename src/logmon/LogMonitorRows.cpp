@@ -190,7 +190,6 @@ void LogMonitorQueryClass::statusChanged(const char* source, int status) {
     case XPWP_SOURCE_OFFLINE:
       {
         PthreadMutexLock lock(statusLock_);
-        lastSourceStatus_.store(status);
         setPerfObjectStatus(PERF_OBJECT_INACTIVE);
         setPerfErrorCode(FILE_OFFLINE);
       }
@@ -206,7 +205,6 @@ void LogMonitorQueryClass::statusChanged(const char* source, int status) {
     case XPWP_SOURCE_FOUND:
       {
         PthreadMutexLock lock(statusLock_);
-        lastSourceStatus_.store(status);
         setPerfObjectStatus(PERF_OBJECT_ACTIVE);
         setPerfErrorCode(OBJECT_ACTIVE);
       }

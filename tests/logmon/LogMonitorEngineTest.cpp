@@ -220,8 +220,9 @@ TEST_F(LogMonitorEngineTest, MissingFileIsOfflineUntilItAppears) {
   LogMonitorQueryClass* provider =
       startGroup(R"(pure="true")", "E", {"'${LOG_DIR}/late.log' TAIL FileExistTimeToWait=1"});
   ASSERT_NE(provider, nullptr);
+  // Active once loaded; the engine's next look for the file says it is still missing.
+  ASSERT_TRUE(waitUntil([&] { return provider->getPerfErrorCode() == FILE_OFFLINE; }));
   EXPECT_EQ(provider->getPerfObjectStatus(), PERF_OBJECT_INACTIVE);
-  EXPECT_EQ(provider->getPerfErrorCode(), FILE_OFFLINE);
   directory_.append("late.log", "");
   ASSERT_TRUE(waitUntil([&] { return provider->getPerfErrorCode() == OBJECT_ACTIVE; }));
   EXPECT_EQ(provider->getPerfObjectStatus(), PERF_OBJECT_ACTIVE);

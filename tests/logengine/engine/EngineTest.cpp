@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -233,6 +234,11 @@ TEST_F(EngineTest, MissingFileIsOfflineUntilItAppears) {
   waitReady("LATE");
   ASSERT_TRUE(seen_.waitFor([&] { return seen_.sawStatus(log, XPWP_SOURCE_OFFLINE); }));
   EXPECT_FALSE(seen_.sawStatus("", XPWP_TABLE_ACTIVE)) << "no file of the table is read";
+  // Said again at the next look for it.
+  EXPECT_TRUE(seen_.waitFor([&] {
+    return std::count(seen_.statuses.begin(), seen_.statuses.end(),
+                      std::make_tuple(std::string("LATE"), log, int(XPWP_SOURCE_OFFLINE))) >= 2;
+  }, 5s));
   append(log, "INFO;first\n");
   ASSERT_TRUE(seen_.waitFor([&] { return seen_.dataRecords() == 1 && seen_.sawStatus(log, XPWP_SOURCE_FOUND); }));
 }
