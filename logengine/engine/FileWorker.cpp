@@ -199,7 +199,7 @@ void FileWorker::run() {
   }
   // Whatever reached the file before the stop is still read and delivered.
   follower.poll();
-  builder_->flushPending([this](std::string_view record) { onRecord(record); });
+  builder_->flushPending(deliver_);
   afterPass(follower, false);
   follower.saveState();
   {
@@ -215,7 +215,7 @@ void FileWorker::onLine(std::string_view line, unsigned flags) {
   if (converter_) {
     line = converter_->convert(line);
   }
-  builder_->addLine(line, flags, [this](std::string_view record) { onRecord(record); });
+  builder_->addLine(line, flags, deliver_);
 }
 
 void FileWorker::onRecord(std::string_view record) {
@@ -262,7 +262,7 @@ void FileWorker::afterPass(const FileFollower& follower, bool first) {
     lastLine_ = now;
   }
   if (builder_->hasPending() && now - lastLine_ >= kRecordIdle) {
-    builder_->flushPending([this](std::string_view record) { onRecord(record); });
+    builder_->flushPending(deliver_);
   }
   const char* table = table_->document.table.c_str();
   if (passRecords_ > 0 && table_->document.kind == TableKind::Sampled) {

@@ -80,6 +80,8 @@ class FileWorker {
   std::thread thread_;
 
   // The worker thread's own state.
+  // Hands each record the builder completes to onRecord; made once, not once a line.
+  const RecordHandler deliver_ = [this](std::string_view record) { onRecord(record); };
   std::unique_ptr<RecordBuilder> builder_;
   std::unique_ptr<CodePageConverter> converter_;
   int unmatchedFd_ = -1;
