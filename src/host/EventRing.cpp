@@ -6,6 +6,10 @@
 #include <algorithm>
 #include <utility>
 
+#include "host/JsonWriter.h"
+#include "host/RowJson.h"
+#include "host/TableCatalog.h"
+
 namespace XRV::host {
 
 EventRing::EventRing(size_t capacity)
@@ -28,13 +32,21 @@ void EventRing::takeAddedSignal() {
   signalled_.store(false);
 }
 
-uint64_t EventRing::add(StoredEvent event) {
+uint64_t EventRing::add(const CatalogGroup& group, int64_t timeMillis, const char* row,
+                        size_t length, bool continuation) {
+  if (row == nullptr || !rowFitsLayout(group, length)) {
+    return 0;
+  }
   uint64_t seq = 0;
   {
     PthreadMutexLock lock(mutex_);
-    event.seq = nextSeq_++;
-    seq = event.seq;
-    slots_[(seq - 1) % capacity_] = std::move(event);
+    Slot& slot = slots_[(nextSeq_ - 1) % capacity_];
+    squeezeRow(group, row, length, &slot.row);
+    seq = nextSeq_++;
+    slot.seq = seq;
+    slot.timeMillis = timeMillis;
+    slot.group = &group;
+    slot.continuation = continuation;
     count_ = std::min(count_ + 1, capacity_);
   }
   if (addedFd_ >= 0 && !signalled_.exchange(true)) {
@@ -50,28 +62,51 @@ uint64_t EventRing::oldestHeld() const {
 }
 
 EventPage EventRing::read(uint64_t since, const std::string& group, size_t limit) const {
-  PthreadMutexLock lock(mutex_);
   EventPage page;
-  page.next = nextSeq_;
-  const uint64_t oldest = nextSeq_ - count_;
-  uint64_t from = std::max<uint64_t>(since, 1);
-  if (from > nextSeq_) {
-    return page;
-  }
-  if (from < oldest) {
-    page.dropped = oldest - from;
-    from = oldest;
-  }
-  for (uint64_t seq = from; seq < nextSeq_; ++seq) {
-    const StoredEvent& event = slots_[(seq - 1) % capacity_];
-    if (!group.empty() && event.group != group) {
-      continue;
+  std::vector<Slot> copies;
+  {
+    PthreadMutexLock lock(mutex_);
+    page.next = nextSeq_;
+    const uint64_t oldest = nextSeq_ - count_;
+    uint64_t from = std::max<uint64_t>(since, 1);
+    if (from > nextSeq_) {
+      return page;
     }
-    if (page.events.size() == limit) {
-      page.next = seq;
-      break;
+    if (from < oldest) {
+      page.dropped = oldest - from;
+      from = oldest;
     }
-    page.events.push_back(event);
+    for (uint64_t seq = from; seq < nextSeq_; ++seq) {
+      const Slot& slot = slots_[(seq - 1) % capacity_];
+      if (!group.empty() && slot.group->name != group) {
+        continue;
+      }
+      if (copies.size() == limit) {
+        page.next = seq;
+        break;
+      }
+      copies.push_back(slot);
+    }
+  }
+  // JSON is made here, with the ring open to adds again.
+  page.events.reserve(copies.size());
+  std::vector<DecodedColumn> columns;
+  for (const Slot& slot : copies) {
+    StoredEvent& event = page.events.emplace_back();
+    event.seq = slot.seq;
+    event.timeMillis = slot.timeMillis;
+    event.group = slot.group->name;
+    event.continuation = slot.continuation;
+    JsonWriter json;
+    if (decodeSqueezedRow(*slot.group, slot.row, &columns)) {
+      if (!columns.empty() && !columns.front().isNumber()) {
+        event.node = columns.front().text;  // ORIGINNODE
+      }
+      writeColumnsJson(json, columns);
+    } else {
+      json.beginObject().endObject();
+    }
+    event.rowJson = json.take();
   }
   return page;
 }

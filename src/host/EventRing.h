@@ -4,8 +4,11 @@
 //
 // Every event gets the next sequence number (from 1). When the ring is full the
 // oldest event makes room; a reader that asks for events the ring no longer holds
-// gets the oldest kept ones and the number it missed. Rows are kept as ready JSON
-// objects, decoded when they arrive.
+// gets the oldest kept ones and the number it missed.
+//
+// Adding is on the path of every event, reading is not: the ring keeps each row in
+// a compact binary form (squeezeRow), copied into storage the slot keeps from the
+// events before, and turns rows into JSON when they are read, outside its lock.
 //
 // Event streams (EventStreams.h) learn of new events through addedFd(), an eventfd
 // the ring signals: adding stays one lock of the ring, an atomic exchange and at
@@ -23,11 +26,14 @@
 
 namespace XRV::host {
 
+struct CatalogGroup;
+
+// An event as readers get it.
 struct StoredEvent {
   uint64_t seq = 0;
   int64_t timeMillis = 0;  // milliseconds since the epoch, when the row arrived
   std::string group;
-  std::string node;
+  std::string node;           // the row's ORIGINNODE
   std::string rowJson;        // the row as a JSON object
   bool continuation = false;  // a further row of the event before it
 };
@@ -46,8 +52,12 @@ class EventRing {
   EventRing(const EventRing&) = delete;
   EventRing& operator=(const EventRing&) = delete;
 
-  // Files the event under the next sequence number and returns that number.
-  uint64_t add(StoredEvent event) XRV_EXCLUDES(mutex_);
+  // Files the event row `row` (`length` bytes, packed by the layout of `group`)
+  // under the next sequence number and returns that number; 0 (nothing filed) when
+  // the row does not fit the layout. `group` must stay valid while the ring lives
+  // (catalog entries do).
+  uint64_t add(const CatalogGroup& group, int64_t timeMillis, const char* row, size_t length,
+               bool continuation) XRV_EXCLUDES(mutex_);
 
   // Events with a sequence number of at least `since` (0 and 1 both mean from the
   // first), oldest first, at most `limit` of them; only those of `group` unless it is
@@ -69,9 +79,17 @@ class EventRing {
   void takeAddedSignal();
 
  private:
+  struct Slot {
+    uint64_t seq = 0;
+    int64_t timeMillis = 0;
+    const CatalogGroup* group = nullptr;
+    std::string row;  // squeezed
+    bool continuation = false;
+  };
+
   const size_t capacity_;
   mutable PthreadMutex mutex_;
-  std::vector<StoredEvent> slots_ XRV_GUARDED_BY(mutex_);
+  std::vector<Slot> slots_ XRV_GUARDED_BY(mutex_);
   uint64_t nextSeq_ XRV_GUARDED_BY(mutex_) = 1;
   size_t count_ XRV_GUARDED_BY(mutex_) = 0;
   const int addedFd_;

@@ -294,22 +294,10 @@ int StandaloneHost::eventArrived(TableManager* manager, const char* row, int len
   if (ring == nullptr || group == nullptr || row == nullptr || length <= 0) {
     return 1;
   }
-  std::vector<DecodedColumn> columns;
-  if (!decodeRow(group->columns, group->rowSize, row, static_cast<size_t>(length), &columns)) {
+  if (ring->add(*group, nowMillis(), row, static_cast<size_t>(length), continuation) == 0) {
     XRV_TRACE_ERROR("Event row of %d bytes does not fit table %s", length, group->table.c_str());
     return 1;
   }
-  StoredEvent event;
-  event.timeMillis = nowMillis();
-  event.group = group->name;
-  if (!columns.empty() && !columns.front().isNumber()) {
-    event.node = columns.front().text;  // ORIGINNODE
-  }
-  JsonWriter json;
-  writeColumnsJson(json, columns);
-  event.rowJson = json.take();
-  event.continuation = continuation;
-  ring->add(std::move(event));
   return 0;
 }
 

@@ -50,7 +50,7 @@ const CatalogGroup* TableCatalog::findGroup(const std::string& name) const {
   return found == byName_.end() ? nullptr : &found->second;
 }
 
-const CatalogGroup* TableCatalog::findGroupByTable(const std::string& table) const {
+const CatalogGroup* TableCatalog::findGroupByTable(std::string_view table) const {
   PthreadMutexLock lock(mutex_);
   auto found = byTable_.find(table);
   return found == byTable_.end() ? nullptr : found->second;

@@ -14,6 +14,7 @@
 
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "foundation/Locks.h"
@@ -44,7 +45,7 @@ class TableCatalog {
   std::vector<const CatalogGroup*> groups() const XRV_EXCLUDES(mutex_);
   // Null when there is no such group.
   const CatalogGroup* findGroup(const std::string& name) const XRV_EXCLUDES(mutex_);
-  const CatalogGroup* findGroupByTable(const std::string& table) const XRV_EXCLUDES(mutex_);
+  const CatalogGroup* findGroupByTable(std::string_view table) const XRV_EXCLUDES(mutex_);
 
   void managerCreated(TableManager* manager) XRV_EXCLUDES(mutex_);
   void managerDestroyed(TableManager* manager) XRV_EXCLUDES(mutex_);
@@ -57,7 +58,7 @@ class TableCatalog {
   // stay valid.
   std::map<std::string, CatalogGroup> byName_ XRV_GUARDED_BY(mutex_);
   std::vector<const CatalogGroup*> ordered_ XRV_GUARDED_BY(mutex_);
-  std::map<std::string, const CatalogGroup*> byTable_ XRV_GUARDED_BY(mutex_);
+  std::map<std::string, const CatalogGroup*, std::less<>> byTable_ XRV_GUARDED_BY(mutex_);
   std::vector<TableManager*> managers_ XRV_GUARDED_BY(mutex_);
 };
 

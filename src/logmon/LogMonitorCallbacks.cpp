@@ -129,15 +129,11 @@ bool LogMonitorQueryClass::describeTable(const char* table, std::string* group,
   return true;
 }
 
-void LogMonitorQueryClass::enterCallback() {
-  std::lock_guard<std::mutex> lock(callbackMutex_);
-  ++callbacksInFlight_;
-}
+void LogMonitorQueryClass::enterCallback() { callbacksInFlight_.fetch_add(1); }
 
 void LogMonitorQueryClass::leaveCallback() {
-  std::lock_guard<std::mutex> lock(callbackMutex_);
-  if (--callbacksInFlight_ == 0) {
-    callbacksDone_.notify_all();
+  if (callbacksInFlight_.fetch_sub(1) == 1) {
+    callbacksInFlight_.notify_all();  // no syscall unless someone waits
   }
 }
 
@@ -186,8 +182,9 @@ void LogMonitorQueryClass::unregisterCallbacks(bool wait) {
     registeredTable_.clear();
   }
   if (wait) {
-    std::unique_lock<std::mutex> lock(callbackMutex_);
-    callbacksDone_.wait(lock, [this] { return callbacksInFlight_ == 0; });
+    for (int inside = callbacksInFlight_.load(); inside != 0; inside = callbacksInFlight_.load()) {
+      callbacksInFlight_.wait(inside);
+    }
   }
 }
 

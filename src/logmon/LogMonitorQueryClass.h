@@ -32,7 +32,6 @@
 // against completeReset; cdpHandleLock serialises the work on the engine itself.
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -188,7 +187,7 @@ class LogMonitorQueryClass : public ResultsManager {
 
   // Row assembly.
   int expectedPairCount() const;
-  std::string sourceAttributeValue(const char* source) const;
+  const char* sourceAttributeValue(const char* source) const;
   LogMonitorResultInstance* assembleRow(const XPWP_NameValue* pairs, int count, const char* source,
                                         const char* description);
   // 2 s since the last record of `sample`: the next record starts a new sample.
@@ -227,7 +226,7 @@ class LogMonitorQueryClass : public ResultsManager {
   PthreadMutex statusLock_;
   std::string syslogPipe_;  // format-file mode names it; "" otherwise
 
-  std::mutex callbackMutex_;
-  std::condition_variable callbacksDone_;
-  int callbacksInFlight_ = 0;
+  // Callbacks inside this object. The last one out wakes a waiter through the
+  // atomic itself: nothing of the object is touched after the count drops.
+  std::atomic<int> callbacksInFlight_{0};
 };

@@ -48,9 +48,9 @@ void LogMonitorQueryClass::setInstanceData(const XPWP_NameValue* pairs, int coun
         "This object has been de-activated (parent subnode was removed), ignoring new row");
     return;
   }
-  const std::string file = orEmpty(source);
   const bool sampled = !isPureEventBased();
-  const int64_t now = fwMonotonicMillis();
+  const std::string file = sampled ? orEmpty(source) : "";
+  const int64_t now = sampled ? fwMonotonicMillis() : 0;
   if (sampled && count > 0) {
     PthreadMutexLock lock(mutex_);
     SourceSample& sample = samples_[file];
@@ -115,13 +115,13 @@ int LogMonitorQueryClass::expectedPairCount() const {
   return expected;
 }
 
-std::string LogMonitorQueryClass::sourceAttributeValue(const char* source) const {
+const char* LogMonitorQueryClass::sourceAttributeValue(const char* source) const {
   const char* file = orEmpty(source);
   if (startsWith(file, binaryLog_)) {
     XRV_TRACE_FN();
     XRV_TRACE_DETAIL("Found event from Varex errpt pipe, replacing filename with \"%s\"",
                      errptCommand_.c_str());
-    return errptCommand_;
+    return errptCommand_.c_str();
   }
   if (startsWith(file, syslogPipe_)) {
     XRV_TRACE_FN();
@@ -157,7 +157,7 @@ LogMonitorResultInstance* LogMonitorQueryClass::assembleRow(const XPWP_NameValue
     }
     const char* name = metric->getMetricName();
     if (!sourceMapAttr_.empty() && sourceMapAttr_ == name) {
-      row->addMetric(makeValue(metric, sourceAttributeValue(source).c_str()));
+      row->addMetric(makeValue(metric, sourceAttributeValue(source)));
     } else if (!sourceDescMapAttr_.empty() && sourceDescMapAttr_ == name) {
       row->addMetric(makeValue(metric, orEmpty(description)));
     } else if (next < count && pairs != nullptr) {

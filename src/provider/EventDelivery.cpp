@@ -23,7 +23,8 @@ bool ResultsManager::sendEventData(ResultInstance* row, StorageBehavior behavior
     XRV_TRACE_DETAIL("Event for attribute group %s did not pass the filter.", getAttributeGroup());
     return false;
   }
-  std::vector<char> packed;
+  // Packed into a buffer the thread keeps: one row after another, no allocation.
+  thread_local std::vector<char> packed;
   bool stored = false;
   bool send = false;
   {

@@ -205,7 +205,7 @@ bool RowPacker::packEvent(ResultsManager& provider, const ResultInstance* row,
                     provider.getAttributeGroup());
     return false;
   }
-  buffer->resize(static_cast<size_t>(meta->rowSize()));
+  buffer->assign(static_cast<size_t>(meta->rowSize()), '\0');  // capacity kept
   char stamp[17];
   UAClientClass::formatTimeStampMillis(fwTimeMillis(), stamp, sizeof stamp);
   char origin[64];

@@ -357,6 +357,13 @@ void UAClientClass::formatTimeStampMillis(int64_t millis, char* buffer, size_t s
   if (buffer == nullptr || size == 0) {
     return;
   }
+  // Events come many to a millisecond: the text of the last one is kept per thread.
+  thread_local int64_t lastMillis = 0;
+  thread_local char lastText[17];
+  if (millis != 0 && millis == lastMillis && size >= sizeof lastText) {
+    memcpy(buffer, lastText, sizeof lastText);
+    return;
+  }
   // Floor division, so that a time before the epoch keeps its milliseconds positive.
   int64_t seconds = millis / 1000;
   int64_t milliseconds = millis % 1000;
@@ -389,6 +396,8 @@ void UAClientClass::formatTimeStampMillis(int64_t millis, char* buffer, size_t s
     put(local.tm_sec, 2);
     put(static_cast<int>(milliseconds), 3);
     *out = '\0';
+    lastMillis = millis;
+    memcpy(lastText, buffer, sizeof lastText);
     return;
   }
   snprintf(buffer, size, "%03d%02d%02d%02d%02d%02d%03d", local.tm_year, local.tm_mon + 1,

@@ -89,6 +89,49 @@ std::string sanitizeUtf8(const char* bytes, size_t length) {
   return text;
 }
 
+namespace {
+
+using Block = char __attribute__((vector_size(16)));
+
+// Lanes of -1 where the 16 bytes at `bytes` are blanks.
+Block blanksIn(const char* bytes) {
+  Block part;
+  memcpy(&part, bytes, sizeof part);
+  return part == Block{' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' ', ' '};
+}
+
+bool allLanes(Block same) {
+  uint64_t halves[2];
+  memcpy(halves, &same, sizeof halves);
+  return (halves[0] & halves[1]) == ~uint64_t{0};
+}
+
+}  // namespace
+
+size_t textLength(const char* bytes, size_t size) {
+  // A text column is padded with blanks to its full size, most of it for a short value
+  // in a wide column: the padding goes first, 64 bytes at a time, and only what is
+  // left is searched for a NUL. (A NUL is no blank: there is none in the padding.)
+  size_t length = size;
+  while (length >= 64 && allLanes(blanksIn(bytes + length - 64) & blanksIn(bytes + length - 48) &
+                                  blanksIn(bytes + length - 32) & blanksIn(bytes + length - 16))) {
+    length -= 64;
+  }
+  while (length >= 16 && allLanes(blanksIn(bytes + length - 16))) {
+    length -= 16;
+  }
+  while (length > 0 && bytes[length - 1] == ' ') {
+    --length;
+  }
+  if (const void* nul = memchr(bytes, '\0', length)) {
+    length = static_cast<size_t>(static_cast<const char*>(nul) - bytes);
+    while (length > 0 && bytes[length - 1] == ' ') {
+      --length;
+    }
+  }
+  return length;
+}
+
 DecodedColumn decodeColumn(const ColumnInfo& column, const char* bytes) {
   DecodedColumn decoded;
   decoded.name = column.name == nullptr ? "" : column.name;
@@ -102,23 +145,7 @@ DecodedColumn decodeColumn(const ColumnInfo& column, const char* bytes) {
     return decoded;
   }
   decoded.kind = DecodedColumn::TEXT;
-  const void* nul = memchr(bytes, '\0', size);
-  size_t length =
-      nul == nullptr ? size : static_cast<size_t>(static_cast<const char*>(nul) - bytes);
-  // A text column is padded with blanks to its full size, most of it for a short value
-  // in a wide column: skip the padding eight bytes at a time.
-  constexpr uint64_t kBlanks = 0x2020202020202020u;
-  while (length >= sizeof kBlanks) {
-    uint64_t word = 0;
-    memcpy(&word, bytes + length - sizeof word, sizeof word);
-    if (word != kBlanks) {
-      break;
-    }
-    length -= sizeof word;
-  }
-  while (length > 0 && bytes[length - 1] == ' ') {
-    --length;
-  }
+  const size_t length = textLength(bytes, size);
   decoded.text = sanitizeUtf8(bytes, length);
   return decoded;
 }

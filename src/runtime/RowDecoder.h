@@ -66,6 +66,10 @@ bool decodeRow(const std::vector<ColumnInfo>& layout, int rowSize, const char* r
 // Decodes one column's bytes: `bytes` points at the column (its `size` bytes).
 DecodedColumn decodeColumn(const ColumnInfo& column, const char* bytes);
 
+// The length of the text in a text column of `size` bytes at `bytes`: up to its first
+// NUL, without the blanks that pad it.
+size_t textLength(const char* bytes, size_t size);
+
 // `bytes` as valid UTF-8: ill-formed sequences (stray continuation bytes, overlong
 // forms, surrogates, cut characters) replaced by U+FFFD.
 std::string sanitizeUtf8(const char* bytes, size_t length);

@@ -17,6 +17,7 @@
 #include <httplib.h>
 #include <nlohmann/json.hpp>
 
+#include "EventRows.h"
 #include "host/AgentApi.h"
 #include "host/EventStreams.h"
 #include "host/HttpServer.h"
@@ -158,11 +159,7 @@ class EventStreamTest : public ::testing::Test {
     limits.threads = 2;
     ring_ = std::make_unique<EventRing>(ringSize);
     for (const char* group : {"Alerts", "Logins"}) {
-      CatalogGroup entry;
-      entry.name = group;
-      entry.table = std::string("XRV") + group;
-      entry.pureEvent = true;
-      catalog_.addGroup(entry);
+      catalog_.addGroup(testing::textGroup(group));
     }
     api_ = std::make_unique<AgentApi>(catalog_, nodes_, *ring_, audit_, "", [] {});
     server_ = std::make_unique<HttpServer>(*api_, limits);
@@ -179,15 +176,10 @@ class EventStreamTest : public ::testing::Test {
 
   // Adds an event whose row carries `text` (padded to `size` bytes); its number.
   uint64_t add(const std::string& group, const std::string& text, size_t size = 0) {
-    StoredEvent event;
-    event.group = group;
-    event.node = "main:XR";
-    event.timeMillis = 1746100800123;
-    JsonWriter row;
-    row.beginObject().key("ORIGINNODE").value("main:XR").key("Text");
-    row.value(text + std::string(size > text.size() ? size - text.size() : 0, '.')).endObject();
-    event.rowJson = row.take();
-    return ring_->add(std::move(event));
+    const CatalogGroup& entry = *catalog_.findGroup(group);
+    const std::string row = testing::packTextRow(
+        entry, "main:XR", text + std::string(size > text.size() ? size - text.size() : 0, '.'));
+    return ring_->add(entry, 1746100800123, row.data(), row.size(), false);
   }
 
   json getJson(const std::string& path) {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 
+#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -11,6 +12,7 @@
 #include <nlohmann/json.hpp>
 
 #include "host/AgentApi.h"
+#include "EventRows.h"
 #include "host/AuditTrail.h"
 #include "host/EventRing.h"
 #include "host/JsonWriter.h"
@@ -101,11 +103,13 @@ TEST(JsonWriter, PlacesCommasInNestedContainers) {
   EXPECT_TRUE(nlohmann::json::accept(json.text()));
 }
 
-StoredEvent event(const char* group, const char* row = "{}") {
-  StoredEvent stored;
-  stored.group = group;
-  stored.rowJson = row;
-  return stored;
+// Adds an event of group `name` (one of A, B, G) whose text is `text`.
+uint64_t add(EventRing& ring, const char* name, const std::string& text = "") {
+  static const CatalogGroup groups[] = {testing::textGroup("A"), testing::textGroup("B"),
+                                        testing::textGroup("G")};
+  const CatalogGroup& group = groups[name[0] == 'A' ? 0 : name[0] == 'B' ? 1 : 2];
+  const std::string row = testing::packTextRow(group, "main:XR", text);
+  return ring.add(group, 1746100800123, row.data(), row.size(), false);
 }
 
 std::vector<uint64_t> seqs(const EventPage& page) {
@@ -119,7 +123,7 @@ std::vector<uint64_t> seqs(const EventPage& page) {
 TEST(EventRing, KeepsTheNewestAndCountsWhatWasDropped) {
   EventRing ring(3);
   for (int i = 0; i < 5; ++i) {
-    EXPECT_EQ(ring.add(event(i % 2 == 0 ? "A" : "B")), static_cast<uint64_t>(i + 1));
+    EXPECT_EQ(add(ring, i % 2 == 0 ? "A" : "B"), static_cast<uint64_t>(i + 1));
   }
   struct Case {
     uint64_t since;
@@ -148,13 +152,57 @@ TEST(EventRing, KeepsTheNewestAndCountsWhatWasDropped) {
   }
 }
 
+// Rows go in packed and come out as the JSON of their columns: padding gone, numbers
+// signed, bytes that are not UTF-8 replaced; a row that does not fit is not filed.
+TEST(EventRing, GivesBackTheRowsItWasGiven) {
+  CatalogGroup group = testing::textGroup("Mixed", 16);
+  group.columns.push_back({"Count", 0, 4, group.rowSize});
+  group.columns.push_back({"Bytes", 6, 8, group.rowSize + 4});
+  group.rowSize += 12;
+  auto pack = [&group](const std::string& text, int32_t count, int64_t bytes) {
+    std::string row = testing::packTextRow(group, "web1:XR", text);
+    memcpy(row.data() + group.rowSize - 12, &count, sizeof count);
+    memcpy(row.data() + group.rowSize - 8, &bytes, sizeof bytes);
+    return row;
+  };
+  struct Case {
+    std::string row;
+    const char* json;  // null: refused
+  } cases[] = {
+      {pack("GET /", 3, 5000000000), R"({"ORIGINNODE":"web1:XR","Text":"GET /","Count":3,"Bytes":5000000000})"},
+      {pack("", -1, -2), R"({"ORIGINNODE":"web1:XR","Text":"","Count":-1,"Bytes":-2})"},
+      {pack("exactly sixteen!", 0, 0), R"({"ORIGINNODE":"web1:XR","Text":"exactly sixteen!","Count":0,"Bytes":0})"},
+      {pack("a\xff b  ", 0, 0), R"({"ORIGINNODE":"web1:XR","Text":"a\ufffd b","Count":0,"Bytes":0})"},
+      {pack("x", 0, 0).substr(0, 20), nullptr},
+  };
+  EventRing ring(10);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.json == nullptr ? "refused" : c.json);
+    const uint64_t seq = ring.add(group, 1746100800123, c.row.data(), c.row.size(), true);
+    if (c.json == nullptr) {
+      EXPECT_EQ(seq, 0u);
+      continue;
+    }
+    ASSERT_NE(seq, 0u);
+    const EventPage page = ring.read(seq, "", 1);
+    ASSERT_EQ(page.events.size(), 1u);
+    const StoredEvent& event = page.events.front();
+    EXPECT_EQ(nlohmann::json::parse(event.rowJson), nlohmann::json::parse(c.json));
+    EXPECT_EQ(event.node, "web1:XR");
+    EXPECT_EQ(event.group, "Mixed");
+    EXPECT_EQ(event.timeMillis, 1746100800123);
+    EXPECT_TRUE(event.continuation);
+  }
+  EXPECT_EQ(ring.read(0, "", 100).events.size(), 4u);
+}
+
 TEST(EventRing, ReadersAndWritersAtOnce) {
   EventRing ring(64);
   std::vector<std::thread> writers;
   for (int w = 0; w < 4; ++w) {
     writers.emplace_back([&ring] {
       for (int i = 0; i < 2000; ++i) {
-        ring.add(event("G", R"({"v":1})"));
+        add(ring, "G", "v");
       }
     });
   }
@@ -183,7 +231,7 @@ TEST(EventRing, AWaiterIsSignalledOfEveryAddHoweverTheyInterleave) {
   constexpr uint64_t kEvents = 200000;
   std::thread writer([&ring] {
     for (uint64_t i = 0; i < kEvents; ++i) {
-      ring.add(event("G"));
+      add(ring, "G");
     }
   });
   // Waits as an event stream does: for the signal, then a look at the ring. A
@@ -202,7 +250,7 @@ TEST(EventRing, AWaiterIsSignalledOfEveryAddHoweverTheyInterleave) {
   ring.takeAddedSignal();
   pollfd wait{ring.addedFd(), POLLIN, 0};
   EXPECT_EQ(poll(&wait, 1, 0), 0);
-  ring.add(event("G"));
+  add(ring, "G");
   EXPECT_EQ(poll(&wait, 1, 0), 1);
   EXPECT_EQ(ring.oldestHeld(), kEvents + 1 - 1000 + 1);
 }

@@ -96,8 +96,9 @@ TEST_F(RowDecoderTest, TextsAreAlwaysValidUtf8) {
 }
 
 TEST_F(RowDecoderTest, PaddingOfAnyLengthIsRemovedAndInnerBlanksKept) {
-  // The padding is skipped a word at a time, then byte by byte: lengths around the
-  // word size, blanks inside the value, and a column that is all padding.
+  // The padding is skipped 64 bytes at a time, then 16, then byte by byte: lengths
+  // around each step, blanks inside the value, a column that is all padding, and NULs
+  // before, inside and after padding-like runs.
   const struct {
     std::string bytes;
     std::string text;
@@ -111,6 +112,14 @@ TEST_F(RowDecoderTest, PaddingOfAnyLengthIsRemovedAndInnerBlanksKept) {
       {std::string(9, ' ') + "lead", std::string(9, ' ') + "lead"},
       {"end\t" + std::string(16, ' '), "end\t"},  // only blanks are padding
       {"nul" + std::string(8, ' ') + std::string(1, '\0') + "zzzzzzzz", "nul"},
+      {"x" + std::string(63, ' '), "x"},
+      {"x" + std::string(64, ' '), "x"},
+      {"x" + std::string(127, ' '), "x"},
+      {std::string(2048, ' '), ""},
+      {"a" + std::string(70, ' ') + "b" + std::string(200, ' '), "a" + std::string(70, ' ') + "b"},
+      {"ab" + std::string(1, '\0') + std::string(100, ' ') + "tail" + std::string(60, ' '), "ab"},
+      {"ab " + std::string(1, '\0') + std::string(300, 'z'), "ab"},
+      {std::string(1, '\0') + std::string(80, 'z') + std::string(80, ' '), ""},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(testing::PrintToString(c.bytes));
