@@ -287,6 +287,25 @@ const MatchResult& Matcher::match(std::string_view line) {
   return result_;
 }
 
+Matcher::Fit Matcher::fit(std::string_view text) {
+  const auto subject = reinterpret_cast<PCRE2_SPTR>(text.data());
+  for (const PatternSet::Compiled& pattern : set_->patterns_) {
+    if (pcre2_match(pattern.code, subject, text.size(), 0, 0, data_, context_) >= 0) {
+      return Fit::Complete;
+    }
+  }
+  // A hard partial match prefers "more text could match" to a match found: only
+  // asked once no filter matches as the text stands. (JIT code is compiled for
+  // complete matches only; PCRE2 runs these on its interpreter.)
+  for (const PatternSet::Compiled& pattern : set_->patterns_) {
+    if (pcre2_match(pattern.code, subject, text.size(), 0, PCRE2_PARTIAL_HARD, data_, context_) ==
+        PCRE2_ERROR_PARTIAL) {
+      return Fit::Partial;
+    }
+  }
+  return Fit::None;
+}
+
 void Matcher::fill(std::size_t index, std::string_view line) {
   const PatternSet::Compiled& pattern = set_->patterns_[index];
   const PCRE2_SIZE* ovector = pcre2_get_ovector_pointer(data_);

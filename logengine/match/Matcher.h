@@ -142,6 +142,12 @@ class Matcher {
   // matches. The result's views stay valid until the next call or until `line` dies.
   const MatchResult& match(std::string_view line);
 
+  // How the filters take `text`: Complete when one matches it as it stands, Partial
+  // when none does but one could once more text is appended (the text ran out while
+  // the filter was still matching), else None. Counts nothing in the statistics.
+  enum class Fit { None, Partial, Complete };
+  Fit fit(std::string_view text);
+
   const PatternSet& patterns() const { return *set_; }
   const std::vector<PatternStats>& stats() const { return stats_; }
   // Records dropped because a filter reached a limit.

@@ -17,11 +17,11 @@ bool appendBounded(std::string& to, std::string_view text, std::size_t limit) {
   return kept.size() == text.size();
 }
 
-std::string_view withoutLineEnd(std::string_view text) {
-  if (!text.empty() && text.back() == '\n') {
-    text.remove_suffix(1);
-  }
-  return text;
+// Line `i` of `lines`, whose lines start at `starts` (and are joined by line feeds).
+std::string_view lineAt(std::string_view lines, const std::vector<std::size_t>& starts,
+                        std::size_t i) {
+  const std::size_t end = i + 1 < starts.size() ? starts[i + 1] - 1 : lines.size();
+  return lines.substr(starts[i], end - starts[i]);
 }
 
 }  // namespace
@@ -45,6 +45,17 @@ RecordBuilder::RecordBuilder(std::shared_ptr<const RecordRules> rules) : rules_(
       }
     }
     pairs_.push_back({attribute.name.c_str(), ""});
+  }
+  if (r.boundary_ && r.document_.recordSet->boundary == MdlRecordSet::Boundary::End) {
+    for (const RecordRules::Attribute& attribute : r.attributes_) {
+      for (const RecordRules::Filter& filter : attribute.filters) {
+        for (const RecordRules::TermRun& run : filter.runs) {
+          if (!filter.drop && run.input.source == Source::Record) {
+            joinMatchers_.push_back(std::make_unique<Matcher>(run.set));
+          }
+        }
+      }
+    }
   }
   replaced_.resize(r.attributes_.size());
   hasReplaced_.resize(r.attributes_.size());
@@ -92,7 +103,7 @@ void RecordBuilder::completeLine(std::string_view line, bool truncated,
   } else if (rules_->document_.recordSet->boundary == MdlRecordSet::Boundary::Start) {
     addStartLine(line, truncated, onRecord);
   } else {
-    addEndLine(line, truncated, onRecord);
+    addEndLine(line, truncated, lines_, onRecord);
   }
 }
 
@@ -121,68 +132,99 @@ void RecordBuilder::addStartLine(std::string_view line, bool truncated,
   }
 }
 
-void RecordBuilder::addEndLine(std::string_view line, bool truncated,
+// END: a line on which the pattern matches (with its line feed, as the format
+// language writes it) may begin a record of several lines. The following lines are
+// joined to it while a keep filter on the record could still match the joined text,
+// and the record ends with the line that completes a match. When no filter can take
+// the next line along, the first line goes out alone and the lines after it are
+// looked at again. Every other line is a record of its own.
+void RecordBuilder::addEndLine(std::string_view line, bool truncated, std::uint64_t number,
                                const RecordHandler& onRecord) {
-  if (record_.empty() && !overflow_) {
-    openLine_ = lines_;
-    recordTruncated_ = false;
-  }
-  recordTruncated_ = recordTruncated_ || truncated;
-  const std::size_t limit = rules_->maxRecordBytes_;
-  if (!overflow_ && record_.size() + line.size() + 1 <= limit) {
-    record_ += line;
-    record_ += '\n';
-    cutAtEnds(onRecord);
-    return;
-  }
-  // The record outgrows the bound: what does not fit is dropped, and its end is looked
-  // for in each further line on its own.
-  overflow_ = true;
-  recordTruncated_ = true;
-  scratch_.assign(line);
-  scratch_ += '\n';
-  const std::size_t end = findEnd(scratch_);
-  appendBounded(record_, std::string_view(scratch_).substr(0, end == 0 ? scratch_.size() : end),
-                limit);
-  if (end == 0) {
-    return;
-  }
-  handOut(withoutLineEnd(record_), true, openLine_, onRecord);
-  overflow_ = false;
-  recordTruncated_ = false;
-  openLine_ = lines_;
-  record_.clear();
-  appendBounded(record_, std::string_view(scratch_).substr(end), limit);
-  cutAtEnds(onRecord);
-}
-
-void RecordBuilder::cutAtEnds(const RecordHandler& onRecord) {
-  while (!record_.empty()) {
-    const std::size_t end = findEnd(record_);
-    if (end == 0) {
+  if (!recordOpen_) {
+    if (truncated || !startsRecord(line)) {
+      handOut(line, truncated, number, onRecord);
       return;
     }
-    const std::string_view done(record_.data(), end);
-    handOut(withoutLineEnd(done), recordTruncated_, openLine_, onRecord);
-    openLine_ += static_cast<std::uint64_t>(std::count(done.begin(), done.end(), '\n'));
+    record_.assign(line);
+    lineStarts_.assign(1, 0);
+    recordOpen_ = true;
     recordTruncated_ = false;
-    record_.erase(0, end);
+    openLine_ = number;
+    return;
   }
+  const std::size_t before = record_.size();
+  if (!truncated && before + 1 + line.size() <= rules_->maxRecordBytes_) {
+    record_ += '\n';
+    record_ += line;
+    switch (joinedFit(record_)) {
+      case Matcher::Fit::Complete:
+        recordOpen_ = false;
+        handOut(record_, false, openLine_, onRecord);
+        record_.clear();
+        return;
+      case Matcher::Fit::Partial:
+        lineStarts_.push_back(before + 1);
+        return;
+      case Matcher::Fit::None:
+        record_.resize(before);
+        break;
+    }
+  }
+  breakUpRecord(line, truncated, number, onRecord);
 }
 
-// Where the //RECORDSET END pattern ends the text, 0 when it does not. A match that
-// ends where a line's text ends takes the line end along.
-std::size_t RecordBuilder::findEnd(std::string_view text) {
-  const MatchResult& match = boundary_->match(text);
-  if (!match.matched() || match.fields[0].data() == nullptr) {
-    return 0;
+bool RecordBuilder::startsRecord(std::string_view line) {
+  if (joinMatchers_.empty()) {
+    return false;  // nothing could join lines
   }
-  std::size_t end =
-      static_cast<std::size_t>(match.fields[0].data() - text.data()) + match.fields[0].size();
-  if (end < text.size() && text[end] == '\n') {
-    ++end;
+  scratch_.assign(line);
+  scratch_ += '\n';
+  return boundary_->match(scratch_).matched();
+}
+
+Matcher::Fit RecordBuilder::joinedFit(std::string_view text) {
+  Matcher::Fit best = Matcher::Fit::None;
+  for (const std::unique_ptr<Matcher>& matcher : joinMatchers_) {
+    const Matcher::Fit fit = matcher->fit(text);
+    if (fit == Matcher::Fit::Complete) {
+      return fit;
+    }
+    if (fit == Matcher::Fit::Partial) {
+      best = fit;
+    }
   }
-  return end;
+  return best;
+}
+
+RecordBuilder::BrokenRecord& RecordBuilder::takeOpenRecord() {
+  if (brokenDepth_ == broken_.size()) {
+    broken_.emplace_back();
+  }
+  BrokenRecord& held = broken_[brokenDepth_];
+  held.lines.swap(record_);
+  held.starts.swap(lineStarts_);
+  record_.clear();
+  lineStarts_.clear();
+  recordOpen_ = false;
+  return held;
+}
+
+// The open record cannot take `line` along: its first line is a record of its own,
+// and its other lines and `line` are fed again, in order.
+void RecordBuilder::breakUpRecord(std::string_view line, bool truncated, std::uint64_t number,
+                                  const RecordHandler& onRecord) {
+  const BrokenRecord& held = takeOpenRecord();
+  struct Level {
+    std::size_t& depth;
+    explicit Level(std::size_t& d) : depth(++d) {}
+    ~Level() { --depth; }
+  } level(brokenDepth_);
+  const std::uint64_t first = openLine_;
+  handOut(lineAt(held.lines, held.starts, 0), false, first, onRecord);
+  for (std::size_t i = 1; i < held.starts.size(); ++i) {
+    addEndLine(lineAt(held.lines, held.starts, i), false, first + i, onRecord);
+  }
+  addEndLine(line, truncated, number, onRecord);
 }
 
 void RecordBuilder::handOut(std::string_view record, bool truncated, std::uint64_t line,
@@ -206,16 +248,19 @@ void RecordBuilder::flushPending(const RecordHandler& onRecord) {
   if (lineOpen_) {
     finishCutLine(onRecord);
   }
-  handOutOpen(onRecord);
-  if (!record_.empty()) {  // END: the text collected since the last end
-    handOut(withoutLineEnd(record_), recordTruncated_, openLine_, onRecord);
-    record_.clear();
-    overflow_ = false;
-    recordTruncated_ = false;
+  if (!recordOpen_ || rules_->document_.recordSet->boundary == MdlRecordSet::Boundary::Start) {
+    handOutOpen(onRecord);
+    return;
+  }
+  // END: the lines of a record still open go out one by one, as they were no record
+  // of several lines.
+  const BrokenRecord& held = takeOpenRecord();
+  for (std::size_t i = 0; i < held.starts.size(); ++i) {
+    handOut(lineAt(held.lines, held.starts, i), false, openLine_ + i, onRecord);
   }
 }
 
-bool RecordBuilder::hasPending() const { return lineOpen_ || recordOpen_ || !record_.empty(); }
+bool RecordBuilder::hasPending() const { return lineOpen_ || recordOpen_; }
 
 std::uint64_t RecordBuilder::oversizedRecords() const { return oversized_; }
 

@@ -12,6 +12,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <span>
@@ -150,13 +151,23 @@ class RecordBuilder {
 
  private:
   using Source = RecordRules::Source;
+  // END: the lines of a record being broken up, and where each starts.
+  struct BrokenRecord {
+    std::string lines;
+    std::vector<std::size_t> starts;
+  };
 
   void completeLine(std::string_view line, bool truncated, const RecordHandler& onRecord);
   void finishCutLine(const RecordHandler& onRecord);
   void addStartLine(std::string_view line, bool truncated, const RecordHandler& onRecord);
-  void addEndLine(std::string_view line, bool truncated, const RecordHandler& onRecord);
-  void cutAtEnds(const RecordHandler& onRecord);
-  std::size_t findEnd(std::string_view text);
+  void addEndLine(std::string_view line, bool truncated, std::uint64_t number,
+                  const RecordHandler& onRecord);
+  bool startsRecord(std::string_view line);
+  Matcher::Fit joinedFit(std::string_view text);
+  void breakUpRecord(std::string_view line, bool truncated, std::uint64_t number,
+                     const RecordHandler& onRecord);
+  // Takes the open record's lines out of record_ into a buffer of broken_ and closes it.
+  BrokenRecord& takeOpenRecord();
   void handOut(std::string_view record, bool truncated, std::uint64_t line,
                const RecordHandler& onRecord);
   void handOutOpen(const RecordHandler& onRecord);
@@ -168,15 +179,23 @@ class RecordBuilder {
   std::unique_ptr<Matcher> boundary_;
   std::unique_ptr<Matcher> fieldMatcher_;
   std::vector<std::unique_ptr<Matcher>> runMatchers_;  // one per TermRun, in rule order
+  // END: the keep filters on the whole record, asked how far a record goes (their own
+  // matchers, so that the statistics count records, not attempts).
+  std::vector<std::unique_ptr<Matcher>> joinMatchers_;
 
   // Record assembly.
   std::string line_;  // the pieces of a cut line joined so far
   bool lineOpen_ = false;
   bool lineTruncated_ = false;
-  std::string record_;  // START: the open record; END: the text collected so far
+  std::string record_;  // the open record: its lines joined by line feeds
   bool recordOpen_ = false;
   bool recordTruncated_ = false;
-  bool overflow_ = false;  // END: the record outgrew the bound, lines are looked at alone
+  std::vector<std::size_t> lineStarts_;  // END: where each line of the open record starts
+  // END: the lines of records being broken up, one entry per nesting level (a line fed
+  // again may open and break up a record of its own). Buffers swap with record_ and
+  // lineStarts_, so that their storage is reused.
+  std::deque<BrokenRecord> broken_;
+  std::size_t brokenDepth_ = 0;
   std::string scratch_;
   std::uint64_t lines_ = 0;
   std::uint64_t openLine_ = 0;  // the line the record being collected starts on

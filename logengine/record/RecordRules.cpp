@@ -65,10 +65,6 @@ void RecordRules::compileRecordSet(const MatchLimits& limits) {
   }
   const MdlRecordSet& recordSet = *document_.recordSet;
   PatternSpec boundary{PatternKind::Scan, recordSet.pattern, {}, {}};
-  if (recordSet.boundary == MdlRecordSet::Boundary::End) {
-    // Where the match ends is where the record ends.
-    boundary.fields.push_back({"match", "0"});
-  }
   try {
     boundary_ = PatternSet::compile({std::move(boundary)}, limits);
   } catch (const PatternError& error) {

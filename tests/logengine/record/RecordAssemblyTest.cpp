@@ -50,36 +50,6 @@ TEST(RecordAssembly, JoinsLinesByTheRecordSet) {
        lines({"S1", "S2"}),
        {"S1"},
        {"S2"}},
-      {"END: the record ends with the line the match ends",
-       "//RECORDSET END(0,regex,(?m)^()[ \\t]*Start (\\S+)\\r?\\n)",
-       lines({"a", "Start 1", "b", "  Start 2", "Start"}),
-       {"a\nStart 1", "b\n  Start 2"},
-       {"Start"}},
-      {"END: a match at a line's end takes the line end along",
-       "//RECORDSET END(0,regex,(?m)^END$)",
-       lines({"x", "END", "ENDING", "END"}),
-       {"x\nEND", "ENDING\nEND"},
-       {}},
-      {"END: a match inside a line ends the record there",
-       "//RECORDSET END(0,regex,;)",
-       lines({"a;b;c", "d", "e;"}),
-       {"a;", "b;", "c\nd\ne;"},
-       {}},
-      {"END: paragraphs between empty lines",
-       "//RECORDSET END(0,regex,(?m)^$)",
-       lines({"a", "b", "", "c", "", ""}),
-       {"a\nb\n", "c\n", ""},
-       {}},
-      {"END: an empty match at the start ends nothing",
-       "//RECORDSET END(0,regex,^)",
-       lines({"a", "b"}),
-       {},
-       {"a\nb"}},
-      {"END: several lines in one pattern",
-       "//RECORDSET END(0,regex,begin\\n[^\\n]*\\n)",
-       lines({"x", "begin", "y", "z"}),
-       {"x\nbegin\ny"},
-       {"z"}},
   };
   for (const AssemblyCase& c : cases) {
     SCOPED_TRACE(c.what);
@@ -90,6 +60,57 @@ TEST(RecordAssembly, JoinsLinesByTheRecordSet) {
     EXPECT_FALSE(builder.hasPending());
     EXPECT_EQ(builder.oversizedRecords(), 0u);
   }
+}
+
+// END as the format language writes it: the pattern names the first lines of the
+// formats that span lines, and the filters decide where such a record ends.
+TEST(RecordAssembly, EndJoinsTheLinesAFilterCanStillMatch) {
+  const std::string mdl =
+      "//RECORDSET  END(0,regex,(?m)^()[ \\t]*Start (\\S+)\\r?\\n|^()[ \\t]*Begin\\r?\\n)\n"
+      "//ATTRIBUTES NEWLINE\n"
+      "v Z 99 +FILTER={ScanRegEx(0,^()[ \\t]*Start (\\S+)\\r?\\nline two (\\S+)[ \\t]*()$) OR "
+      "ScanRegEx(0,^()[ \\t]*Begin\\r?\\nmid (\\S+)\\r?\\nend[ \\t]*()$) OR "
+      "ScanRegEx(0,^()[ \\t]*Disk (\\S+) is full[ \\t]*()$)}\n";
+  const AssemblyCase cases[] = {
+      {"the lines of a format that spans lines become one record", "",
+       lines({"Disk sda is full", "Start 1", "line two x", "after"}),
+       {"Disk sda is full", "Start 1\nline two x", "after"},
+       {}},
+      {"three lines", "", lines({"Begin", "mid 7", "end", "x"}), {"Begin\nmid 7\nend", "x"}, {}},
+      {"a first line that is not continued goes out alone, and the next line starts anew", "",
+       lines({"Start 1", "Start 2", "line two y"}),
+       {"Start 1", "Start 2\nline two y"},
+       {}},
+      {"the lines of a record that falls apart are looked at again", "",
+       lines({"Begin", "Start 4", "line two z", "y"}),
+       {"Begin", "Start 4\nline two z", "y"},
+       {}},
+      {"a record still open when the file goes quiet goes out line by line", "",
+       lines({"x", "Begin", "mid 1"}),
+       {"x"},
+       {"Begin", "mid 1"}},
+  };
+  for (const AssemblyCase& c : cases) {
+    SCOPED_TRACE(c.what);
+    RecordBuilder builder(rulesFor(mdl));
+    EXPECT_EQ(texts(feed(builder, c.pieces, false)), c.beforeFlush);
+    EXPECT_EQ(builder.hasPending(), !c.fromFlush.empty());
+    EXPECT_EQ(texts(feed(builder, {}, true)), c.fromFlush);
+    EXPECT_FALSE(builder.hasPending());
+  }
+  // The line numbers of records, joined or broken up.
+  RecordBuilder numbered(rulesFor(mdl));
+  EXPECT_EQ(feed(numbered, lines({"a", "Begin", "Start 4", "line two z", "b"})),
+            (std::vector<Handed>{{"a", 1}, {"Begin", 2}, {"Start 4\nline two z", 3}, {"b", 5}}));
+  // Without a keep filter on the record nothing can join lines: each is a record.
+  RecordBuilder unfiltered(rulesFor("//RECORDSET END(0,regex,Start)\n//ATTRIBUTES NEWLINE\nv Z 9\n"));
+  EXPECT_EQ(texts(feed(unfiltered, lines({"Start 1", "line two x"}))),
+            (Records{"Start 1", "line two x"}));
+  // A line that would take the record beyond the bound breaks it up.
+  RecordBuilder bounded(rulesFor(mdl, 16));
+  EXPECT_EQ(texts(feed(bounded, lines({"Start 1", "line two toolongvalue"}))),
+            (Records{"Start 1", "line two toolong"}));
+  EXPECT_EQ(bounded.oversizedRecords(), 1u);
 }
 
 TEST(RecordAssembly, AfterAFlushLinesBeforeTheNextStartLineAreRecordsOfTheirOwn) {
@@ -104,7 +125,6 @@ TEST(RecordAssembly, TellsTheLineEachRecordStartsOn) {
       {"", {{"a", 1}, {"bcd", 2}, {"e;f", 3}, {"g;", 4}}},
       {"//RECORDSET START(0,regex,;)", {{"a", 1}, {"bcd", 2}, {"e;f", 3}, {"g;", 4}}},
       {"//RECORDSET START(0,regex,^[ae])", {{"a\nbcd", 1}, {"e;f\ng;", 3}}},
-      {"//RECORDSET END(0,regex,;)", {{"a\nbcd\ne;", 1}, {"f\ng;", 3}}},
   };
   for (const auto& [recordSet, expected] : cases) {
     SCOPED_TRACE(recordSet);
@@ -161,16 +181,6 @@ TEST(RecordAssembly, DropsWhatGoesBeyondTheBoundAndCountsTheRecord) {
        "//RECORDSET START(0,regex,^S)",
        lines({"S1", "abcdef", "gh", "S2", "x"}),
        {"S1\nabcde", "S2\nx"},
-       1},
-      {"END: the end is still found",
-       "//RECORDSET END(0,regex,(?m)^E$)",
-       lines({"aaaa", "bbbb", "cccc", "E", "c", "E"}),
-       {"aaaa\nbbb", "c\nE"},
-       1},
-      {"END: the rest of the ending line starts the next record",
-       "//RECORDSET END(0,regex,;)",
-       lines({"aaaaaaa", "bb;cc", "d;"}),
-       {"aaaaaaa", "cc\nd;"},
        1},
   };
   for (const OversizeCase& c : cases) {
