@@ -24,7 +24,7 @@ using XRV::SettingTrace;
 
 const char kIntroduction[] = R"(# Settings
 
-<!-- Generated from the settings table (src/framework/Settings.cpp) by
+<!-- Generated from the settings table (src/framework/SettingsTable.cpp) by
      `cmake --build build --target settings-doc`; do not edit by hand. -->
 
 Every setting the agent reads. A setting is a configuration property: it is looked up
