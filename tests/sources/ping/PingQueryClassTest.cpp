@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <fstream>
 #include <map>
 #include <memory>
@@ -12,6 +13,7 @@
 
 #include "../../provider/ProviderTestSupport.h"
 #include "NetworkNamespace.h"
+#include "PingTestSupport.h"
 #include "definition/AgentSettings.h"
 #include "definition/AttributeGroupMeta.h"
 #include "definition/DefinitionCheck.h"
@@ -323,6 +325,41 @@ TEST(PingResolverTest, NamesResolveInParallelWithinTheirBound) {
       child.check(resolved[2] == "127.0.0.9", "a numeric name: " + resolved[2]);
     }
   });
+}
+
+}  // namespace
+
+namespace {
+
+// The example definition pings what its list file names.
+TEST(PingExampleTest, TheExampleDefinitionPingsItsListFile) {
+  if (!canPing()) {
+    GTEST_SKIP() << "no ICMP socket can be opened here";
+  }
+  XRV::testing::ConfigurationFile file;
+  ASSERT_TRUE(file.load("[agent]\nPING_LIST_DIR = " XRV_EXAMPLES_DIR "/definitions/ping\n"));
+  DefinitionCheck check;
+  ASSERT_TRUE(check.checkFile(XRV_EXAMPLES_DIR "/definitions/ping.xml")) << check.error()->message;
+  EXPECT_TRUE(check.warnings().empty()) << check.warnings().front().message;
+  PingQueryClass* lan = nullptr;
+  for (UAClientClass* provider = queryClassList().getFirst(); provider != nullptr;
+       provider = static_cast<UAClientClass*>(provider->getNextElement())) {
+    provider->setAttributeGroupMeta(findAttributeGroupMeta(provider->getAttributeGroup()));
+    if (strcmp(provider->getAttributeGroup(), "Lan_Ping") == 0) {
+      lan = static_cast<PingQueryClass*>(provider);
+    }
+  }
+  ASSERT_NE(lan, nullptr);
+  lan->start();
+  std::vector<std::string> hosts;
+  for (const Row& row : collect(*lan)) {
+    hosts.push_back(row.at("Host"));
+    if (row.at("Host") != "::1" || XRV::testing::hasIPv6Loopback()) {
+      EXPECT_EQ(row.at("State"), "answered") << row.at("Host");
+    }
+  }
+  EXPECT_EQ(hosts, (std::vector<std::string>{"127.0.0.1", "::1", "localhost", "127.0.0.53"}));
+  resetDefinitionState();
 }
 
 }  // namespace
