@@ -43,6 +43,13 @@ void setNonBlocking(int fd) {
   ioctl(fd, FIONBIO, &on);
 }
 
+// Replies carry the time the kernel received them: read in batches, their response
+// times stay exact.
+void stampReplies(int fd) {
+  int on = 1;
+  setsockopt(fd, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on);
+}
+
 void enlargeReceiveBuffer(int fd) {
   int bytes = kReceiveBufferBytes;
   if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) != 0) {
@@ -146,6 +153,7 @@ bool Ping::initFamily(int family) {
   }
   setNonBlocking(fd);
   enlargeReceiveBuffer(fd);
+  stampReplies(fd);
   (v4 ? ipv4Socket_ : ipv6Socket_) = fd;
   return true;
 }

@@ -23,6 +23,7 @@ constexpr int kBatch = 64;          // requests per system call, replies per rea
 constexpr int kPacketSlot = 32;     // bytes per prepared request (18 used)
 constexpr int kSendRetries = 50;    // waits for room in a full send buffer ...
 constexpr int kSendRetryWaitMs = 10;  // ... of at most this long each
+constexpr int kGatherWhileSendingMs = 1;
 
 }  // namespace
 
@@ -37,11 +38,12 @@ struct Ping::SendBatch {
   alignas(8) uint8_t packets[kBatch][kPacketSlot];
 };
 
-// Replies read in one system call.
+// Replies read in one system call, each with the time the kernel received it.
 struct Ping::ReceiveBatch {
   mmsghdr messages[kBatch];
   iovec vectors[kBatch];
   sockaddr_storage sources[kBatch];
+  alignas(cmsghdr) char controls[kBatch][CMSG_SPACE(sizeof(timespec))];
   char buffers[kBatch][XRV::icmp::kBufferSize];
 };
 
@@ -79,6 +81,24 @@ struct Ping::RunTable {
     return true;
   }
 };
+
+namespace {
+
+// When the kernel received the datagram (wall-clock milliseconds); `readAt` when it
+// did not say.
+int64_t arrivalOf(msghdr& message, int64_t readAt) {
+  for (cmsghdr* control = CMSG_FIRSTHDR(&message); control != nullptr;
+       control = CMSG_NXTHDR(&message, control)) {
+    if (control->cmsg_level == SOL_SOCKET && control->cmsg_type == SCM_TIMESTAMPNS) {
+      timespec stamp;
+      memcpy(&stamp, CMSG_DATA(control), sizeof stamp);
+      return stamp.tv_sec * 1000LL + stamp.tv_nsec / 1000000;
+    }
+  }
+  return readAt;
+}
+
+}  // namespace
 
 void* asyncReceiverThread(void* engine) {
   static_cast<Ping*>(engine)->receiveLoop();
@@ -254,7 +274,7 @@ void Ping::sendAll(List* targets, int burstSize, int burstDelayMs) {
     ++target->attempts;
     if (socket == 0) {
       XRV_TRACE_ERROR("Socket not available to ping %s", target->getResolvedAddress());
-      target->sendTime.store(fwMonotonicMillis(), std::memory_order_relaxed);
+      target->sendTime.store(fwTimeMillis(), std::memory_order_relaxed);
       target->state.store(PingTarget::STATE_SEND_FAILED, std::memory_order_release);
     } else {
       if (batch.count > 0 && batch.socket != socket) {
@@ -287,8 +307,9 @@ void Ping::flush(SendBatch& batch) {
   if (batch.count == 0) {
     return;
   }
-  const int64_t now = fwMonotonicMillis();
-  const auto stamp = static_cast<uint32_t>(fwTimeMillis());
+  // Wall-clock time, as the kernel stamps the replies.
+  const int64_t now = fwTimeMillis();
+  const auto stamp = static_cast<uint32_t>(now);
   const uint16_t v6Identifier = static_cast<uint16_t>(gettid());
   for (int k = 0; k < batch.count; ++k) {
     PingTarget* target = batch.targets[k];
@@ -346,6 +367,11 @@ void Ping::receiveLoop() {
     }
     const int64_t sendDone = sendDoneMillis_.load();
     if (sendDone < 0) {
+      // While requests go out, replies are let gather for a moment: one read takes
+      // many, and the kernel's stamps keep their times exact. The end of sending
+      // cuts the pause short.
+      pollfd sendingDone{wakeFd_, POLLIN, 0};
+      poll(&sendingDone, 1, kGatherWhileSendingMs);
       wait = timeout;
       continue;
     }
@@ -389,8 +415,10 @@ int Ping::drainSocket(int socket, bool ipv4) {
   ReceiveBatch& batch = *receiveBatch_;
   int total = 0;
   for (;;) {
-    for (mmsghdr& message : batch.messages) {
-      message.msg_hdr.msg_namelen = sizeof(sockaddr_storage);
+    for (int i = 0; i < kBatch; ++i) {
+      batch.messages[i].msg_hdr.msg_namelen = sizeof(sockaddr_storage);
+      batch.messages[i].msg_hdr.msg_control = batch.controls[i];
+      batch.messages[i].msg_hdr.msg_controllen = sizeof batch.controls[i];
     }
     const int received = recvmmsg(socket, batch.messages, kBatch, MSG_DONTWAIT, nullptr);
     if (received <= 0) {
@@ -399,14 +427,14 @@ int Ping::drainSocket(int socket, bool ipv4) {
       }
       return total;
     }
-    const int64_t arrival = fwMonotonicMillis();
+    const int64_t readAt = fwTimeMillis();
     for (int i = 0; i < received; ++i) {
       const auto* source = reinterpret_cast<const sockaddr*>(&batch.sources[i]);
       if ((source->sa_family == AF_INET) != ipv4) {
         continue;
       }
       validateResponse(source, batch.buffers[i], static_cast<int>(batch.messages[i].msg_len),
-                       arrival);
+                       arrivalOf(batch.messages[i].msg_hdr, readAt));
     }
     total += received;
     if (received < kBatch) {
