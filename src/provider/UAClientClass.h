@@ -116,6 +116,9 @@ class UAClientClass : public ListElement {
   // status groups show them); a copy, safe beside a collection.
   virtual int getCollectionReturnCode() { return 0; }
   virtual std::string getCollectionStdErr() { return ""; }
+  // What the data source says about how it collects or why it cannot (the ping
+  // source: which ICMP sockets it uses); "" when it has nothing to say.
+  virtual std::string getCollectionDetail() { return ""; }
 
   // --- Where rows are reported ---
   // The managed system name event rows carry; the agent's own when not set (subnode

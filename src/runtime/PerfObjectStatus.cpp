@@ -22,6 +22,7 @@ struct ProviderStatus {
   std::string objectName;
   std::string subnodeKey;
   std::string standardError;
+  std::string detail;
   int objectType = 0;
   int status = PERF_OBJECT_ACTIVE;
   int errorCode = OBJECT_ACTIVE;
@@ -45,6 +46,7 @@ ProviderStatus statusOf(UAClientClass* provider) {
   s.errorCode = provider->getPerfErrorCode();
   s.returnCode = provider->getCollectionReturnCode();
   s.standardError = provider->getCollectionStdErr();
+  s.detail = provider->getCollectionDetail();
   return s;
 }
 
@@ -99,6 +101,7 @@ const Field kFields[] = {
     {"Last_Return_Code", [](const ProviderStatus& s) -> long long { return s.returnCode; },
      nullptr},
     {"Last_Standard_Error", none, [](const ProviderStatus& s) { return s.standardError; }},
+    {"Collection_Detail", none, [](const ProviderStatus& s) { return s.detail; }},
 };
 
 void createForGroup(AttributeGroupMeta* group, const char* groupName) {
