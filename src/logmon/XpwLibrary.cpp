@@ -162,8 +162,8 @@ void passLogPositionsDirectory() {
   }
   // The engine learns where to keep its positions only from its environment, when it
   // starts. The variable is set once per process, before the first engine is started
-  // and so before any of the engine's threads exist; they never see it change. Not
-  // overwriting keeps an operator's own XRVLOG_STATE_DIR.
+  // (in the agent, at start-up, before any other thread); the engine's threads never
+  // see it change. Not overwriting keeps an operator's own XRVLOG_STATE_DIR.
   if (setenv(kEngineStateDirVariable, directory.text.c_str(), 0) != 0) {
     XRV_TRACE_ERROR("Cannot set %s: %s", kEngineStateDirVariable, strerror(errno));
     return;

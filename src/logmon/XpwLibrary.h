@@ -65,8 +65,9 @@ inline constexpr const char kEngineStateDirVariable[] = "XRVLOG_STATE_DIR";
 
 // Hands the XRV_LOG_POSITIONS_DIR setting to the engine as XRVLOG_STATE_DIR (making the
 // directory when missing), unless the environment sets XRVLOG_STATE_DIR already. Only
-// the first call of the process acts. Call with cdpHandleLock held, before the engine
-// is started.
+// the first call of the process acts: the agent makes it at start-up, before any other
+// thread runs (setenv is not safe beside a concurrent getenv); the engine's start calls
+// it again, with cdpHandleLock held, for programs that did not.
 void passLogPositionsDirectory();
 
 PthreadMutex& cdpHandleLock();

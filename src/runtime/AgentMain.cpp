@@ -10,6 +10,7 @@
 #include "framework/Framework.h"
 #include "framework/Settings.h"
 #include "framework/Trace.h"
+#include "logmon/XpwLibrary.h"
 #include "runtime/AgentSignals.h"
 #include "runtime/AgentStartup.h"
 
@@ -47,6 +48,12 @@ int agentMain(int argc, char** argv) {
   if (directory.set && chdir(directory.text.c_str()) != 0) {
     const int error = errno;
     XRV_TRACE_DETAIL("chdir to %s failed, errno = %d", directory.text.c_str(), error);
+  }
+  // The log engine's read-positions directory travels in the environment: set while
+  // this is the only thread, not when the first log group starts the engine.
+  {
+    PthreadMutexLock lock(cdpHandleLock());
+    passLogPositionsDirectory();
   }
   fwInit();
   frameworkMain(argc, argv);
