@@ -164,13 +164,26 @@ class Scan {
   bool endedEarly_ = false;
 };
 
-bool startsWith(const char* text, const char* key, size_t length) {
-  return strncmp(text, key, length) == 0;
+// Whether `text` starts with `key`; a short text fails at its end. Inlined for each
+// literal key: status has some fifty lines, and each is tried against several keys.
+template <size_t N>
+inline bool startsWith(const char* text, const char (&key)[N]) {
+  for (size_t i = 0; i + 1 < N; ++i) {
+    if (text[i] != key[i]) {
+      return false;
+    }
+  }
+  return true;
 }
 
+// A line "KEY value" whose value goes to `field` by `Scan::unsignedNumber`.
 template <size_t N>
-bool startsWith(const char* text, const char (&key)[N]) {
-  return startsWith(text, key, N - 1);
+inline bool vmLine(const char* line, const char (&key)[N], unsigned long* field) {
+  if (!startsWith(line, key)) {
+    return false;
+  }
+  Scan(line + N - 1).unsignedNumber(field);
+  return true;
 }
 
 // The value after `key` of an io line, at full width.
@@ -253,93 +266,111 @@ int parseStatm(const char* line, ps_info* info) {
 }
 
 StatusLine parseStatusLine(const char* line, ps_info* info) {
-  if (startsWith(line, "Name:")) {
-    Scan scan(line + 5);
-    scan.word(info->name, sizeof info->name);
-    return STATUS_NAME;
-  }
-  if (startsWith(line, "State:")) {
-    Scan scan(line + 6);
-    scan.blanks();
-    scan.character(&info->statusState);
-    return STATUS_STATE;
-  }
-  if (startsWith(line, "Pid:")) {
-    Scan(line + 4).signedNumber(&info->statusPid);
-    return STATUS_PID;
-  }
-  if (startsWith(line, "PPid:")) {
-    Scan(line + 5).signedNumber(&info->statusPpid);
-    return STATUS_PPID;
-  }
-  if (startsWith(line, "Uid:") || startsWith(line, "Gid")) {
-    const bool uid = line[0] == 'U';
-    Scan scan(line + (uid ? 4 : 3));
-    if (!uid) {
-      scan.literal(':');
+  switch (line[0]) {
+    case 'N':
+      if (startsWith(line, "Name:")) {
+        Scan(line + 5).word(info->name, sizeof info->name);
+        return STATUS_NAME;
+      }
+      break;
+    case 'S':
+      if (startsWith(line, "State:")) {
+        Scan scan(line + 6);
+        scan.blanks();
+        scan.character(&info->statusState);
+        return STATUS_STATE;
+      }
+      if (startsWith(line, "StaBrk:") || startsWith(line, "StaStk:")) {
+        return STATUS_IGNORED;
+      }
+      break;
+    case 'P':
+      if (startsWith(line, "Pid:")) {
+        Scan(line + 4).signedNumber(&info->statusPid);
+        return STATUS_PID;
+      }
+      if (startsWith(line, "PPid:")) {
+        Scan(line + 5).signedNumber(&info->statusPpid);
+        return STATUS_PPID;
+      }
+      break;
+    case 'U':
+    case 'G': {
+      const bool uid = line[0] == 'U';
+      if (uid ? !startsWith(line, "Uid:") : !startsWith(line, "Gid")) {
+        break;
+      }
+      Scan scan(line + (uid ? 4 : 3));
+      if (!uid) {
+        scan.literal(':');
+      }
+      for (int32_t& id : uid ? info->uid : info->gid) {
+        scan.signedNumber(&id);
+      }
+      return uid ? STATUS_UID : STATUS_GID;
     }
-    for (int32_t& id : uid ? info->uid : info->gid) {
-      scan.signedNumber(&id);
-    }
-    return uid ? STATUS_UID : STATUS_GID;
-  }
-  struct VmKey {
-    const char* key;
-    size_t length;
-    unsigned long ps_info::*field;
-  };
-  static const VmKey kVmKeys[] = {
-      {"VmSize:", 7, &ps_info::vmSize}, {"VmLck:", 6, &ps_info::vmLck},
-      {"VmRSS:", 6, &ps_info::vmRSS},   {"VmData:", 7, &ps_info::vmData},
-      {"VmStk:", 6, &ps_info::vmStk},   {"VmExe:", 6, &ps_info::vmExe},
-      {"VmLib:", 6, &ps_info::vmLib},
-  };
-  if (line[0] == 'V' && line[1] == 'm') {
-    for (const VmKey& key : kVmKeys) {
-      if (startsWith(line, key.key, key.length)) {
-        Scan(line + key.length).unsignedNumber(&(info->*key.field));
+    case 'V':
+      if (line[1] != 'm') {
+        break;
+      }
+      if (vmLine(line, "VmSize:", &info->vmSize) || vmLine(line, "VmLck:", &info->vmLck) ||
+          vmLine(line, "VmRSS:", &info->vmRSS) || vmLine(line, "VmData:", &info->vmData) ||
+          vmLine(line, "VmStk:", &info->vmStk) || vmLine(line, "VmExe:", &info->vmExe) ||
+          vmLine(line, "VmLib:", &info->vmLib)) {
         return STATUS_VM;
       }
-    }
-  }
-  if (startsWith(line, "Threads:")) {
-    Scan(line + 8).signedNumber(&info->threads);
-    return STATUS_THREADS;
-  }
-  if (startsWith(line, "VmPeak:") || startsWith(line, "StaBrk:") || startsWith(line, "StaStk:")) {
-    return STATUS_IGNORED;
+      if (startsWith(line, "VmPeak:")) {
+        return STATUS_IGNORED;
+      }
+      break;
+    case 'T':
+      if (startsWith(line, "Threads:")) {
+        Scan(line + 8).signedNumber(&info->threads);
+        return STATUS_THREADS;
+      }
+      break;
+    default:
+      break;
   }
   return STATUS_SKIPPED;
 }
 
-bool parseIoLine(const char* line, ps_info* info) {
-  struct IoKey {
-    const char* key;
-    size_t length;
-    int32_t ps_info::*field;
-    uint64_t* wide;
-  };
-  const IoKey keys[] = {
-      {"rchar:", 6, &ps_info::readChars, &info->io64.readChars},
-      {"wchar:", 6, &ps_info::writtenChars, &info->io64.writtenChars},
-      {"syscr:", 6, &ps_info::readCalls, &info->io64.readCalls},
-      {"syscw:", 6, &ps_info::writeCalls, &info->io64.writeCalls},
-      {"read_bytes:", 11, &ps_info::readBytes, &info->io64.readBytes},
-      // Without its colon, as it has always been matched.
-      {"write_bytes", 11, &ps_info::writtenBytes, &info->io64.writtenBytes},
-  };
-  for (const IoKey& key : keys) {
-    if (startsWith(line, key.key, key.length)) {
-      Scan scan(line + key.length);
-      if (line[key.length] == ':') {
-        scan.literal(':');
-      }
-      scan.signedNumber(&(info->*key.field));
-      *key.wide = fullWidth(line + key.length);
-      return true;
-    }
+namespace {
+
+// The counter of an io line: its 32-bit field with the wrap of "%d", and its full
+// width.
+template <size_t N>
+inline bool ioLine(const char* line, const char (&key)[N], int32_t* field, uint64_t* wide) {
+  if (!startsWith(line, key)) {
+    return false;
   }
-  return startsWith(line, "cancelled_write_bytes:");
+  Scan scan(line + N - 1);
+  if (line[N - 1] == ':') {
+    scan.literal(':');  // "write_bytes" is matched without its colon, as it always was
+  }
+  scan.signedNumber(field);
+  *wide = fullWidth(line + N - 1);
+  return true;
+}
+
+}  // namespace
+
+bool parseIoLine(const char* line, ps_info* info) {
+  switch (line[0]) {
+    case 'r':
+      return ioLine(line, "rchar:", &info->readChars, &info->io64.readChars) ||
+             ioLine(line, "read_bytes:", &info->readBytes, &info->io64.readBytes);
+    case 'w':
+      return ioLine(line, "wchar:", &info->writtenChars, &info->io64.writtenChars) ||
+             ioLine(line, "write_bytes", &info->writtenBytes, &info->io64.writtenBytes);
+    case 's':
+      return ioLine(line, "syscr:", &info->readCalls, &info->io64.readCalls) ||
+             ioLine(line, "syscw:", &info->writeCalls, &info->io64.writeCalls);
+    case 'c':
+      return startsWith(line, "cancelled_write_bytes:");
+    default:
+      return false;
+  }
 }
 
 size_t cleanCmdline(char* text, size_t length) {
@@ -434,11 +465,12 @@ char* ProcFileReader::terminateLine(char* line) {
     return nullptr;
   }
   char* next = static_cast<char*>(memchr(line, '\n', static_cast<size_t>(end_ - line)));
-  *(next == nullptr ? end_ : next) = '\0';
+  lineEnd_ = next == nullptr ? end_ : next;
+  *lineEnd_ = '\0';
   return line;
 }
 
-char* ProcFileReader::nextLine(char* line) { return terminateLine(line + strlen(line) + 1); }
+char* ProcFileReader::nextLine() { return terminateLine(lineEnd_ + 1); }
 
 bool ProcFileReader::fail(int severity, const char* message) {
   failure_ = Failure{severity, message};
@@ -534,7 +566,7 @@ bool ProcFileReader::readStatus(ps_info* info) {
   bool vm = false;
   bool threads = false;
   int skipped = 0;
-  for (; line != nullptr; line = nextLine(line)) {
+  for (; line != nullptr; line = nextLine()) {
     switch (procfiles::parseStatusLine(line, info)) {
       case procfiles::STATUS_VM:
         vm = true;
@@ -566,7 +598,7 @@ bool ProcFileReader::readIo(ps_info* info) {
   if (line == nullptr) {
     return false;
   }
-  for (; line != nullptr; line = nextLine(line)) {
+  for (; line != nullptr; line = nextLine()) {
     if (*line == '\0') {
       XRV_TRACE_DETAIL("Skipping empty line\n");
     } else {

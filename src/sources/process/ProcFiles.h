@@ -102,10 +102,10 @@ class ProcFileReader {
   // Reads the file started on whole into the buffer (terminated); its length, or -1.
   long readFile(size_t limit);
   // Reads the file `file` whole and returns its first line (terminated), or null
-  // when it could not be read (`unreadable` says so). nextLine gives the next line,
-  // null after the last.
+  // when it could not be read (`unreadable` says so). nextLine gives the line after
+  // the one given last, null after the last.
   char* readLines(const char* file, const char* unreadable);
-  char* nextLine(char* line);
+  char* nextLine();
   char* terminateLine(char* line);
   // Always false: `message` with severity 3, or the process's disappearance.
   bool failRead(const char* message);
@@ -130,6 +130,7 @@ class ProcFileReader {
   size_t rootLength_;      // of root + "/"
   size_t directoryLength_; // of root + "/" + name
   std::unique_ptr<char[]> buffer_;
-  char* end_ = nullptr;  // of the file in the buffer
+  char* end_ = nullptr;      // of the file in the buffer
+  char* lineEnd_ = nullptr;  // of the line readLines or nextLine gave last
   Failure failure_{0, nullptr};
 };

@@ -1,48 +1,20 @@
 // A snapshot in the steady state allocates nothing per process: its allocations do
-// not grow with the number of processes. Counted at malloc, which every allocation of
-// the program goes through (operator new, the C library's own); the sanitizers
-// replace malloc themselves, so under them the test is skipped.
+// not grow with the number of processes (counted at malloc; skipped under the
+// sanitizers, which replace malloc themselves).
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstdlib>
 #include <string>
 
 #include "FakeProc.h"
 #include "sources/process/ProcList.h"
-
-namespace {
-
-std::atomic<long> mallocCalls{0};
-
-}  // namespace
-
-#ifndef XRV_SANITIZED
-extern "C" {
-void* __libc_malloc(size_t size);
-void* __libc_calloc(size_t count, size_t size);
-void* __libc_realloc(void* block, size_t size);
-
-void* malloc(size_t size) {
-  mallocCalls.fetch_add(1, std::memory_order_relaxed);
-  return __libc_malloc(size);
-}
-void* calloc(size_t count, size_t size) {
-  mallocCalls.fetch_add(1, std::memory_order_relaxed);
-  return __libc_calloc(count, size);
-}
-void* realloc(void* block, size_t size) {
-  mallocCalls.fetch_add(1, std::memory_order_relaxed);
-  return __libc_realloc(block, size);
-}
-}
-#endif
+#include "support/CountingMalloc.h"
 
 namespace {
 
 using XRV::testing::FakeProc;
 using XRV::testing::FakeProcess;
+using XRV::testing::mallocCalls;
 
 // A tree of `count` processes of two users, with command lines of every length.
 void fill(FakeProc& proc, int count) {
