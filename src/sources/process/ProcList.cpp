@@ -100,7 +100,6 @@ ProcList::ProcList(StatType statType, const char* procRoot, int readTimeoutMilli
       root_(procRoot == nullptr ? "/proc" : procRoot),
       readTimeoutMillis_(readTimeoutMillis < 1 ? 1 : readTimeoutMillis) {
   XRV_TRACE_FN();
-  path_.resize(root_.size() + 64);
   line_.resize(4096);
   entries_.reserve(kReservedEntries);
   cmdlines_.reserve(65536);
@@ -128,7 +127,6 @@ bool ProcList::refresh() {
   valid_ = false;
   count_ = 0;
   cursor_ = 0;
-  entries_.clear();
   if (shared_ == nullptr) {
     const int fd = open(root_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0) {
@@ -202,6 +200,8 @@ bool ProcList::listDirectory() {
     }
   }
   count_ = static_cast<int>(names_.size() / kNameSize);
+  // Each kept entry is overwritten whole; only entries beyond the last snapshot's are
+  // made (and cleared) here.
   entries_.resize(static_cast<size_t>(count_));
   kept_.assign(static_cast<size_t>(count_), 0);
   cmdlineOffsets_.assign(static_cast<size_t>(count_), 0);

@@ -205,13 +205,12 @@ class ProcList {
   void resolveUserNames();
   int chooseWalkerCount() const;
 
-  // In this order: what is read, the cursor, the count, the uptime, the current
-  // directory path and a line buffer (the calling thread's), and the entries.
+  // In this order: what is read, the cursor, the count, the uptime, a line buffer
+  // (the calling thread's; each walker has its own path and buffer), and the entries.
   StatType statType_;
   int cursor_ = 0;
   int count_ = 0;
   unsigned long secondsSinceBoot_ = 0;
-  std::vector<char> path_;
   std::vector<char> line_;
   std::vector<ps_info> entries_;
 

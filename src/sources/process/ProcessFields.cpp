@@ -95,7 +95,11 @@ using U = const ProcessSampler::Usage&;
 using R = const ProcessRecord&;
 
 const ProcessField kFields[] = {
-    {"Rule", [](R r) { return text(r.rule == nullptr ? "" : r.rule->rule()); }, false},
+    {"Rule",
+     [](R r) {
+       return text(r.rule == nullptr ? std::string_view() : std::string_view(r.rule->rule()));
+     },
+     false},
     {"Process_Count", [](R r) { return number(r.count); }, false},
     {"PID", [](R r) { return ofProcess(r, number(0), [](P p, U) { return number(p.pid); }); },
      false},

@@ -14,6 +14,8 @@ namespace {
 // The kernel's flag of its own threads, in the flags field of stat.
 constexpr unsigned long kKernelThreadFlag = 0x00200000;
 constexpr size_t kDirectoryBufferSize = 16384;
+// Seconds between two samples for the later one to become the next one's base.
+constexpr double kShortestInterval = 1.0;
 
 }  // namespace
 
@@ -79,10 +81,14 @@ bool ProcessSampler::sample(int64_t nowMillis, int64_t monotonicMillis) {
     usage.userPercent = static_cast<double>(user) / ticks / seconds * 100.0;
     usage.systemPercent = static_cast<double>(system) / ticks / seconds * 100.0;
   }
-  std::sort(current_.begin(), current_.end(),
-            [](const Times& a, const Times& b) { return a.pid < b.pid; });
-  previous_.swap(current_);
-  previousMonotonic_ = monotonicMillis;
+  // Samples less than a second apart are measured against the same earlier one: over
+  // a few ticks the percentages would only be noise.
+  if (previousMonotonic_ < 0 || interval >= kShortestInterval) {
+    std::sort(current_.begin(), current_.end(),
+              [](const Times& a, const Times& b) { return a.pid < b.pid; });
+    previous_.swap(current_);
+    previousMonotonic_ = monotonicMillis;
+  }
   return true;
 }
 

@@ -11,6 +11,8 @@
 //     since then;
 //   - a process that started since the previous snapshot: its ticks over its life;
 //   - at the first snapshot: every process's ticks over its life.
+// A sample less than a second after the previous one is measured from the one
+// before (the base moves on only after a second).
 // A process whose stat line could not be read to its times uses none.
 //
 // Steady state: the snapshot's buffers and the previous snapshot's times are reused,

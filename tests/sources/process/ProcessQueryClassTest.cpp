@@ -185,11 +185,29 @@ TEST_F(ProcessQueryClassTest, ProcessorUseComesFromSuccessiveSnapshots) {
   EXPECT_EQ(byPid["30"]["System_CPU_Percent"], "500");
   EXPECT_EQ(byPid["31"]["CPU_Percent"], "5000");
 
+  // Half a second later 0.4 s more: measured from the last sample. Another half second
+  // and 0.1 s more: still from that sample (0.5 s in 1 s), not from the one between.
+  auto busyPercent = [this] {
+    for (Row& row : collect()) {
+      if (row["PID"] == "30") {
+        return row["User_CPU_Percent"];
+      }
+    }
+    return std::string("none");
+  };
+  for (const auto& [ticks, percent] : {std::pair<unsigned long, const char*>{40, "8000"},
+                                       std::pair<unsigned long, const char*>{10, "5000"}}) {
+    clock_.advance(500);
+    busy.userTime += ticks * kTicks / 100;
+    proc_.add(busy);
+    EXPECT_EQ(busyPercent(), percent);
+  }
+
   // A pid taken again by a new process is no continuation of the old one.
   clock_.advance(10000);
-  proc_.setUptime(10030.4);
+  proc_.setUptime(10031.4);
   proc_.add(FakeProcess{.pid = 30, .name = "busy", .userTime = 1 * kTicks,
-                        .startTime = 10025 * kTicks});
+                        .startTime = 10026 * kTicks});
   for (Row& row : collect()) {
     if (row["PID"] == "30") {
       EXPECT_EQ(row["CPU_Percent"], "2000");  // 1 s of its 5
