@@ -26,11 +26,10 @@
 // calling thread watches them. Reading a file of /proc can block for as long as the
 // process it describes is stuck (cmdline waits for the memory lock of a process in
 // uninterruptible sleep); a walker busy on one process for longer than the read
-// time-out is left behind: the snapshot keeps what that walker had read of the
-// process (without its command line), another walker carries on, and the process is
-// skipped in later snapshots (its command line, or the whole process when it was
-// not its command line that blocked) for as long as the left-behind read has not
-// returned. At most kMaxStuckReaders such reads are waited out at a time; beyond
+// time-out is left behind and another walker carries on. The snapshot keeps the
+// process without its command line when that was all that was left to read, and
+// leaves it out otherwise; later snapshots skip its command line (or the whole
+// process) for as long as the left-behind read has not returned. At most kMaxStuckReaders such reads are waited out at a time; beyond
 // that no command line is read until one of them returns.
 //
 // Memory: entries, the command-line texts and every buffer are reused from one
