@@ -48,6 +48,7 @@ enum UA_CLIENT_CLASS_TYPE {
   UA_FILTER = 15,
   UA_SNMP_TRAP = 16,
   UA_PING = 17,
+  UA_PROCESS = 18,  // the process table: process and process_list
   UA_SSH_SCRIPT = 20,
   UA_AVAILABILITY_LIST = 22,
   UA_STATUS = 23,  // the built-in status groups

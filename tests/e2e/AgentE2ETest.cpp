@@ -268,7 +268,7 @@ TEST(AgentE2E, TheDemoRuns) {
       AgentOptions{EXAMPLES_DIR "/demo/demo.xml", EXAMPLES_DIR "/demo/demo.ini", {}});
   ASSERT_TRUE(agent.waitUntilServing()) << agent.standardError();
   // Without the demo script no writer runs: the log groups wait for their files.
-  EXPECT_EQ(get(agent, "/api/v1/tables").second.size(), 16u);
+  EXPECT_EQ(get(agent, "/api/v1/tables").second.size(), 18u);
   const json nodes = getWhen(agent, "/api/v1/nodes", [](const json& n) { return n.size() == 3; });
   ASSERT_EQ(nodes.size(), 3u) << nodes;
   const json temp = get(agent, "/api/v1/tables/Directory_Usage?node=RV:temp:DIR").second;
@@ -278,6 +278,17 @@ TEST(AgentE2E, TheDemoRuns) {
   const json counter = get(agent, "/api/v1/tables/Demo_Counter").second;
   ASSERT_EQ(counter["rows"].size(), 1u) << counter;
   EXPECT_GE(counter["rows"][0]["Count"], 1);
+  // The agent finds itself in the process table.
+  const json processes = get(agent, "/api/v1/tables/Agent_Processes").second;
+  bool self = false;
+  for (const json& row : processes["rows"]) {
+    self = self || (row["Rule"] == "agent" && row["PID"] == agent.pid());
+  }
+  EXPECT_TRUE(self) << processes;
+  const json services = get(agent, "/api/v1/tables/Service_Availability").second;
+  ASSERT_EQ(services["rows"].size(), 4u) << services;
+  EXPECT_EQ(services["rows"][0]["Rule"], "agent");
+  EXPECT_NE(services["rows"][0]["Status"], "DOWN");
   EXPECT_EQ(get(agent, "/healthz").first, 200);
 }
 
