@@ -402,7 +402,7 @@ EventForwarderStatus EventForwarder::status() const {
   MutexLock lock(mutex_);
   status.acknowledged = acknowledged_;
   status.dropped = spool_.dropped() + droppedUnspooled_;
-  status.pendingEvents = spool_.lastSeq() - spool_.acknowledged();
+  status.pendingEvents = spool_.pending();
   status.spoolBytes = spool_.bytes();
   status.lastError = lastError_;
   return status;

@@ -131,10 +131,16 @@ bool EventSpool::open(std::string* error) {
     return false;
   }
 
+  // "<last> <acknowledged>\n"; a missing or damaged file counts as "0 0".
   uint64_t recordedLast = 0;
+  uint64_t recordedAcked = 0;
   std::string text;
-  if (readWhole(path(stream_ + ".last"), &text)) {
-    std::from_chars(text.data(), text.data() + text.size(), recordedLast);
+  if (readWhole(path(stream_ + ".state"), &text)) {
+    const char* end = text.data() + text.size();
+    const auto [next, status] = std::from_chars(text.data(), end, recordedLast);
+    if (status == std::errc() && next != end) {
+      std::from_chars(next + 1, end, recordedAcked);
+    }
   }
 
   DIR* dir = opendir(directory_.c_str());
@@ -161,7 +167,8 @@ bool EventSpool::open(std::string* error) {
     }
   }
   nextSeq_ = std::max(segments_.empty() ? 0 : segments_.back().lastSeq, recordedLast) + 1;
-  acked_ = firstSeq() - 1;
+  acked_ = std::min(std::max(firstSeq() - 1, recordedAcked), nextSeq_ - 1);
+  opened_ = true;
   XRV_TRACE_DETAIL("Event spool %s of stream %s: %zu segments, events %llu to %llu, %llu bytes",
                    directory_.c_str(), stream_.c_str(), segments_.size(),
                    static_cast<unsigned long long>(firstSeq()),
@@ -293,23 +300,23 @@ void EventSpool::deleteFront(const char* why) {
   segments_.pop_front();
   directoryUnsynced_ = true;
   if (segments_.empty()) {
-    recordLastSeq();
+    recordState();
   }
 }
 
-void EventSpool::recordLastSeq() {
+void EventSpool::recordState() {
   XRV_TRACE_FN();
   // Written whole under another name and renamed, so that it is never half there.
-  const std::string file = path(stream_ + ".last");
+  const std::string file = path(stream_ + ".state");
   const std::string temporary = file + ".tmp";
-  const std::string text = std::to_string(nextSeq_ - 1) + "\n";
+  const std::string text = std::to_string(nextSeq_ - 1) + " " + std::to_string(acked_) + "\n";
   const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   const bool written = fd >= 0 && writeAll(fd, text.data(), text.size());
   if (fd >= 0) {
     ::close(fd);
   }
   if (!written || ::rename(temporary.c_str(), file.c_str()) != 0) {
-    XRV_TRACE_ERROR("Cannot record the last event number of stream %s in %s: %s", stream_.c_str(),
+    XRV_TRACE_ERROR("Cannot record the event numbers of stream %s in %s: %s", stream_.c_str(),
                     file.c_str(), std::strerror(errno));
   }
 }
@@ -317,10 +324,12 @@ void EventSpool::recordLastSeq() {
 uint64_t EventSpool::acknowledge(uint64_t seq) {
   XRV_TRACE_FN();
   seq = std::min(seq, nextSeq_ - 1);
+  // Events the spool dropped before are not acknowledged now.
+  const uint64_t before = std::max(acked_, firstSeq() - 1);
   if (seq <= acked_) {
     return 0;
   }
-  const uint64_t newly = seq - acked_;
+  const uint64_t newly = seq > before ? seq - before : 0;
   acked_ = seq;
   while (!segments_.empty() && segments_.front().lastSeq <= acked_) {
     deleteFront("acknowledged");
@@ -387,7 +396,7 @@ bool EventSpool::renumberAfter(uint64_t seq, std::string* error) {
   nextSeq_ = next;
   acked_ = seq;
   directoryUnsynced_ = true;
-  recordLastSeq();
+  recordState();
   return true;
 }
 
@@ -439,6 +448,9 @@ void EventSpool::close() {
   if (appendFd_ >= 0) {
     ::close(appendFd_);
     appendFd_ = -1;
+  }
+  if (opened_) {
+    recordState();
   }
 }
 

@@ -6,8 +6,10 @@
 // The spool directory holds, per stream:
 //   <stream>-<firstSeq>.seg  segments of records "<seq> <length>\n<bytes>\n"
 //                            (EventRecord.h), numbered from the first they hold
-//   <stream>.last            the highest sequence number used, kept when the
-//                            segments that held it are deleted
+//   <stream>.state           the highest sequence number used and the highest
+//                            acknowledged, written when the last segment goes and
+//                            on closing (numbering goes on from it; the
+//                            acknowledged one only keeps the counters exact)
 //   <stream>.lock            locked while a forwarder uses the stream's spool
 //
 // Events are numbered 1, 2, ... and the numbering goes on across restarts. A new
@@ -20,6 +22,7 @@
 // Not thread-safe: EventForwarder holds its lock around every call. SpoolReader reads
 // segment files without that lock, within the bounds that locate() gave it.
 
+#include <algorithm>
 #include <cstdint>
 #include <deque>
 #include <string>
@@ -71,6 +74,8 @@ class EventSpool {
   uint64_t firstSeq() const;  // the oldest event held; lastSeq() + 1 when none
   uint64_t lastSeq() const { return nextSeq_ - 1; }
   uint64_t acknowledged() const { return acked_; }
+  // Events held and not acknowledged.
+  uint64_t pending() const { return nextSeq_ - 1 - std::max(acked_, firstSeq() - 1); }
   uint64_t bytes() const { return bytes_; }
   uint64_t dropped() const { return dropped_; }
   size_t segmentCount() const { return segments_.size(); }
@@ -82,18 +87,19 @@ class EventSpool {
   static void sync(const std::vector<std::string>& files, bool directory,
                    const std::string& spoolDirectory);
 
-  // Closes the current segment. The spool stays on disk.
+  // Closes the current segment and records the numbering. The spool stays on disk.
   void close();
 
  private:
   bool scanSegment(uint64_t firstSeq, std::string* error);
   void deleteFront(const char* why);
-  void recordLastSeq();
+  void recordState();
   std::string path(const std::string& name) const;
 
   std::string directory_;
   std::string stream_;
   uint64_t maxBytes_;
+  bool opened_ = false;
   int lockFd_ = -1;
   int appendFd_ = -1;  // the last segment's, while it takes more events
   std::deque<SpoolSegment> segments_;
