@@ -49,6 +49,16 @@ struct Lookup {
   static void completed(sigval value) { static_cast<Lookup*>(value.sival_ptr)->release(); }
 };
 
+// GnuTLS writes with writev() by default, which raises SIGPIPE when the server has
+// gone (and the agent ends on SIGPIPE): write with MSG_NOSIGNAL instead.
+ssize_t pushWithoutSignal(gnutls_transport_ptr_t transport, const giovec_t* parts, int count) {
+  msghdr message{};
+  message.msg_iov = reinterpret_cast<iovec*>(const_cast<giovec_t*>(parts));
+  message.msg_iovlen = static_cast<size_t>(count);
+  return sendmsg(static_cast<int>(reinterpret_cast<intptr_t>(transport)), &message,
+                 MSG_NOSIGNAL);
+}
+
 }  // namespace
 
 struct EventConnection::Address {
@@ -264,6 +274,7 @@ bool EventConnection::handshake(const EventForwarderConfig& config, Clock::time_
   // The certificate is checked during the handshake, the host name with it.
   gnutls_session_set_verify_cert(tls_->session, config.host.c_str(), 0);
   gnutls_transport_set_int(tls_->session, fd_);
+  gnutls_transport_set_vec_push_function(tls_->session, &pushWithoutSignal);
   for (;;) {
     status = gnutls_handshake(tls_->session);
     if (status == GNUTLS_E_SUCCESS) {

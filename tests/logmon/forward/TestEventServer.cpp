@@ -67,6 +67,19 @@ bool makeSelfSignedCertificate(const std::string& dnsName, const std::string& ip
   return ok;
 }
 
+namespace {
+
+// GnuTLS's writev() would raise SIGPIPE when the forwarder has gone.
+ssize_t pushWithoutSignal(gnutls_transport_ptr_t transport, const giovec_t* parts, int count) {
+  msghdr message{};
+  message.msg_iov = reinterpret_cast<iovec*>(const_cast<giovec_t*>(parts));
+  message.msg_iovlen = static_cast<size_t>(count);
+  return sendmsg(static_cast<int>(reinterpret_cast<intptr_t>(transport)), &message,
+                 MSG_NOSIGNAL);
+}
+
+}  // namespace
+
 // One accepted connection's reading and writing, plain or TLS, blocking.
 class TestEventServer::Peer {
  public:
@@ -78,6 +91,7 @@ class TestEventServer::Peer {
     gnutls_set_default_priority(session_);
     gnutls_credentials_set(session_, GNUTLS_CRD_CERTIFICATE, credentials);
     gnutls_transport_set_int(session_, fd);
+    gnutls_transport_set_vec_push_function(session_, &pushWithoutSignal);
   }
   ~Peer() {
     if (session_ != nullptr) {
