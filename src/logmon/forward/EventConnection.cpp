@@ -7,12 +7,16 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <condition_variable>
 #include <cstring>
+#include <memory>
+#include <mutex>
+#include <system_error>
+#include <thread>
 
 #include "framework/Trace.h"
 #include "logmon/forward/EventForwarderConfig.h"
@@ -28,38 +32,50 @@ int millisecondsLeft(Clock::time_point deadline) {
   return left <= 0 ? 0 : static_cast<int>(std::min<long long>(left, 1000 * 1000));
 }
 
-// A background look-up. Whoever of the waiter and the resolver's completion comes
-// second frees it, so a waiter that gives up (stop, time-out) never waits for a
-// resolver that does not answer.
+// A look-up on a thread of its own. The waiter gives up on stop or time-out and
+// leaves the thread to finish in its own time; whoever of the two comes last frees
+// the result.
 struct Lookup {
-  gaicb request{};
+  std::mutex mutex;
+  std::condition_variable finished;
+  bool done = false;
+  bool abandoned = false;
+  int status = 0;
+  addrinfo* result = nullptr;
   addrinfo hints{};
   std::string host;
   std::string service;
-  std::atomic<bool> oneSideDone{false};
 
-  void release() {
-    if (oneSideDone.exchange(true, std::memory_order_acq_rel)) {
-      if (request.ar_result != nullptr) {
-        freeaddrinfo(request.ar_result);
+  static void run(const std::shared_ptr<Lookup>& lookup) {
+    addrinfo* result = nullptr;
+    const int status = getaddrinfo(lookup->host.c_str(), lookup->service.c_str(), &lookup->hints,
+                                   &result);
+    std::lock_guard<std::mutex> lock(lookup->mutex);
+    if (lookup->abandoned) {
+      if (result != nullptr) {
+        freeaddrinfo(result);
       }
-      delete this;
+      return;
     }
+    lookup->status = status;
+    lookup->result = result;
+    lookup->done = true;
+    lookup->finished.notify_all();
   }
-  static void completed(sigval value) { static_cast<Lookup*>(value.sival_ptr)->release(); }
 };
 
-// GnuTLS writes with writev() by default, which raises SIGPIPE when the server has
-// gone (and the agent ends on SIGPIPE): write with MSG_NOSIGNAL instead.
-ssize_t pushWithoutSignal(gnutls_transport_ptr_t transport, const giovec_t* parts, int count) {
-  msghdr message{};
-  message.msg_iov = reinterpret_cast<iovec*>(const_cast<giovec_t*>(parts));
-  message.msg_iovlen = static_cast<size_t>(count);
-  return sendmsg(static_cast<int>(reinterpret_cast<intptr_t>(transport)), &message,
-                 MSG_NOSIGNAL);
-}
-
 }  // namespace
+
+void writeTlsWithoutSigpipe(gnutls_session_t session) {
+  gnutls_transport_set_vec_push_function(
+      session, [](gnutls_transport_ptr_t transport, const giovec_t* parts, int count) {
+        msghdr message{};
+        message.msg_iov = reinterpret_cast<iovec*>(const_cast<giovec_t*>(parts));
+        message.msg_iovlen = static_cast<size_t>(count);
+        return sendmsg(static_cast<int>(reinterpret_cast<intptr_t>(transport)), &message,
+                       MSG_NOSIGNAL);
+      });
+}
 
 struct EventConnection::Address {
   sockaddr_storage storage{};
@@ -112,44 +128,30 @@ bool EventConnection::resolve(const EventForwarderConfig& config, Clock::time_po
   int status = getaddrinfo(config.host.c_str(), service.c_str(), &hints, &result);
   if (status == EAI_NONAME) {
     // A name, not an address: looked up in the background.
-    auto* lookup = new Lookup;
+    auto lookup = std::make_shared<Lookup>();
     lookup->host = config.host;
     lookup->service = service;
     lookup->hints = hints;
     lookup->hints.ai_flags = AI_NUMERICSERV | AI_ADDRCONFIG;
-    lookup->request.ar_name = lookup->host.c_str();
-    lookup->request.ar_service = lookup->service.c_str();
-    lookup->request.ar_request = &lookup->hints;
-    sigevent notify{};
-    notify.sigev_notify = SIGEV_THREAD;
-    notify.sigev_notify_function = &Lookup::completed;
-    notify.sigev_value.sival_ptr = lookup;
-    gaicb* list[1] = {&lookup->request};
-    status = getaddrinfo_a(GAI_NOWAIT, list, 1, &notify);
-    if (status != 0) {
-      delete lookup;
-      *error = "cannot look up " + config.host + ": " + gai_strerror(status);
+    try {
+      std::thread(&Lookup::run, lookup).detach();
+    } catch (const std::system_error& failure) {
+      *error = "cannot look up " + config.host + ": " + failure.what();
       return false;
     }
-    for (;;) {
-      status = gai_error(&lookup->request);
-      if (status != EAI_INPROGRESS) {
-        break;
-      }
+    std::unique_lock<std::mutex> lock(lookup->mutex);
+    while (!lookup->done) {
       const int left = millisecondsLeft(deadline);
       if (stopping_.load() || left == 0) {
-        lookup->release();
+        lookup->abandoned = true;
         *error = stopping_.load() ? "" : "no answer looking up " + config.host;
         return false;
       }
-      // The resolver cannot wake us: look again every 50 ms.
-      const timespec slice{0, std::min(left, 50) * 1000000L};
-      const gaicb* const waiting[1] = {&lookup->request};
-      gai_suspend(waiting, 1, &slice);
+      // The wake-up descriptor is not watched here: look at stopping_ every 50 ms.
+      lookup->finished.wait_for(lock, std::chrono::milliseconds(std::min(left, 50)));
     }
-    result = lookup->request.ar_result;
-    lookup->request.ar_result = nullptr;
-    lookup->release();
+    status = lookup->status;
+    result = lookup->result;
   }
   if (status != 0) {
     *error = "cannot look up " + config.host + ": " + gai_strerror(status);
@@ -274,7 +276,7 @@ bool EventConnection::handshake(const EventForwarderConfig& config, Clock::time_
   // The certificate is checked during the handshake, the host name with it.
   gnutls_session_set_verify_cert(tls_->session, config.host.c_str(), 0);
   gnutls_transport_set_int(tls_->session, fd_);
-  gnutls_transport_set_vec_push_function(tls_->session, &pushWithoutSignal);
+  writeTlsWithoutSigpipe(tls_->session);
   for (;;) {
     status = gnutls_handshake(tls_->session);
     if (status == GNUTLS_E_SUCCESS) {

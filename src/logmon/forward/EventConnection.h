@@ -5,13 +5,14 @@
 // watches the forwarder's wake-up descriptor, so that stopping is never held up by
 // the network.
 //
-// The host name is looked up in the background (getaddrinfo_a): a resolver that does
-// not answer costs the connect time-out, not a stop. With TLS the server's
+// A host name is looked up on a thread of its own: a resolver that does not answer
+// costs the connect time-out, and does not hold up a stop. With TLS the server's
 // certificate must chain to the configured authorities (or the system's) and name
 // the host connected to.
 //
 // Not thread-safe: the sender thread owns it.
 
+#include <gnutls/gnutls.h>
 #include <sys/types.h>
 
 #include <atomic>
@@ -22,6 +23,11 @@
 namespace XRV::forward {
 
 struct EventForwarderConfig;
+
+// Makes `session` (its transport a socket descriptor) write with MSG_NOSIGNAL.
+// GnuTLS writes with writev() by default, which raises SIGPIPE when the peer has
+// gone, and the agent ends on SIGPIPE.
+void writeTlsWithoutSigpipe(gnutls_session_t session);
 
 class EventConnection {
  public:

@@ -226,23 +226,43 @@ TEST(EventForwarder, ATornRecordAtTheEndOfTheSpoolIsIgnored) {
   expectHeld(server, 1, 15);
 }
 
-TEST(EventForwarder, ResumesAfterLostAcknowledgementsWithoutSendingTwice) {
-  TempDirectory directory;
-  TestEventServer server;
-  server.setMode(TestEventServer::Mode::DROP_ACKS);
-  ASSERT_TRUE(server.start());
-  EventForwarderConfig config = configFor(directory, server.port());
-  config.ioTimeout = 200ms;
-  EventForwarder forwarder(config);
-  submitRange(forwarder, 1, 20);
-  ASSERT_TRUE(server.waitForEvents(STREAM, 20));
-  // No acknowledgement: the forwarder gives the connection up and asks again.
-  ASSERT_TRUE(waitUntil([&] { return server.connections() >= 2; }));
-  server.setMode(TestEventServer::Mode::NORMAL);
-  ASSERT_TRUE(allAcknowledged(forwarder));
-  expectHeld(server, 1, 20);
-  EXPECT_EQ(server.duplicates(STREAM), 0u);
-  EXPECT_NE(forwarder.status().lastError.find("no acknowledgement"), std::string::npos);
+TEST(EventForwarder, KeepsEventsUntilAcknowledgedAndResumesAfterLostAcknowledgements) {
+  struct Case {
+    const char* name;
+    bool dropAcks;
+    std::chrono::milliseconds ackDelay;
+  };
+  for (const Case& c : {Case{"acknowledgements lost", true, 0ms},
+                        Case{"acknowledgements late", false, 400ms}}) {
+    SCOPED_TRACE(c.name);
+    TempDirectory directory;
+    TestEventServer server;
+    server.setMode(c.dropAcks ? TestEventServer::Mode::DROP_ACKS : TestEventServer::Mode::NORMAL);
+    server.setAckDelay(c.ackDelay);
+    ASSERT_TRUE(server.start());
+    EventForwarderConfig config = configFor(directory, server.port());
+    config.ioTimeout = c.dropAcks ? 200ms : 5000ms;
+    EventForwarder forwarder(config);
+    submitRange(forwarder, 1, 20);
+    ASSERT_TRUE(server.waitForEvents(STREAM, 20));
+    // Received is not acknowledged: the spool keeps them.
+    EXPECT_EQ(forwarder.status().pendingEvents, 20u);
+    EXPECT_EQ(forwarder.status().acknowledged, 0u);
+    if (c.dropAcks) {
+      // No acknowledgement: the forwarder gives the connection up and asks again.
+      ASSERT_TRUE(waitUntil([&] { return server.connections() >= 2; }));
+      server.setMode(TestEventServer::Mode::NORMAL);
+    }
+    ASSERT_TRUE(allAcknowledged(forwarder));
+    expectHeld(server, 1, 20);
+    EXPECT_EQ(server.duplicates(STREAM), 0u);
+    EXPECT_EQ(forwarder.status().acknowledged, 20u);
+    if (c.dropAcks) {
+      EXPECT_NE(forwarder.status().lastError.find("no acknowledgement"), std::string::npos);
+    } else {
+      EXPECT_EQ(server.connections(), 1u);
+    }
+  }
 }
 
 TEST(EventForwarder, NumbersOnFromAServerThatHoldsMoreThanTheSpool) {

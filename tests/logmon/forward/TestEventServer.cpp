@@ -11,6 +11,7 @@
 #include <ctime>
 #include <fstream>
 
+#include "logmon/forward/EventConnection.h"
 #include "logmon/forward/EventRecord.h"
 #include "support/Wait.h"
 
@@ -67,19 +68,6 @@ bool makeSelfSignedCertificate(const std::string& dnsName, const std::string& ip
   return ok;
 }
 
-namespace {
-
-// GnuTLS's writev() would raise SIGPIPE when the forwarder has gone.
-ssize_t pushWithoutSignal(gnutls_transport_ptr_t transport, const giovec_t* parts, int count) {
-  msghdr message{};
-  message.msg_iov = reinterpret_cast<iovec*>(const_cast<giovec_t*>(parts));
-  message.msg_iovlen = static_cast<size_t>(count);
-  return sendmsg(static_cast<int>(reinterpret_cast<intptr_t>(transport)), &message,
-                 MSG_NOSIGNAL);
-}
-
-}  // namespace
-
 // One accepted connection's reading and writing, plain or TLS, blocking.
 class TestEventServer::Peer {
  public:
@@ -91,7 +79,7 @@ class TestEventServer::Peer {
     gnutls_set_default_priority(session_);
     gnutls_credentials_set(session_, GNUTLS_CRD_CERTIFICATE, credentials);
     gnutls_transport_set_int(session_, fd);
-    gnutls_transport_set_vec_push_function(session_, &pushWithoutSignal);
+    forward::writeTlsWithoutSigpipe(session_);
   }
   ~Peer() {
     if (session_ != nullptr) {
@@ -322,8 +310,11 @@ void TestEventServer::serve(int fd) {
       took = true;
     }
     in.erase(0, at);
-    if (took && mode_ == Mode::NORMAL && !peer.write("ACK " + std::to_string(highest) + "\n")) {
-      return;
+    if (took && mode_ == Mode::NORMAL) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(ackDelayMs_.load()));
+      if (!peer.write("ACK " + std::to_string(highest) + "\n")) {
+        return;
+      }
     }
     if (mode_ == Mode::STALL) {
       waitForStop();

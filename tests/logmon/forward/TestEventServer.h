@@ -3,11 +3,13 @@
 // TestEventServer: an event server for the forwarder's tests, on a loopback port. It
 // speaks the forwarding protocol (docs/event-forwarding.md), keeps the events of
 // each stream with their numbers, answers RESUME from what it holds and can be made
-// to misbehave: hang before RESUME, stop reading after it, or never acknowledge.
+// to misbehave: hang before RESUME, stop reading after it, acknowledge late or
+// never.
 // It can be stopped and started again on the same port, with or without its store,
 // and serve TLS with a self-signed certificate it makes.
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <map>
@@ -55,6 +57,8 @@ class TestEventServer {
   const std::string& certificateFile() const { return certificateFile_; }
 
   void setMode(Mode mode) { mode_ = mode; }
+  // Each acknowledgement waits this long before it goes out.
+  void setAckDelay(std::chrono::milliseconds delay) { ackDelayMs_ = delay.count(); }
   // The server holds `stream` up to `highest` (as if another sender had sent it).
   void preload(const std::string& stream, uint64_t highest);
 
@@ -85,6 +89,7 @@ class TestEventServer {
   int port_ = 0;
   int listenFd_ = -1;
   std::atomic<Mode> mode_{Mode::NORMAL};
+  std::atomic<int64_t> ackDelayMs_{0};
   std::atomic<bool> stopping_{false};
   std::atomic<uint64_t> connections_{0};
   std::thread acceptor_;
