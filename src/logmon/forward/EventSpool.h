@@ -16,7 +16,7 @@
 // segment starts when the current one passes a quarter of the size limit; a segment
 // whose events are all acknowledged is deleted; when an event would take the spool
 // past its limit, the oldest segments are deleted and their unacknowledged events
-// counted as dropped. Each event is one write(); nothing waits for the disk here
+// counted as dropped. Each event is one writev(); nothing waits for the disk here
 // (sync() does that, from the sender's thread).
 //
 // Not thread-safe: EventForwarder holds its lock around every call. SpoolReader reads
