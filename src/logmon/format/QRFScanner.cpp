@@ -170,5 +170,5 @@ QRFToken QRFScanner::restOfLine() {
   if (rest.size() > kMaxToken) {
     return bad(std::string(rest.substr(0, 100)), tooLong(rest));
   }
-  return make(QRFToken::STRING, std::string(rest));
+  return make(QRFToken::WORD, std::string(rest));
 }

@@ -41,7 +41,7 @@ class QRFScanner {
   QRFToken next();
   // What the line holds from here to its end, blanks at both ends left out (the
   // expression of a pattern or regex line). A BAD token when it is too long or holds a
-  // character the language refuses; else a STRING token.
+  // character the language refuses; else a WORD token.
   QRFToken restOfLine();
   int line() const { return line_; }
 

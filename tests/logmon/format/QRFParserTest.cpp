@@ -106,7 +106,7 @@ TEST(QRFParser, ErrorsNameTheLineTheTokenAndWhatWasExpected) {
   }
   QRFParseResult regex = parse("format A\n  regex (a\nend\n");
   EXPECT_EQ(regex.errorLine, 2);
-  EXPECT_EQ(regex.errorToken, "\"(a\"");
+  EXPECT_EQ(regex.errorToken, "(a");
   EXPECT_EQ(regex.errorMessage.rfind("Invalid regular expression at position: ", 0), 0u)
       << regex.errorMessage;
 }
