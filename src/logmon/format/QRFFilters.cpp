@@ -47,33 +47,6 @@ std::string partRegex(const QRFExpressionPart& kind, const std::string& part, bo
   }
 }
 
-// The offsets of the "\n" escapes of `regex` that stand outside character classes.
-std::vector<size_t> newlineEscapes(const std::string& regex) {
-  std::vector<size_t> found;
-  bool inClass = false;
-  for (size_t i = 0; i < regex.size(); ++i) {
-    const char c = regex[i];
-    if (c == '\\' && i + 1 < regex.size()) {
-      if (!inClass && regex[i + 1] == 'n') {
-        found.push_back(i);
-      }
-      ++i;
-    } else if (inClass) {
-      inClass = c != ']';
-    } else if (c == '[') {
-      inClass = true;
-      // A ']' right after '[' or '[^' belongs to the class.
-      if (i + 1 < regex.size() && regex[i + 1] == '^') {
-        ++i;
-      }
-      if (i + 1 < regex.size() && regex[i + 1] == ']') {
-        ++i;
-      }
-    }
-  }
-  return found;
-}
-
 // The number at the end of a custom attribute's name ("CustomSlot3": 3); 0 without one.
 int customSlotNumber(const std::string& attribute) {
   size_t digits = attribute.size();
@@ -82,6 +55,29 @@ int customSlotNumber(const std::string& attribute) {
     --digits;
   }
   return digits == attribute.size() ? 0 : atoi(attribute.c_str() + digits);
+}
+
+// `text` (a template) with each "${N}" written "$N" where no digit follows it. A '$'
+// of the slots' own text is escaped, so every unescaped "${" is a reference.
+std::string shortenReferences(const std::string& text) {
+  std::string out;
+  out.reserve(text.size());
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '\\' && i + 1 < text.size()) {
+      out += text.substr(i, 2);
+      ++i;
+      continue;
+    }
+    const size_t close = text.compare(i, 2, "${") == 0 ? text.find('}', i + 2) : std::string::npos;
+    if (close != std::string::npos &&
+        (close + 1 == text.size() || isdigit(static_cast<unsigned char>(text[close + 1])) == 0)) {
+      out += "$" + text.substr(i + 2, close - i - 2);
+      i = close;
+      continue;
+    }
+    out += text[i];
+  }
+  return out;
 }
 
 }  // namespace
@@ -148,7 +144,7 @@ std::string QRFConfig::generateFormatFilter(QRFFormatNode& node, int* lines) {
 std::string QRFConfig::generateRegexFilter(QRFFormatNode& node, int* lines) {
   XRV_TRACE_FN();
   std::string regex = node.getRegex();
-  const std::vector<size_t> newlines = newlineEscapes(regex);
+  const std::vector<size_t> newlines = RegExPattern::layout(regex).newlines;
   *lines += static_cast<int>(newlines.size());
   // A record that spans lines may have come with CR LF line ends.
   for (auto it = newlines.rbegin(); it != newlines.rend(); ++it) {
@@ -161,7 +157,7 @@ std::string QRFConfig::firstLinePattern(QRFFormatNode& node) {
   XRV_TRACE_FN();
   if (!node.getRegex().empty()) {
     const std::string& regex = node.getRegex();
-    const std::vector<size_t> newlines = newlineEscapes(regex);
+    const std::vector<size_t> newlines = RegExPattern::layout(regex).newlines;
     const std::string first = "()" + regex.substr(0, newlines.empty() ? regex.size() : newlines[0]);
     int groups = 0;
     int position = 0;
@@ -198,8 +194,9 @@ std::string QRFConfig::variableReference(const QRFFormatNode& node, const QRFSlo
     *ok = false;
     return "";
   }
-  // The filter's first group is the empty "()" before the expression.
-  return "$" + std::to_string(variable + 1);
+  // The filter's first group is the empty "()" before the expression. The braces keep
+  // a digit that follows apart; generateMdlFilter drops them where none does.
+  return "${" + std::to_string(variable + 1) + "}";
 }
 
 bool QRFConfig::slotTemplate(QRFFormatNode& node, const QRFSlot& slot, std::string* out) {
@@ -236,7 +233,6 @@ bool QRFConfig::slotTemplate(QRFFormatNode& node, const QRFSlot& slot, std::stri
   const std::string& control = slot.getValue();
   const std::vector<std::string>& variables = slot.getPrintfVars();
   size_t used = 0;
-  bool afterReference = false;
   out->clear();
   for (size_t i = 0; i < control.size(); ++i) {
     if (control[i] == '%' && i + 1 < control.size() && control[i + 1] == 's') {
@@ -265,17 +261,11 @@ bool QRFConfig::slotTemplate(QRFFormatNode& node, const QRFSlot& slot, std::stri
         }
       }
       *out += piece;
-      afterReference = filler != nullptr && filler->getType() == QRF_SLOT_VARIABLE;
       continue;
     }
     if (control[i] == '%' && i + 1 < control.size() && control[i + 1] == '%') {
       ++i;
     }
-    // A digit right after "$N" would join the number: "\" keeps it apart.
-    if (afterReference && isdigit(static_cast<unsigned char>(control[i])) != 0) {
-      *out += '\\';
-    }
-    afterReference = false;
     *out += quoteSlotValue(std::string(1, control[i]));
   }
   if (used < variables.size()) {
@@ -333,5 +323,5 @@ std::string QRFConfig::generateMdlFilter(int index, int* lines) {
             quoteSlotValue(std::string(1, getStartValTag())) + value +
             quoteSlotValue(std::string(1, getEndValTag()));
   }
-  return filter + ",REPLACEFIRST(" + text + "))";
+  return filter + ",REPLACEFIRST(" + shortenReferences(text) + "))";
 }

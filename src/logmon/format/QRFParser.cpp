@@ -222,7 +222,12 @@ class Parser {
         return fail(text, qrf::format("Invalid regular expression at position: %d (%s)", position,
                                       error.c_str()));
       }
-      node.addRegex(text.text);
+      const RegExPattern::Layout layout = RegExPattern::layout(text.text);
+      if (!layout.problem.empty()) {
+        return fail(text, "in a format's regex " + layout.problem);
+      }
+      // The agent puts "()" behind the expression: a quote must not take it in.
+      node.addRegex(layout.openQuote ? text.text + "\\E" : text.text);
       node.setVariableCount(groups);
     } else {
       int variables = 0;

@@ -3,6 +3,7 @@
 #include <unicode/uregex.h>
 #include <unicode/ustring.h>
 
+#include <cctype>
 #include <climits>
 #include <vector>
 
@@ -44,4 +45,64 @@ bool RegExPattern::check(std::string_view pattern, int* groups, int* position,
   *groups = uregex_groupCount(compiled, &status);
   uregex_close(compiled);
   return true;
+}
+
+RegExPattern::Layout RegExPattern::layout(std::string_view pattern) {
+  Layout layout;
+  bool inClass = false;
+  bool inQuote = false;
+  size_t i = 0;
+  while (i < pattern.size()) {
+    const char c = pattern[i];
+    if (inQuote) {
+      inQuote = pattern.compare(i, 2, "\\E") != 0;
+      i += inQuote ? 1 : 2;
+    } else if (c == '\\') {
+      if (i + 1 < pattern.size() && pattern[i + 1] == 'Q') {
+        inQuote = true;
+      } else if (!inClass && i + 1 < pattern.size() && pattern[i + 1] == 'n') {
+        layout.newlines.push_back(i);
+      }
+      i += 2;
+    } else if (inClass) {
+      if (c == '[' && pattern.compare(i, 2, "[:") == 0 &&
+          pattern.find(":]", i + 2) != std::string_view::npos) {
+        i = pattern.find(":]", i + 2) + 2;
+        continue;
+      }
+      if (c == '[' && layout.problem.empty()) {
+        // ICU reads a set inside the class, the log engine's library a '['.
+        layout.problem = "a [ inside a character class must be written \\[";
+      }
+      inClass = c != ']';
+      ++i;
+    } else if (c == '[') {
+      inClass = true;
+      ++i;
+      // A ']' right after '[' or '[^' belongs to the class.
+      i += i < pattern.size() && pattern[i] == '^' ? 1 : 0;
+      i += i < pattern.size() && pattern[i] == ']' ? 1 : 0;
+    } else if (pattern.compare(i, 3, "(?#") == 0) {
+      const size_t end = pattern.find(')', i);
+      i = end == std::string_view::npos ? pattern.size() : end + 1;
+    } else if (pattern.compare(i, 2, "(?") == 0) {
+      size_t j = i + 2;
+      bool extended = false;
+      while (j < pattern.size() && (isalpha(static_cast<unsigned char>(pattern[j])) != 0 ||
+                                    pattern[j] == '-')) {
+        extended = extended || pattern[j] == 'x';
+        ++j;
+      }
+      if (extended && j < pattern.size() && (pattern[j] == ')' || pattern[j] == ':') &&
+          layout.problem.empty()) {
+        // Its comments would run past the end of the expression.
+        layout.problem = "the flag x (extended mode) cannot be used";
+      }
+      i += 2;
+    } else {
+      ++i;
+    }
+  }
+  layout.openQuote = inQuote;
+  return layout;
 }

@@ -138,6 +138,31 @@ TEST_F(QRFExamplesTest, EveryExampleLoadsAndItsRecordsBecomeTheirEvents) {
   }
 }
 
+TEST_F(QRFExamplesTest, SlotValuesComeBackFromTheEngineAsWritten) {
+  XRV::testing::Generated generated = XRV::testing::generate(
+      "LogSources=/l",
+      "format C\n  pattern [%s] %s*\n"
+      "  hidden a = $1\n"
+      "  digits = printf(\"%s1%s2\", a, a)\n"
+      "  text = \"cost $1 (50%) \\\\ back))\"\n"
+      "  items = list($2, \"b))\", $1)\n"
+      "  nested = printf(\"<%s|%%|%s>\", digits, text)\n"
+      "end\n");
+  ASSERT_EQ(generated.config->getError(), 0);
+  xrvlog::MdlReadResult read = xrvlog::MdlReader::read(generated.mdl());
+  ASSERT_TRUE(read.ok()) << read.error().toString();
+  xrvlog::RecordBuilder builder(xrvlog::RecordRules::compile(read.document()));
+  ASSERT_TRUE(builder.build("[x7] the rest $2", ""));
+  const Event event = decode(*generated.config, std::string(builder.pairs()[0].value));
+  EXPECT_EQ(event.wskClass, "C");
+  const std::map<std::string, std::string> expected = {
+      {"digits", "x71x72"},
+      {"text", "cost $1 (50%) \\ back))"},
+      {"items", "[the rest $2,b)),x7]"},
+      {"nested", "<x71x72|%|cost $1 (50%) \\ back))>"}};
+  EXPECT_EQ(event.slots, expected);
+}
+
 // What the engine's callbacks brought.
 struct Seen {
   std::mutex lock;

@@ -105,6 +105,9 @@ TEST_F(QRFFilterTest, RegularExpressionsAndTheLinesTheySpan) {
       {"(?i)error", "MatchRegEx(0,()(?i)error()", 1},
       {"a\\nb[\\n]c\\\\nd\\n", "MatchRegEx(0,()a\\r?\\nb[\\n]c\\\\nd\\r?\\n()", 3},
       {"x[^\\]\\n]\\ny", "MatchRegEx(0,()x[^\\]\\n]\\r?\\ny()", 2},
+      // A quote that runs to the end is closed before the "()" behind it.
+      {"a\\Q(x\\ny", "MatchRegEx(0,()a\\Q(x\\ny\\E()", 1},
+      {"a\\Q\\n\\E\\n(?#\\n)b", "MatchRegEx(0,()a\\Q\\n\\E\\r?\\n(?#\\n)b()", 2},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.regex);
@@ -136,7 +139,7 @@ TEST_F(QRFFilterTest, SlotsBecomeTheTemplate) {
       {"printf fills in slots", "  hidden a = $1\n  b = $2\n  p = printf(\"%s-%s\", a, b)\n",
        slot("b", "$3") + slot("p", "$2-$3")},
       {"a digit after a variable stays apart", "  hidden a = $1\n  p = printf(\"%s1 %%\", a)\n",
-       slot("p", "$2\\1 %")},
+       slot("p", "${2}1 %")},
       {"printf of printf", "  hidden a = $1\n  hidden p = printf(\"<%s>\", a)\n"
                            "  q = printf(\"[%s]\", p)\n",
        slot("q", "[<$2>]")},
