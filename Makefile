@@ -8,7 +8,7 @@ export ASAN_OPTIONS ?= detect_leaks=1:abort_on_error=1:strict_string_checks=1
 export UBSAN_OPTIONS ?= print_stacktrace=1:halt_on_error=1
 export TSAN_OPTIONS ?= halt_on_error=1:second_deadlock_stack=1
 
-.PHONY: deps build check check-asan check-tsan bench fuzz-config fuzz-definition fuzz-expression fuzz-mdl clean
+.PHONY: deps build check check-asan check-tsan bench fuzz-config fuzz-definition fuzz-expression fuzz-mdl fuzz-format clean
 
 deps:
 	@scripts/install-deps
@@ -65,6 +65,8 @@ soak: build
 #                    it finds is merged into tests/fuzz/corpus/expression
 #   fuzz-mdl:        the log engine's MDL reader (600 s); what it finds is merged
 #                    into tests/fuzz/corpus/mdl
+#   fuzz-format:     the format-file parser and the MDL text it generates (600 s);
+#                    what it finds is merged into tests/fuzz/corpus/format
 FUZZ_CONFIGURE = CC=clang CXX=clang++ $(CMAKE) -S . -B build-fuzz -G Ninja -DXRV_FUZZ=ON \
   -DXRV_SANITIZE=address -DXRV_BENCH=OFF
 
@@ -100,6 +102,10 @@ fuzz-expression: deps
 fuzz-mdl: FUZZ_SECONDS = 600
 fuzz-mdl: deps
 	$(call fuzz_kept,mdl,4096,-timeout=10)
+
+fuzz-format: FUZZ_SECONDS = 600
+fuzz-format: deps
+	$(call fuzz_kept,format,4096,-timeout=10)
 
 clean:
 	rm -rf build build-asan build-tsan build-fuzz

@@ -77,6 +77,16 @@ enum class Setting : uint8_t {
   LeavePureCacheOnReset,
   LognameIsBasename,
   LogPositionsDir,
+  // Log monitor, format-file mode
+  ApplicationAutoInitSyslog,
+  ProcessMaxCpuPct,
+  IpAddr,
+  SshPort,
+  SshUserid,
+  SshPassword,
+  SshAuthType,
+  SshPubKeyfile,
+  SshPrivKeyfile,
   // Subnodes
   InitialConfigDiscoveryNodeState,
   UseHostnameInSubnodeMsn,

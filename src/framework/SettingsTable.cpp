@@ -288,6 +288,42 @@ constexpr SettingSpec kSettings[] = {
                "so that TAIL sources go on after a restart where they stopped; an XRVLOG_STATE_DIR "
                "of the agent's environment wins (docs/log-engine.md)"},
 
+    // --- Log monitor, format-file mode (docs/format-files.md) ---
+    {.id = Setting::ApplicationAutoInitSyslog, .name = "_AUTO_INIT_SYSLOG",
+     .scope = S::Application, .section = kLogMonitor, .emptyIsUnset = true,
+     .defaultText = "USE_CONF_FILE_VALUE",
+     .effect = "Y...: format-file groups of the application feed the syslog daemon's messages "
+               "to the log engine through a pipe, adding it to the daemon's configuration; "
+               "N...: they do not; USE_CONF_FILE_VALUE (or unset): the conf key AutoInitSyslog "
+               "decides"},
+    {.id = Setting::ProcessMaxCpuPct, .name = "PROCESS_MAX_CPU_PCT", .kind = K::Number,
+     .section = kLogMonitor, .emptyIsUnset = true, .defaultText = "unset",
+     .effect = "percent of one CPU the log engine may spend on a format-file group's files; "
+               "wins over the conf key ProcessMaxCpuPct. 0: no limit, 1 to 4 become 5, above "
+               "100 becomes 100"},
+    {.id = Setting::IpAddr, .name = "CDP_IP_ADDR", .section = kLogMonitor, .emptyIsUnset = true,
+     .defaultText = "the host name's address",
+     .effect = "the value of a format's DEFAULT slot origin"},
+    {.id = Setting::SshPort, .name = "SSH_PORT", .section = kLogMonitor, .emptyIsUnset = true,
+     .defaultText = "unset",
+     .effect = "the SSH port of a format-file group's remote hosts; wins over the conf key SshPort"},
+    {.id = Setting::SshUserid, .name = "SSH_USERID", .section = kLogMonitor, .emptyIsUnset = true,
+     .defaultText = "unset",
+     .effect = "the SSH account of a format-file group's remote hosts; wins over the conf key "
+               "SshUserid"},
+    {.id = Setting::SshPassword, .name = "SSH_PASSWORD", .section = kLogMonitor,
+     .emptyIsUnset = true, .defaultText = "unset",
+     .effect = "the password of that account; wins over the conf key SshPassword"},
+    {.id = Setting::SshAuthType, .name = "SSH_AUTH_TYPE", .section = kLogMonitor,
+     .emptyIsUnset = true, .defaultText = "unset",
+     .effect = "how to log in to the remote hosts; wins over the conf key SshAuthType"},
+    {.id = Setting::SshPubKeyfile, .name = "SSH_PUB_KEYFILE", .section = kLogMonitor,
+     .emptyIsUnset = true, .defaultText = "unset",
+     .effect = "the public key file for the remote hosts; wins over the conf key SshPubKeyfile"},
+    {.id = Setting::SshPrivKeyfile, .name = "SSH_PRIV_KEYFILE", .section = kLogMonitor,
+     .emptyIsUnset = true, .defaultText = "unset",
+     .effect = "the private key file for the remote hosts; wins over the conf key SshPrivKeyfile"},
+
     // --- Subnodes ---
     {.id = Setting::InitialConfigDiscoveryNodeState,
      .name = "CDP_DP_INITIAL_CONFIG_DISCOVERY_NODE_STATE", .kind = K::Choice,

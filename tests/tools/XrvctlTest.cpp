@@ -16,6 +16,7 @@
 #include <nlohmann/json.hpp>
 
 #include "support/Files.h"
+#include "support/TempDirectory.h"
 
 namespace {
 
@@ -395,6 +396,151 @@ TEST(Xrvctl, LogtestNamesWhereTheMdlIsWrong) {
   EXPECT_EQ(noLog.err, "/nonexistent/x.log: cannot be read: No such file or directory\n");
   EXPECT_EQ(xrvctl("logtest /nonexistent/x.mdl " + log).status, 2);
   EXPECT_NE(xrvctl("logtest " + log).status, 0);
+}
+
+// A conf file and a format file side by side, named as the agent expects them.
+class FormatFiles {
+ public:
+  FormatFiles(const std::string& conf, const std::string& format) {
+    std::ofstream(directory_.file("app.conf")) << conf;
+    std::ofstream(directory_.file("app.fmt")) << format;
+  }
+  std::string conf() const { return directory_.file("app.conf"); }
+  std::string format() const { return directory_.file("app.fmt"); }
+  std::string write(const std::string& name, const std::string& text) const {
+    std::ofstream(directory_.file(name)) << text;
+    return directory_.file(name);
+  }
+
+ private:
+  XRV::testing::TempDirectory directory_;
+};
+
+// No name resolution for the DEFAULT slots.
+const std::string kHost = "CTAFW_HOSTNAME=web01 CDP_IP_ADDR=192.0.2.10";
+const std::string kAppFormat =
+    "format Line\n  pattern %s %s*\n  level = $1\n  msg = $2\n  hostname = default\nend\n"
+    "format Error extends Line\n  pattern ERROR %s*\n  msg = $1\n  level = \"E\"\nend\n";
+
+TEST(Xrvctl, MdlPrintsTheGeneratedText) {
+  FormatFiles files("LogSources=/var/log/app.log\nNO_UTF8_CONVERSION=YES\n", kAppFormat);
+  Outcome run = xrvctl("mdl " + files.conf(), kHost);
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(run.err, "");
+  EXPECT_EQ(run.out,
+            "//APPL XRV_none\n"
+            "//NAME Log_Events E MaximumAttributeSize=2048\n"
+            "//SOURCE FILE '/var/log/app.log' TAIL UNMATCHLOG='' CompareByAllMatches "
+            "codepage=UTF-8 FileMonitorFrequency=5 FileExistTimeToWait=30\n"
+            "//ATTRIBUTES NEWLINE\n"
+            "OBVEvent Z 2048 +FILTER={ScanRegEx(0,^()[ \t]*ERROR +(.*)[ \t]*()$,REPLACEFIRST(1#"
+            "\x01level\x04\x02" "E\x03\x01msg\x04\x02$2\x03\x01hostname\x04\x02web01\x03)) OR "
+            "ScanRegEx(0,^()[ \t]*(\\S+) +(.*)[ \t]*()$,REPLACEFIRST(0#"
+            "\x01level\x04\x02$2\x03\x01msg\x04\x02$3\x03\x01hostname\x04\x02web01\x03))} "
+            "@Generated WSK Event\n"
+            "RemoteHost H 64 @Name of host where event originated, if not local\n");
+  Outcome named = xrvctl("mdl " + files.conf() + " " + files.format() +
+                             " --app Shop --group Shop_Log --subnode-type LZ",
+                         kHost);
+  EXPECT_EQ(named.status, 0) << named.err;
+  EXPECT_EQ(named.out.substr(0, 53), "//APPL Shop_LZ\n//NAME Shop_Log E MaximumAttributeSize");
+}
+
+TEST(Xrvctl, MdlReportsErrorsAndWarningsWithFileAndLine) {
+  struct Case {
+    const char* why;
+    std::string conf;
+    std::string format;
+    int status;
+    std::string err;  // with FMT for the format file's path, CONF for the conf file's
+  } cases[] = {
+      {"a syntax error", "LogSources=/l", "format A\n  pattern %s\n  v $1\nend\n", 2,
+       "FMT:3: error: Format file parse error in file FMT at line 3: \"$1\" error is: "
+       "\"expected '=' after the slot name v\"\n"},
+      {"a format that can never match", "LogSources=/l",
+       "format A\n  pattern %s%s\nend\nformat B\n  pattern x %s\nend\n", 0,
+       "FMT:2: warning: WARNING: Invalid construct \"%s%s\" in expression \"%s%s\".  This can "
+       "never match; discarding\n"},
+      {"no sources", "", "format A\n  pattern %s\nend\n", 2,
+       "CONF: warning: No LogSources found in conf file CONF, and syslog not configured, "
+       "nothing to monitor\nthe log engine would refuse this MDL text: line 3, column 1: "
+       "expected //SOURCE FILE, found '//ATTRIBUTES'\n"},
+      {"a broken conf file", "LogSources=/l\nnonsense\n", "", 2,
+       "CONF:2: expected NAME=value, found 'nonsense'\n"},
+      {"no usable format", "LogSources=/l", "format A\n  pattern %q\nend\n", 2,
+       "FMT:2: error: Format for class A contains illegal variable \"%q\" in format expression "
+       "\"%q\"\nFMT: warning: WARNING: no format of FMT gives a filter; the log engine will "
+       "not load this MDL\nthe log engine would refuse this MDL text: line 5, column 26: "
+       "expected ScanRegEx or MatchRegEx, found '}'\n"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.why);
+    FormatFiles files(c.conf, c.format);
+    Outcome run = xrvctl("mdl " + files.conf(), kHost);
+    EXPECT_EQ(run.status, c.status);
+    std::string expected = c.err;
+    for (const auto& [placeholder, path] : {std::pair<std::string, std::string>{"FMT", files.format()},
+                                            {"CONF", files.conf()}}) {
+      for (size_t at = expected.find(placeholder); at != std::string::npos;
+           at = expected.find(placeholder, at + path.size())) {
+        expected.replace(at, placeholder.size(), path);
+      }
+    }
+    EXPECT_EQ(run.err, expected);
+  }
+  FormatFiles files("LogSources=/l", "");
+  Outcome noFormat = xrvctl("mdl " + files.write("other.txt", "LogSources=/l"));
+  EXPECT_EQ(noFormat.status, 2);
+  EXPECT_NE(noFormat.err.find("does not end with .conf; name the format file as well"),
+            std::string::npos);
+  Outcome missing = xrvctl("mdl " + files.write("x.txt", "") + "/nothing.conf");
+  EXPECT_EQ(missing.status, 2);
+  EXPECT_NE(missing.err.find("/nothing.conf: cannot open: "), std::string::npos);
+  Outcome unreadableFormat = xrvctl("mdl " + files.conf() + " /nonexistent/app.fmt");
+  EXPECT_EQ(unreadableFormat.status, 2);
+  EXPECT_EQ(unreadableFormat.err,
+            "/nonexistent/app.fmt: error: Could not open format file /nonexistent/app.fmt\n");
+}
+
+TEST(Xrvctl, MdlShowsTheSyslogPipeWithoutTouchingTheSystem) {
+  FormatFiles files("AutoInitSyslog=yes", "format A\n  pattern %s\nend\n");
+  Outcome run = xrvctl("mdl " + files.conf(), kHost + " XRV_INSTANCE_NAME=i1");
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_NE(run.out.find("\n//SOURCE FILE '/tmp/.zelto/XRV_i1.pipe' UNMATCHLOG='' codepage="),
+            std::string::npos)
+      << run.out;
+  EXPECT_NE(run.err.find("the syslog configuration was not looked at"), std::string::npos);
+}
+
+TEST(Xrvctl, LogtestTakesAConfAndAFormatFile) {
+  FormatFiles files("LogSources=/var/log/app.log\nNO_UTF8_CONVERSION=YES", kAppFormat);
+  const std::string log = files.write("app.log", "INFO started\nERROR disk full\n\n");
+  const std::string expected =
+      "record 1 (line 1)\n"
+      "  class Line\n  level = INFO\n  msg = started\n  hostname = web01\n  RemoteHost = \n"
+      "record 2 (line 2)\n"
+      "  class Error\n  level = E\n  msg = disk full\n  hostname = web01\n  RemoteHost = \n";
+  for (const std::string& arguments : {files.conf() + " " + log,
+                                       files.conf() + " " + files.format() + " " + log}) {
+    Outcome run = xrvctl("logtest " + arguments, kHost);
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.out.substr(0, expected.size()), expected);
+    EXPECT_NE(run.out.find("lines 3, records 3, kept 2, unmatched 1, oversized 0\n"),
+              std::string::npos);
+  }
+  Outcome json = xrvctl("logtest --json " + files.conf() + " " + log, kHost);
+  ASSERT_EQ(json.status, 0) << json.err;
+  nlohmann::json first = nlohmann::json::parse(json.out.substr(0, json.out.find('\n')));
+  EXPECT_EQ(first["class"], "Line");
+  EXPECT_EQ(first["slots"], (nlohmann::json{{"level", "INFO"}, {"msg", "started"}, {"hostname", "web01"}}));
+  EXPECT_EQ(first["attributes"]["RemoteHost"], "");
+
+  Outcome tooMany = xrvctl("logtest " + log + " " + log + " " + log);
+  EXPECT_EQ(tooMany.status, 2);
+  EXPECT_EQ(tooMany.err, "logtest: expected MDL_FILE LOG_FILE or CONF_FILE [FORMAT_FILE] LOG_FILE\n");
+  Outcome broken = xrvctl("logtest " + files.write("bad.conf", "x") + " " + log);
+  EXPECT_EQ(broken.status, 2);
+  EXPECT_NE(broken.err.find("bad.conf:1: expected NAME=value"), std::string::npos);
 }
 
 }  // namespace

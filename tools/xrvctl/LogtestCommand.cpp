@@ -10,6 +10,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "MdlCommand.h"
+#include "logmon/format/QRFEventText.h"
 #include "mdl/MdlReader.h"
 #include "record/RecordBuilder.h"
 #include "tail/LineAssembler.h"
@@ -144,17 +146,96 @@ bool readFile(const std::string& path, std::string& text) {
   return true;
 }
 
+// The MDL text of `options` into *text, named *name in messages; for a conf file also
+// its configuration into *format. False (said on `err`) when there is none.
+bool loadMdl(const LogtestOptions& options, std::string* name, std::string* text,
+             FormatMdl* format, std::ostream& err) {
+  const std::vector<std::string>& files = options.files;
+  const bool conf = !files.empty() && files[0].size() > 5 &&
+                    files[0].compare(files[0].size() - 5, 5, ".conf") == 0;
+  if (files.size() != 2 && !(conf && files.size() == 3)) {
+    err << "logtest: expected MDL_FILE LOG_FILE or CONF_FILE [FORMAT_FILE] LOG_FILE\n";
+    return false;
+  }
+  *name = files[0];
+  if (!conf) {
+    if (!readFile(files[0], *text)) {
+      err << files[0] << ": cannot be read: " << std::strerror(errno) << "\n";
+      return false;
+    }
+    return true;
+  }
+  MdlOptions mdl;
+  mdl.conf = files[0];
+  mdl.format = files.size() == 3 ? files[1] : "";
+  if (!generateFormatMdl(mdl, format, err)) {
+    return false;
+  }
+  *text = format->mdl;
+  return true;
+}
+
+// `value` with the tokens the agent fills in per event replaced as it would for the
+// local file `log`.
+std::string withTokens(std::string value, const std::string& log, const QRFFormatNode* node) {
+  const std::pair<const char*, std::string> tokens[] = {
+      {"%XRV_FILENAME%", log},
+      {"%XRV_REGEX%", node == nullptr ? "" : node->getExpressionString()},
+      {"%XRV_REMHOST%", ""}};
+  for (const auto& [token, replacement] : tokens) {
+    for (size_t at = value.find(token); at != std::string::npos;
+         at = value.find(token, at + replacement.size())) {
+      value.replace(at, strlen(token), replacement);
+    }
+  }
+  return value;
+}
+
+// The event class and slots of a format-file record, from its OBVEvent value; false
+// when `pair` is not such a value.
+bool addEvent(const QRFConfig& config, const std::string& log, const xrvlog::NameValue& pair,
+              ordered_json* json, std::ostream* out) {
+  QRFEventText event;
+  if (pair.name != std::string_view("OBVEvent") || !decodeEventText(pair.value, config, &event)) {
+    return false;
+  }
+  const QRFFormatNode* node = config.getFormat(event.formatIndex);
+  const std::string wskClass = node == nullptr ? "" : node->getWskClass();
+  ordered_json slots = ordered_json::object();
+  if (out != nullptr) {
+    *out << "  class " << printable(wskClass) << "\n";
+  }
+  for (const QRFEventSlot& slot : event.slots) {
+    std::string value;
+    for (size_t i = 0; i < slot.values.size(); ++i) {
+      value += (i == 0 ? "" : ",") + slot.values[i];
+    }
+    value = withTokens(slot.list ? "[" + value + "]" : value, log, node);
+    slots[slot.name] = value;
+    if (out != nullptr) {
+      *out << "  " << slot.name << " = " << printable(value) << "\n";
+    }
+  }
+  if (json != nullptr) {
+    (*json)["class"] = wskClass;
+    (*json)["slots"] = slots;
+  }
+  return true;
+}
+
 }  // namespace
 
 int runLogtest(const LogtestOptions& options, std::ostream& out, std::ostream& err) {
+  std::string name;
   std::string text;
-  if (!readFile(options.mdl, text)) {
-    err << options.mdl << ": cannot be read: " << std::strerror(errno) << "\n";
+  FormatMdl format;
+  if (!loadMdl(options, &name, &text, &format, err)) {
     return 2;
   }
+  const std::string& log = options.files.back();
   xrvlog::MdlReadResult read = xrvlog::MdlReader::read(text);
   if (!read.ok()) {
-    err << options.mdl << ":" << read.error().line << ":" << read.error().column << ": "
+    err << name << ":" << read.error().line << ":" << read.error().column << ": "
         << read.error().message << "\n";
     return 2;
   }
@@ -162,13 +243,13 @@ int runLogtest(const LogtestOptions& options, std::ostream& out, std::ostream& e
   try {
     rules = RecordRules::compile(read.document());
   } catch (const xrvlog::RecordRuleError& error) {
-    err << options.mdl << ":" << error.line() << ":" << error.column() << ": " << error.what()
+    err << name << ":" << error.line() << ":" << error.column() << ": " << error.what()
         << "\n";
     return 2;
   }
-  const int fd = ::open(options.log.c_str(), O_RDONLY | O_CLOEXEC);
+  const int fd = ::open(log.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
-    err << options.log << ": cannot be read: " << std::strerror(errno) << "\n";
+    err << log << ": cannot be read: " << std::strerror(errno) << "\n";
     return 2;
   }
 
@@ -182,18 +263,22 @@ int runLogtest(const LogtestOptions& options, std::ostream& out, std::ostream& e
     ++counts.kept;
     if (options.json) {
       ordered_json attributes = ordered_json::object();
+      ordered_json kept = {{"record", counts.records}, {"line", builder.recordLine()}};
       for (const xrvlog::NameValue& pair : builder.pairs()) {
         attributes[pair.name] = pair.value;
+        if (format.config != nullptr) {
+          addEvent(*format.config, log, pair, &kept, nullptr);
+        }
       }
-      out << dump({{"record", counts.records},
-                   {"line", builder.recordLine()},
-                   {"attributes", attributes}})
-          << "\n";
+      kept["attributes"] = attributes;
+      out << dump(kept) << "\n";
       return;
     }
     out << "record " << counts.records << " (line " << builder.recordLine() << ")\n";
     for (const xrvlog::NameValue& pair : builder.pairs()) {
-      out << "  " << pair.name << " = " << printable(pair.value) << "\n";
+      if (format.config == nullptr || !addEvent(*format.config, log, pair, nullptr, &out)) {
+        out << "  " << pair.name << " = " << printable(pair.value) << "\n";
+      }
     }
   };
   const xrvlog::LineHandler onLine = [&](std::string_view line, unsigned flags) {
@@ -211,7 +296,7 @@ int runLogtest(const LogtestOptions& options, std::ostream& out, std::ostream& e
       continue;
     }
     if (n < 0) {
-      err << options.log << ": cannot be read: " << std::strerror(errno) << "\n";
+      err << log << ": cannot be read: " << std::strerror(errno) << "\n";
       ::close(fd);
       return 2;
     }

@@ -8,6 +8,10 @@
 //                                             the event rows of a running agent
 //   xrvctl stop [--url URL] [--token T]       shut a running agent down in order
 //   xrvctl logtest MDL_FILE LOG_FILE [--json] run an MDL definition over a log file
+//   xrvctl logtest CONF_FILE [FORMAT_FILE] LOG_FILE [--json]
+//                                             the same with a conf and a format file
+//   xrvctl mdl CONF_FILE [FORMAT_FILE] [--app NAME] [--group NAME] [--subnode-type T]
+//                                             the MDL text of a conf and a format file
 
 #include <cstdlib>
 #include <iostream>
@@ -16,6 +20,7 @@
 
 #include "EventsCommand.h"
 #include "LogtestCommand.h"
+#include "MdlCommand.h"
 #include "QueryCommand.h"
 #include "SampleCommand.h"
 #include "StopCommand.h"
@@ -83,11 +88,25 @@ int main(int argc, char** argv) {
   LogtestOptions logtest;
   CLI::App* logtestCommand = app.add_subcommand(
       "logtest", "Run an MDL definition over a log file and print the records it keeps");
-  logtestCommand->add_option("mdl", logtest.mdl, "The MDL text")->required();
-  logtestCommand->add_option("log", logtest.log, "The log file, read from its first line")
-      ->required();
+  logtestCommand
+      ->add_option("files", logtest.files,
+                   "MDL_FILE LOG_FILE, or CONF_FILE [FORMAT_FILE] LOG_FILE; the log file is read "
+                   "from its first line")
+      ->required()
+      ->expected(2, 3);
   logtestCommand->add_flag("--json", logtest.json,
                            "One JSON object per record, then one with the statistics");
+
+  MdlOptions mdl;
+  CLI::App* mdlCommand = app.add_subcommand(
+      "mdl", "Print the MDL text a conf file and a format file give, as the agent loads it");
+  mdlCommand->add_option("conf", mdl.conf, "The conf file")->required();
+  mdlCommand->add_option("format", mdl.format,
+                         "The format file (default: the conf file's name with .fmt for .conf)");
+  mdlCommand->add_option("--app", mdl.app, "The application")->capture_default_str();
+  mdlCommand->add_option("--group", mdl.group, "The attribute group (the MDL's table)")
+      ->capture_default_str();
+  mdlCommand->add_option("--subnode-type", mdl.subnodeType, "The subnode type of the group");
 
   CLI11_PARSE(app, argc, argv);
 
@@ -109,6 +128,9 @@ int main(int argc, char** argv) {
   }
   if (logtestCommand->parsed()) {
     status = runLogtest(logtest, std::cout, std::cerr);
+  }
+  if (mdlCommand->parsed()) {
+    status = runMdl(mdl, std::cout, std::cerr);
   }
   resetDefinitionState();
   return status;
