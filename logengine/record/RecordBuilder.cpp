@@ -17,11 +17,18 @@ bool appendBounded(std::string& to, std::string_view text, std::size_t limit) {
   return kept.size() == text.size();
 }
 
-// Line `i` of `lines`, whose lines start at `starts` (and are joined by line feeds).
+// Lines `first` to `first + count - 1` of `lines`, whose lines start at `starts` (and
+// are joined by line feeds), with the line feeds between them.
+std::string_view linesAt(std::string_view lines, const std::vector<std::size_t>& starts,
+                         std::size_t first, std::size_t count) {
+  const std::size_t last = first + count;
+  const std::size_t end = last < starts.size() ? starts[last] - 1 : lines.size();
+  return lines.substr(starts[first], end - starts[first]);
+}
+
 std::string_view lineAt(std::string_view lines, const std::vector<std::size_t>& starts,
                         std::size_t i) {
-  const std::size_t end = i + 1 < starts.size() ? starts[i + 1] - 1 : lines.size();
-  return lines.substr(starts[i], end - starts[i]);
+  return linesAt(lines, starts, i, 1);
 }
 
 }  // namespace
@@ -133,44 +140,45 @@ void RecordBuilder::addStartLine(std::string_view line, bool truncated,
 }
 
 // END: a line on which the pattern matches (with its line feed, as the format
-// language writes it) may begin a record of several lines. The following lines are
-// joined to it while a keep filter on the record could still match the joined text,
-// and the record ends with the line that completes a match. When no filter can take
-// the next line along, the first line goes out alone and the lines after it are
-// looked at again. Every other line is a record of its own.
+// language writes it) may begin a record of several lines. Lines are joined to it
+// while a keep filter on the record matches the joined text or could once more lines
+// come, unless a line stands on its own: one the pattern names, or one a keep filter
+// takes by itself. The record ends before the first line that it cannot take along:
+// its longest part a filter matched is one record, and the lines after that part are
+// looked at again (without such a part, its first line goes out alone). Every other
+// line is a record of its own.
 void RecordBuilder::addEndLine(std::string_view line, bool truncated, std::uint64_t number,
                                const RecordHandler& onRecord) {
-  if (!recordOpen_) {
-    if (truncated || !startsRecord(line)) {
-      handOut(line, truncated, number, onRecord);
-      return;
+  if (recordOpen_) {
+    const bool alone =
+        truncated || startsRecord(line) || joinedFit(line) == Matcher::Fit::Complete;
+    const std::size_t before = record_.size();
+    if (!alone && before + 1 + line.size() <= rules_->maxRecordBytes_) {
+      record_ += '\n';
+      record_ += line;
+      const Matcher::Fit fit = joinedFit(record_);
+      if (fit != Matcher::Fit::None) {
+        lineStarts_.push_back(before + 1);
+        if (fit == Matcher::Fit::Complete) {
+          completeLines_ = lineStarts_.size();
+        }
+        return;
+      }
+      record_.resize(before);
     }
-    record_.assign(line);
-    lineStarts_.assign(1, 0);
-    recordOpen_ = true;
-    recordTruncated_ = false;
-    openLine_ = number;
+    breakUpRecord(line, truncated, number, onRecord);
     return;
   }
-  const std::size_t before = record_.size();
-  if (!truncated && before + 1 + line.size() <= rules_->maxRecordBytes_) {
-    record_ += '\n';
-    record_ += line;
-    switch (joinedFit(record_)) {
-      case Matcher::Fit::Complete:
-        recordOpen_ = false;
-        handOut(record_, false, openLine_, onRecord);
-        record_.clear();
-        return;
-      case Matcher::Fit::Partial:
-        lineStarts_.push_back(before + 1);
-        return;
-      case Matcher::Fit::None:
-        record_.resize(before);
-        break;
-    }
+  if (truncated || !startsRecord(line)) {
+    handOut(line, truncated, number, onRecord);
+    return;
   }
-  breakUpRecord(line, truncated, number, onRecord);
+  record_.assign(line);
+  lineStarts_.assign(1, 0);
+  recordOpen_ = true;
+  recordTruncated_ = false;
+  openLine_ = number;
+  completeLines_ = joinedFit(record_) == Matcher::Fit::Complete ? 1 : 0;
 }
 
 bool RecordBuilder::startsRecord(std::string_view line) {
@@ -206,13 +214,16 @@ RecordBuilder::BrokenRecord& RecordBuilder::takeOpenRecord() {
   record_.clear();
   lineStarts_.clear();
   recordOpen_ = false;
+  completeLines_ = 0;
   return held;
 }
 
-// The open record cannot take `line` along: its first line is a record of its own,
-// and its other lines and `line` are fed again, in order.
+// The open record ends before `line`: its longest matched part (at least its first
+// line) is a record, and its lines after that part and `line` are fed again, in
+// order.
 void RecordBuilder::breakUpRecord(std::string_view line, bool truncated, std::uint64_t number,
                                   const RecordHandler& onRecord) {
+  const std::size_t kept = std::max<std::size_t>(completeLines_, 1);
   const BrokenRecord& held = takeOpenRecord();
   struct Level {
     std::size_t& depth;
@@ -220,8 +231,8 @@ void RecordBuilder::breakUpRecord(std::string_view line, bool truncated, std::ui
     ~Level() { --depth; }
   } level(brokenDepth_);
   const std::uint64_t first = openLine_;
-  handOut(lineAt(held.lines, held.starts, 0), false, first, onRecord);
-  for (std::size_t i = 1; i < held.starts.size(); ++i) {
+  handOut(linesAt(held.lines, held.starts, 0, kept), false, first, onRecord);
+  for (std::size_t i = kept; i < held.starts.size(); ++i) {
     addEndLine(lineAt(held.lines, held.starts, i), false, first + i, onRecord);
   }
   addEndLine(line, truncated, number, onRecord);
@@ -252,10 +263,14 @@ void RecordBuilder::flushPending(const RecordHandler& onRecord) {
     handOutOpen(onRecord);
     return;
   }
-  // END: the lines of a record still open go out one by one, as they were no record
-  // of several lines.
+  // END: the matched part of a record still open is a record, the lines after it go
+  // out one by one.
+  const std::size_t kept = completeLines_;
   const BrokenRecord& held = takeOpenRecord();
-  for (std::size_t i = 0; i < held.starts.size(); ++i) {
+  if (kept > 0) {
+    handOut(linesAt(held.lines, held.starts, 0, kept), false, openLine_, onRecord);
+  }
+  for (std::size_t i = kept; i < held.starts.size(); ++i) {
     handOut(lineAt(held.lines, held.starts, i), false, openLine_ + i, onRecord);
   }
 }

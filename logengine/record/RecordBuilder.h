@@ -191,6 +191,7 @@ class RecordBuilder {
   bool recordOpen_ = false;
   bool recordTruncated_ = false;
   std::vector<std::size_t> lineStarts_;  // END: where each line of the open record starts
+  std::size_t completeLines_ = 0;  // END: lines of its longest part a keep filter matches
   // END: the lines of records being broken up, one entry per nesting level (a line fed
   // again may open and break up a record of its own). Buffers swap with record_ and
   // lineStarts_, so that their storage is reused.

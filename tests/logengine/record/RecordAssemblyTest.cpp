@@ -66,10 +66,11 @@ TEST(RecordAssembly, JoinsLinesByTheRecordSet) {
 // formats that span lines, and the filters decide where such a record ends.
 TEST(RecordAssembly, EndJoinsTheLinesAFilterCanStillMatch) {
   const std::string mdl =
-      "//RECORDSET  END(0,regex,(?m)^()[ \\t]*Start (\\S+)\\r?\\n|^()[ \\t]*Begin\\r?\\n)\n"
+      "//RECORDSET  END(0,regex,(?m)^()[ \\t]*Start (\\S+)\\r?\\n|^()[ \\t]*Begin\\r?\\n|^Oops)\n"
       "//ATTRIBUTES NEWLINE\n"
       "v Z 99 +FILTER={ScanRegEx(0,^()[ \\t]*Start (\\S+)\\r?\\nline two (\\S+)[ \\t]*()$) OR "
       "ScanRegEx(0,^()[ \\t]*Begin\\r?\\nmid (\\S+)\\r?\\nend[ \\t]*()$) OR "
+      "ScanRegEx(0,^Oops (\\S+)\\r?\\n([\\s\\S]*)$) OR "
       "ScanRegEx(0,^()[ \\t]*Disk (\\S+) is full[ \\t]*()$)}\n";
   const AssemblyCase cases[] = {
       {"the lines of a format that spans lines become one record", "",
@@ -79,8 +80,12 @@ TEST(RecordAssembly, EndJoinsTheLinesAFilterCanStillMatch) {
       {"three lines", "", lines({"Begin", "mid 7", "end", "x"}), {"Begin\nmid 7\nend", "x"}, {}},
       {"a first line that is not continued goes out alone, and the next line starts anew", "",
        lines({"Start 1", "Start 2", "line two y"}),
-       {"Start 1", "Start 2\nline two y"},
-       {}},
+       {"Start 1"},
+       {"Start 2\nline two y"}},  // a matched record may grow until the next line or quiet
+      {"a record takes lines while it matches, up to a line that stands on its own", "",
+       lines({"Oops x", "  at a", "  at b", "Disk sdb is full", "Oops y", "Start 5"}),
+       {"Oops x\n  at a\n  at b", "Disk sdb is full", "Oops y"},
+       {"Start 5"}},
       {"the lines of a record that falls apart are looked at again", "",
        lines({"Begin", "Start 4", "line two z", "y"}),
        {"Begin", "Start 4\nline two z", "y"},
