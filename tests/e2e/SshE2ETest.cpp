@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <map>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -37,15 +38,17 @@ using Section = std::map<std::string, std::string>;
 
 const std::string kDefinition = E2E_DIR "/ssh-agent.xml";
 
-// Whether a process whose command line contains `marker` runs on the machine.
-bool processRuns(const std::string& marker) {
+// The processes whose command line contains `marker`.
+std::set<std::string> processesRunning(const std::string& marker) {
+  std::set<std::string> found;
   DIR* proc = opendir("/proc");
-  bool found = false;
   while (dirent* entry = proc == nullptr ? nullptr : readdir(proc)) {
     if (entry->d_name[0] >= '0' && entry->d_name[0] <= '9') {
       std::string line = readFile(std::string("/proc/") + entry->d_name + "/cmdline");
       std::replace(line.begin(), line.end(), '\0', ' ');
-      found = found || line.find(marker) != std::string::npos;
+      if (line.find(marker) != std::string::npos) {
+        found.insert(entry->d_name);
+      }
     }
   }
   if (proc != nullptr) {
@@ -204,10 +207,19 @@ TEST_F(SshE2E, FailuresAreReportedPerSubnodeAndThePasswordNowhere) {
   EXPECT_EQ(readFile(scratch_.file("empty_hosts")), "");  // nothing trusted on the way
 
   // The slow command outlives its 10 s: TIMEOUT, and it ends on the remote host too.
-  ASSERT_TRUE(XRV::testing::waitUntil([] { return processRuns("sleep 41.5"); }, 10));
+  // (The next collection starts another one: the first one's processes must go.)
+  std::set<std::string> first;
+  ASSERT_TRUE(XRV::testing::waitUntil(
+      [&] { return !(first = processesRunning("sleep 41.5")).empty(); }, 10));
   const json timedOut = statusOnce(agent, "slow", "TIMEOUT", seconds(20));
   EXPECT_EQ(timedOut.value("Error_Code_Name", ""), "TIMEOUT") << timedOut;
-  EXPECT_TRUE(XRV::testing::waitUntil([] { return !processRuns("sleep 41.5"); }, 5));
+  EXPECT_TRUE(XRV::testing::waitUntil(
+      [&] {
+        const std::set<std::string> now = processesRunning("sleep 41.5");
+        return std::none_of(first.begin(), first.end(),
+                            [&](const std::string& pid) { return now.count(pid) != 0; });
+      },
+      5));
 
   // The password is in no answer of the API and no line of the trace.
   for (const char* path : {"/api/v1/tables/Performance_Object_Status", "/api/v1/nodes",
@@ -236,6 +248,45 @@ TEST_F(SshE2E, HostThatGoesDownIsReportedAndRecovers) {
   const json up = statusOnce(agent, "host", "OBJECT_ACTIVE");
   EXPECT_EQ(up.value("Error_Code_Name", ""), "OBJECT_ACTIVE") << up;
   EXPECT_TRUE(agent.running());
+}
+
+TEST_F(SshE2E, ExampleDefinitionCollectsFromItsHosts) {
+  // The example's sections, pointed at the test's sshd: one key and one password login.
+  const std::string configuration = scratch_.file("remote-hosts.ini");
+  std::ofstream(configuration)
+      << "[agent]\nCDP_BINPATH = " << EXAMPLES_DIR << "/definitions\n"
+      << "CDP_DP_THREAD_POOL_SIZE = 4\nCDP_DP_REFRESH_INTERVAL = 3600\n"
+      << "CDP_SSH_KNOWN_HOSTS = " << scratch_.file("learnt_hosts") << "\n"
+      << "CDP_SSH_TEMP_DIRECTORY = " << scratch_.file("remote") << "\n"
+      << "\n[subnode RHO web01]\nSSH_HOSTNAME = 127.0.0.1\nSSH_PORT = " << sshd_.port()
+      << "\nSSH_USERID = root\nSSH_AUTH_TYPE = PUBLICKEY\nSSH_PRIV_KEYFILE = " << sshd_.privateKey()
+      << "\nSSH_ACCEPT_NEW_HOST_KEY = Y\n"
+      << "\n[subnode RHO db01]\nSSH_HOSTNAME = 127.0.0.1\nSSH_PORT = " << sshd_.port()
+      << "\nSSH_USERID = root\nSSH_AUTH_TYPE = PASSWORD\nSSH_PASSWORD = " << SshServer::password()
+      << "\nSSH_ACCEPT_NEW_HOST_KEY = Y\n";
+  AgentProcess agent(AgentOptions{EXAMPLES_DIR "/definitions/remote-hosts.xml", configuration, {}});
+  ASSERT_TRUE(agent.waitUntilServing()) << agent.standardError();
+  for (const char* node : {"RV:web01:RHO", "RV:db01:RHO"}) {
+    SCOPED_TRACE(node);
+    auto rows = [&](const std::string& group) {
+      const json answer =
+          getWhen(agent, "/api/v1/tables/" + group + "?node=" + node,
+                  [](const json& a) { return a.is_object() && !a["rows"].empty(); });
+      return answer.is_object() ? answer["rows"] : json::array();
+    };
+    const json load = rows("Remote_Load");
+    ASSERT_EQ(load.size(), 1u) << load;
+    EXPECT_GE(load[0].value("Runnable_Tasks", 0), 1) << load;
+    const json memory = rows("Remote_Memory");  // from the uploaded remote-memory.sh
+    ASSERT_EQ(memory.size(), 1u) << memory;
+    EXPECT_GT(memory[0].value("Total_KB", 0LL), 0) << memory;
+    EXPECT_GE(memory[0].value("Used_KB", -1LL), 0) << memory;
+    const json fileSystems = rows("Remote_File_Systems");
+    EXPECT_TRUE(std::any_of(fileSystems.begin(), fileSystems.end(), [](const json& row) {
+      return row["Mount_Point"] == "/";
+    })) << fileSystems;
+  }
+  EXPECT_NE(readFile(scratch_.file("learnt_hosts")).find("[127.0.0.1]:"), std::string::npos);
 }
 
 }  // namespace
