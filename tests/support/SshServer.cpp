@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -54,6 +55,8 @@ bool SshServer::start() {
   pid_ = fork();
   if (pid_ == 0) {
     setpgid(0, 0);
+    // A test that dies takes its sshd along: the namespace ends with its first process.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
     const int fd = open(logFile.c_str(), O_WRONLY | O_APPEND);
     dup2(fd, STDOUT_FILENO);
     dup2(fd, STDERR_FILENO);

@@ -6,7 +6,8 @@
 // host that goes down; start() brings it back on the same port with the same keys.
 //
 // Where sshd cannot run (not root, no openssh-server) available() is false and
-// reason() says why: the tests skip.
+// reason() says why: the tests skip. The destructor stops sshd; a test process that
+// dies takes it along too.
 
 #include <sys/types.h>
 

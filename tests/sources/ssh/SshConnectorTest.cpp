@@ -40,10 +40,11 @@ using XRV::testing::TempDirectory;
 using Settings = std::map<std::string, std::string>;
 using Clock = std::chrono::steady_clock;
 
-// One sshd for the whole program: starting it costs a few hundred milliseconds.
+// One sshd for the whole program (starting it costs a few hundred milliseconds),
+// stopped when the program ends.
 SshServer& server() {
-  static SshServer* const instance = new SshServer;
-  return *instance;
+  static SshServer instance;
+  return instance;
 }
 
 // A subnode's configuration section as the provider hands it over.
