@@ -40,6 +40,7 @@ enum class Setting : uint8_t {
   MaxFileMb,
   Trace,
   TraceFile,
+  StateDir,
   // Collection
   ThreadPoolSize,
   RefreshInterval,
@@ -71,6 +72,11 @@ enum class Setting : uint8_t {
   KillOrphanScripts,
   ScriptAllowBlankValues,
   ScriptCreateEmptyRow,
+  // Scripts over SSH
+  SshKnownHosts,
+  SshTempDirectory,
+  SshDelCommand,
+  SshReconnectMaxDelay,
   // Log monitor
   AgentLibDir,
   ApplicationSendPqlEvents,

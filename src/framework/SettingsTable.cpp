@@ -15,6 +15,7 @@ constexpr const char kStartup[] = "Start-up";
 constexpr const char kCollection[] = "Collection";
 constexpr const char* kGroups = kGroupSettingsSection;
 constexpr const char kCommands[] = "Commands and scripts";
+constexpr const char kSsh[] = "Scripts over SSH";
 constexpr const char kLogMonitor[] = "Log monitor";
 constexpr const char kSubnodes[] = "Subnodes";
 constexpr const char kHttp[] = "HTTP API";
@@ -65,6 +66,10 @@ constexpr SettingSpec kSettings[] = {
     {.id = Setting::TraceFile, .name = "XRV_TRACE_FILE", .scope = S::Environment,
      .section = kStartup, .defaultText = "standard error",
      .effect = "the file trace lines are appended to"},
+    {.id = Setting::StateDir, .name = "XRV_STATE_DIR", .section = kStartup, .emptyIsUnset = true,
+     .defaultText = "/var/lib/xrvagent",
+     .effect = "the directory, made when missing, where the agent keeps what it learns across "
+               "restarts (the SSH known hosts)"},
 
     // --- Collection ---
     {.id = Setting::ThreadPoolSize, .name = "CDP_DP_THREAD_POOL_SIZE", .kind = K::Number,
@@ -262,6 +267,25 @@ constexpr SettingSpec kSettings[] = {
                  "Running script data collection and allowing no output. A fake row with \"\" "
                  "or 0 values will be created.\n",
                  ""}}},
+
+    // --- Scripts over SSH (a [subnode TYPE KEY] section may set them for its host) ---
+    {.id = Setting::SshKnownHosts, .name = "CDP_SSH_KNOWN_HOSTS", .section = kSsh,
+     .emptyIsUnset = true, .defaultText = "XRV_STATE_DIR/ssh_known_hosts",
+     .effect = "the known hosts file that remote hosts' keys are checked against "
+               "(docs/ssh.md)"},
+    {.id = Setting::SshTempDirectory, .name = "CDP_SSH_TEMP_DIRECTORY", .section = kSsh,
+     .emptyIsUnset = true, .defaultText = ".xrvagent",
+     .effect = "the remote directory command files are uploaded to (relative: to the remote "
+               "user's home); commands see it as $CDP_SSH_TEMP_DIRECTORY"},
+    {.id = Setting::SshDelCommand, .name = "CDP_SSH_DEL_COMMAND", .section = kSsh,
+     .emptyIsUnset = true, .defaultText = "rm -f",
+     .effect = "the remote command, followed by the files, that removes uploaded command files "
+               "when SSH_DELETE_FILE is on"},
+    {.id = Setting::SshReconnectMaxDelay, .name = "CDP_SSH_RECONNECT_MAX_DELAY",
+     .kind = K::Number, .section = kSsh, .emptyIsUnset = true, .defaultValue = 60, .unit = "s",
+     .min = 1, .outOfRange = R::Replace, .replacement = 1,
+     .effect = "the longest wait before a host that could not be reached is tried again (the "
+               "wait starts at 1 s and doubles)"},
 
     // --- Log monitor ---
     {.id = Setting::AgentLibDir, .name = "AGENT_LIB_DIR", .section = kLogMonitor,

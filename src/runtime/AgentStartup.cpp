@@ -33,6 +33,9 @@
 #include "scheduling/ThreadPool.h"
 #include "runtime/ThreadPoolStatus.h"
 #include "sources/command/CommandWithTimeout.h"
+#if XRV_HAVE_SSH
+#include "sources/ssh/LibsshConnector.h"
+#endif
 #include "subnode/ConfigDiscovery.h"
 #include "subnode/SubnodeManager.h"
 
@@ -255,6 +258,9 @@ const AgentInformation* fwPreInit(int argc, char** argv) {
   }
 
   installPerfObjectStatusHook();
+#if XRV_HAVE_SSH
+  installSshSupport();  // before the definition makes the connectors of remote scripts
+#endif
   const XRV::SettingRead path = XRV::readSetting(XRV::Setting::AgentRefFile, XRV_SETTING_HERE());
   if (!initFromFile(path.set ? path.text.c_str() : nullptr)) {
     XRV_TRACE_ERROR("ERROR: agent ref loading error");

@@ -17,6 +17,7 @@
 
 #include "framework/Mutex.h"
 #include "framework/Trace.h"
+#include "sources/command/SshConnector.h"
 
 int CommandWithTimeout::runCommand() {
   XRV_TRACE_FN();
@@ -74,6 +75,9 @@ int CommandWithTimeout::runCommand() {
   if (aborted) {
     XRV_TRACE_DETAIL("The agent is stopping: ending command %s", command_);
     killProcess_ = true;  // an agent that stops leaves no command of its own running
+    if (connector_ != nullptr) {
+      connector_->abortCommands();  // nor one on a remote host
+    }
     ret = ETIMEDOUT;
   }
   if (ret == ETIMEDOUT) {

@@ -347,17 +347,21 @@ void CommandWithTimeout::runRemote() {
   XRV_TRACE_FN();
   char* out = nullptr;
   char* err = nullptr;
-  const int result = connector_->executeScript(command_, &out, &err, timeout_);
+  int exitStatus = 0;
+  const int result = connector_->runScript(command_, &out, &err, timeout_, &exitStatus);
   if (result != 0) {
     free(out);
     free(err);
     setStatus(CWT_ERROR);
+    rc_ = result;
   } else {
     stdoutData_ = out;
     stderrData_ = err;
+    lineCursor_ = nullptr;
     setStatus(CWT_COMPLETED);
+    // The remote command's own exit status, as for a local one.
+    rc_ = exitStatus;
   }
-  rc_ = result;
   signal(STREAM_PROCESS_END);
 }
 

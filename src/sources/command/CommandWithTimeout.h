@@ -102,6 +102,8 @@ class CommandWithTimeout {
   // `env`: shell text placed directly in front of the command (buildEnvString).
   CommandWithTimeout(const char* cmd, int timeout, const char* env);
   // Runs the command on the connector's host; `owns`: delete the connector with this.
+  // getRC() is then the remote command's exit status, or -1 when the connector could
+  // not run it. At an agent stop the connector's commands are aborted.
   CommandWithTimeout(SshConnector* connector, const char* cmd, int timeout, bool owns);
   // `env` is kept but not used on the remote path.
   CommandWithTimeout(SshConnector* connector, const char* cmd, int timeout, const char* env,

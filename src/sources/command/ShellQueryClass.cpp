@@ -1,5 +1,6 @@
 #include "sources/command/ShellQueryClass.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
@@ -85,6 +86,9 @@ ShellQueryClass::ShellQueryClass(const ShellQueryClass* other, const char* subno
   setInputIsUTF8(utf8Input_);
   if (useSsh_) {
     makeConnector();
+    for (const std::string& file : other->commandFiles_) {
+      addCommandFile(file.c_str());
+    }
   }
 }
 
@@ -94,7 +98,7 @@ ShellQueryClass::~ShellQueryClass() {
     outstandingCommands_->cleanupFinishedCommands();
     outstandingCommands_.reset();  // hands the ones still running to their workers
   }
-  delete connector_;
+  connector_.reset();  // commands still running keep it until they end
   free(providerName_);
   free(separator_);
   {
@@ -121,10 +125,10 @@ void ShellQueryClass::makeConnector() {
   XRV_TRACE_FN();
   {
     PthreadMutexLock guard(processLock);
-    connector_ = createSshConnector(getAttributeGroup());
+    connector_.reset(createSshConnector(getAttributeGroup()));
   }
   if (connector_ == nullptr) {
-    connector_ = new UnavailableSshConnector(GENERIC_ERROR);
+    connector_ = std::make_shared<UnavailableSshConnector>(GENERIC_ERROR);
   }
   if (connector_->isInErrorState()) {
     XRV_TRACE_ERROR("Error initializing SSH Connector class\n");
@@ -210,6 +214,8 @@ void ShellQueryClass::internalCollectData(const char* /*subnode*/) {
     } else if (useSsh_) {
       perfErrorCode_ = connector_->getErrorCode();
       XRV_TRACE_ERROR("SSH FAILED or command %s, status returned is %d", orNull(command_), result);
+      // Why, for the operator: the status groups show it as the standard error.
+      setCommandStdErr(connector_->getErrorMessage().c_str());
     } else {
       switch (command->getStatus()) {
         case CWT_START_FAILED:
@@ -245,7 +251,8 @@ int ShellQueryClass::runCommandObject(std::unique_ptr<CommandWithTimeout>* comma
     (*command)->setKillProcess(killOrphans_);
     return (*command)->runCommand();
   }
-  *command = std::make_unique<CommandWithTimeout>(connector_, command_, timeout_, nullptr, false);
+  *command = std::make_unique<CommandWithTimeout>(new SshConnectorLease(connector_), command_,
+                                                  timeout_, nullptr, true);
   if (connector_->isInErrorState()) {
     int code = connector_->getErrorCode();
     if (code == MISSING_LIBRARY || code == CALLBACK_REGISTRATION_ERROR ||
@@ -266,12 +273,7 @@ void ShellQueryClass::processOutput(CommandWithTimeout* command) {
   } else {
     XRV_TRACE_DETAIL("Set stderr for this query class to <%s>", errorText);
   }
-  {
-    char* copy = strdup(errorText);
-    PthreadMutexLock guard(stateLock_);
-    free(commandStdErr_);
-    commandStdErr_ = copy;
-  }
+  setCommandStdErr(errorText);
 
   char* line = line_.get();
   bool firstLine = true;
@@ -312,10 +314,20 @@ void ShellQueryClass::processOutput(CommandWithTimeout* command) {
   setErrorFromReturnCode(commandReturnCode_, rows);
 }
 
+void ShellQueryClass::setCommandStdErr(const char* text) {
+  char* copy = strdup(text == nullptr ? "" : text);
+  PthreadMutexLock guard(stateLock_);
+  free(commandStdErr_);
+  commandStdErr_ = copy;
+}
+
 void ShellQueryClass::setErrorFromReturnCode(int returnCode, int rowCount) {
   XRV_TRACE_FN();
-  if (useSsh_) {
-    perfErrorCode_ = connector_->getErrorCode();
+  // A remote command that ran is judged like a local one by its exit status and rows;
+  // the connector's code wins when it reports a problem of its own.
+  const int connectorCode = useSsh_ ? connector_->getErrorCode() : OBJECT_ACTIVE;
+  if (connectorCode != OBJECT_ACTIVE) {
+    perfErrorCode_ = connectorCode;
   } else if (returnCode == 0) {
     perfErrorCode_ = rowCount > 0 ? OBJECT_ACTIVE : NO_INSTANCES_RETURNED;
   } else if (returnCode == 126) {
@@ -458,6 +470,9 @@ void ShellQueryClass::addCommandFile(const char* name) {
   XRV_TRACE_FN();
   if (connector_ != nullptr && name != nullptr) {
     connector_->addCommandFile(name);
+    if (std::find(commandFiles_.begin(), commandFiles_.end(), name) == commandFiles_.end()) {
+      commandFiles_.emplace_back(name);
+    }
   }
 }
 

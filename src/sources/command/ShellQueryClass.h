@@ -10,6 +10,8 @@
 //   no rows and exit 0       NO_INSTANCES_RETURNED  exit 127       SCRIPT_NOT_FOUND
 //   any other exit status    SCRIPT_NONZERO_RETURN  (the rows it printed are kept)
 //   past the time-out        TIMEOUT (the previous rows stay)
+//   over SSH, not run         the connector's code (AUTHENTICATION_FAILED, ...), with
+//                             its message as the standard error
 //   could not be started     SCRIPT_LAUNCH_ERROR, SCRIPT_NOT_FOUND, ACCESS_DENIED or
 //                            GENERIC_ERROR after the command's status
 //
@@ -93,7 +95,7 @@ class ShellQueryClass : public ResultsManager {
   void setTimeout(int seconds) { timeout_ = seconds; }
   bool getKillOrphans() const { return killOrphans_; }
   bool isUsingSsh() const { return useSsh_; }
-  SshConnector* getConnector() const { return connector_; }
+  SshConnector* getConnector() const { return connector_.get(); }
   // Commands parked after a time-out and not reaped yet.
   int getOutstandingCommandCount();
   // The environment text placed in front of local commands; "" when none.
@@ -111,6 +113,7 @@ class ShellQueryClass : public ResultsManager {
   int runCommandObject(std::unique_ptr<CommandWithTimeout>* command);
   void processOutput(CommandWithTimeout* command);
   void setErrorFromReturnCode(int returnCode, int rowCount);
+  void setCommandStdErr(const char* text);
   // The value of `token` for `metric`, by the attribute's type.
   ResultMetric* makeValue(const Metric* metric, const char* token);
   // The next token for `metric`; null when the line has none left.
@@ -126,7 +129,10 @@ class ShellQueryClass : public ResultsManager {
   // Guards what other threads read beside a collection.
   PthreadMutex stateLock_;
   char* envPrefix_ XRV_GUARDED_BY(stateLock_) = nullptr;
-  SshConnector* connector_ = nullptr;
+  // Shared with the commands running through it (SshConnectorLease), so that a
+  // command that outlives the provider still has its connector.
+  std::shared_ptr<SshConnector> connector_;
+  std::vector<std::string> commandFiles_;  // handed to the connectors of copies too
   bool allowBlankValues_ = false;
   bool createEmptyRow_ = false;
   std::atomic<int> commandReturnCode_{0};

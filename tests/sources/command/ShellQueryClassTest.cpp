@@ -390,6 +390,97 @@ TEST_F(ShellQueryClassTest, ScriptOverSshWithoutSupportReportsMissingLibrary) {
             names.end());
 }
 
+// --- Remote scripts through an installed connector ---
+
+// What the scripted connector does on its next run; its error code and message follow.
+struct ScriptedRun {
+  int result = 0;
+  const char* out = "";
+  int exitStatus = 0;
+  int code = OBJECT_ACTIVE;
+  const char* message = "";
+};
+ScriptedRun nextRun;
+std::vector<std::string> uploadedFiles;
+
+class ScriptedConnector : public SshConnector {
+ public:
+  int executeScript(const char* command, char** out, char** err, int timeout) override {
+    int status = 0;
+    return runScript(command, out, err, timeout, &status);
+  }
+  int runScript(const char*, char** out, char** err, int, int* exitStatus) override {
+    code_ = nextRun.code;
+    *out = nextRun.result == 0 ? strdup(nextRun.out) : nullptr;
+    *err = nextRun.result == 0 ? strdup("remote stderr") : nullptr;
+    *exitStatus = nextRun.exitStatus;
+    return nextRun.result;
+  }
+  void resetConfig(const char*, HashMap*) override {}
+  void addCommandFile(const char* name) override { uploadedFiles.emplace_back(name); }
+  bool isInErrorState() const override { return code_ != OBJECT_ACTIVE; }
+  int getErrorCode() const override { return code_; }
+  std::string getErrorMessage() const override { return nextRun.message; }
+
+ private:
+  int code_ = OBJECT_ACTIVE;
+};
+
+TEST_F(ShellQueryClassTest, RemoteOutcomesBecomeRowsAndErrorCodes) {
+  registerSshConnectorFactory([](const char*) -> SshConnector* { return new ScriptedConnector; });
+  struct Case {
+    const char* name;
+    ScriptedRun run;
+    Rows rows;
+    int code;
+    int returnCode;
+    const char* stderrText;
+  };
+  const Case cases[] = {
+      {"exit 0 with rows", {0, "a,b\nc,d\n", 0}, {{"a", "b"}, {"c", "d"}}, OBJECT_ACTIVE, 0,
+       "remote stderr"},
+      {"exit 0 without rows", {0, "", 0}, {}, NO_INSTANCES_RETURNED, 0, "remote stderr"},
+      {"rows and exit 3", {0, "a,b\n", 3}, {{"a", "b"}}, SCRIPT_NONZERO_RETURN, 3,
+       "remote stderr"},
+      {"not found remotely", {0, "", 127}, {}, SCRIPT_NOT_FOUND, 127, "remote stderr"},
+      {"login refused",
+       {-1, "", 0, AUTHENTICATION_FAILED, "u@h:22 refused the password"},
+       {},
+       AUTHENTICATION_FAILED,
+       0,
+       "u@h:22 refused the password"},
+      {"host down",
+       {-1, "", 0, REMOTE_HOST_UNAVAILABLE, "cannot connect to h port 22: Connection refused"},
+       {},
+       REMOTE_HOST_UNAVAILABLE,
+       0,
+       "cannot connect to h port 22: Connection refused"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    nextRun = c.run;
+    auto provider = textProvider("uptime", 2, "ssh=\"true\"");
+    ASSERT_NE(provider, nullptr);
+    EXPECT_EQ(collectRows(*provider), c.rows);
+    EXPECT_EQ(provider->getPerfErrorCode(), c.code);
+    EXPECT_EQ(provider->getCollectionReturnCode(), c.returnCode);
+    EXPECT_EQ(provider->getCollectionStdErr(), c.stderrText);
+  }
+  registerSshConnectorFactory(nullptr);
+}
+
+TEST_F(ShellQueryClassTest, SubnodeCopiesOfARemoteScriptUploadTheSameFiles) {
+  registerSshConnectorFactory([](const char*) -> SshConnector* { return new ScriptedConnector; });
+  uploadedFiles.clear();
+  auto provider = loadScriptProvider(scriptDefinition(
+      textAttrs(1), "separator=\",\" ssh=\"true\" command=\"sh probe.sh\"",
+      "<File Name=\"probe.sh\"/><File Name=\"lib.sh\"/>" + textMetrics({""})));
+  ASSERT_NE(provider, nullptr);
+  std::unique_ptr<UAClientClass> copy(provider->subnodeCopy("east", nullptr));
+  EXPECT_EQ(uploadedFiles, (std::vector<std::string>{"probe.sh", "lib.sh", "probe.sh", "lib.sh"}));
+  registerSshConnectorFactory(nullptr);
+}
+
 // --- Subnodes ---
 
 TEST_F(ShellQueryClassTest, SubnodeCopyExportsItsConfigurationToTheCommand) {
