@@ -323,11 +323,10 @@ void ShellQueryClass::setCommandStdErr(const char* text) {
 
 void ShellQueryClass::setErrorFromReturnCode(int returnCode, int rowCount) {
   XRV_TRACE_FN();
-  // A remote command that ran is judged like a local one by its exit status and rows;
-  // the connector's code wins when it reports a problem of its own.
-  const int connectorCode = useSsh_ ? connector_->getErrorCode() : OBJECT_ACTIVE;
-  if (connectorCode != OBJECT_ACTIVE) {
-    perfErrorCode_ = connectorCode;
+  // Over SSH the connector's code stands (OBJECT_ACTIVE once it reached the host and
+  // ran the command); the remote exit status is Last_Return_Code.
+  if (useSsh_) {
+    perfErrorCode_ = connector_->getErrorCode();
   } else if (returnCode == 0) {
     perfErrorCode_ = rowCount > 0 ? OBJECT_ACTIVE : NO_INSTANCES_RETURNED;
   } else if (returnCode == 126) {

@@ -439,10 +439,10 @@ TEST_F(ShellQueryClassTest, RemoteOutcomesBecomeRowsAndErrorCodes) {
   const Case cases[] = {
       {"exit 0 with rows", {0, "a,b\nc,d\n", 0}, {{"a", "b"}, {"c", "d"}}, OBJECT_ACTIVE, 0,
        "remote stderr"},
-      {"exit 0 without rows", {0, "", 0}, {}, NO_INSTANCES_RETURNED, 0, "remote stderr"},
-      {"rows and exit 3", {0, "a,b\n", 3}, {{"a", "b"}}, SCRIPT_NONZERO_RETURN, 3,
-       "remote stderr"},
-      {"not found remotely", {0, "", 127}, {}, SCRIPT_NOT_FOUND, 127, "remote stderr"},
+      // The command ran: the connector's code stands, the exit status is the return code.
+      {"exit 0 without rows", {0, "", 0}, {}, OBJECT_ACTIVE, 0, "remote stderr"},
+      {"rows and exit 3", {0, "a,b\n", 3}, {{"a", "b"}}, OBJECT_ACTIVE, 3, "remote stderr"},
+      {"not found remotely", {0, "", 127}, {}, OBJECT_ACTIVE, 127, "remote stderr"},
       {"login refused",
        {-1, "", 0, AUTHENTICATION_FAILED, "u@h:22 refused the password"},
        {},
