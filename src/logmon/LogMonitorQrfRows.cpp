@@ -100,22 +100,16 @@ std::string LogMonitorQueryClass::expandForQRF(const QRFConfig& config, const ch
   return out + "END";
 }
 
+// Slots are taken in the format's order: of two slots mapped to one attribute the later
+// one (a subclass's own rather than an inherited one) fills it.
 void LogMonitorQueryClass::mapQRFCustomSlots(const QRFConfig& config, int formatIndex,
                                              const QrfSlotMap& slots,
                                              std::map<std::string, std::string>* attributes) {
   XRV_TRACE_FN();
   XRV_TRACE_DETAIL("QRF: Filling in custom slots");
   const QRFFormatNode* node = config.getFormat(formatIndex);
-  for (const auto& [name, values] : slots) {
-    if (name == kClassSlot) {
-      continue;
-    }
-    const QRFSlot* slot = node == nullptr ? nullptr : node->getSlot(name);
-    if (node != nullptr && slot == nullptr) {
-      XRV_TRACE_ERROR("Error: slot %s does not exist", name.c_str());
-      continue;
-    }
-    const std::string& custom = slot == nullptr ? std::string() : slot->getPQLCustomSlot();
+  const auto fill = [&](const std::string& name, const std::vector<std::string>& values,
+                        const std::string& custom) {
     if (!custom.empty()) {
       XRV_TRACE_DETAIL("Found slot %s mapped to custom attribute %s", name.c_str(), custom.c_str());
       (*attributes)[custom] = attributeValue(values);
@@ -124,6 +118,22 @@ void LogMonitorQueryClass::mapQRFCustomSlots(const QRFConfig& config, int format
           "Found msg slot not specifically mapped to something else, mapping automatically to "
           "msg attribute");
       attributes->emplace("msg", attributeValue(values));  // a mapping to msg wins
+    }
+  };
+  if (node == nullptr) {
+    if (const auto msg = slots.find("msg"); msg != slots.end()) {
+      fill(msg->first, msg->second, "");
+    }
+  } else {
+    for (const auto& [name, values] : slots) {
+      if (name != kClassSlot && node->getSlot(name) == nullptr) {
+        XRV_TRACE_ERROR("Error: slot %s does not exist", name.c_str());
+      }
+    }
+    for (const auto& slot : node->getSlots()) {
+      if (const auto found = slots.find(slot->getName()); found != slots.end()) {
+        fill(found->first, found->second, slot->getPQLCustomSlot());
+      }
     }
   }
   if (const auto found = slots.find(kClassSlot); found != slots.end() && !found->second.empty()) {
