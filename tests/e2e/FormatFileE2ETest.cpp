@@ -288,5 +288,26 @@ TEST(FormatFileE2E, ChangedFilesArePickedUpAtTheNextCollection) {
             "msg='again';XRV_FILENAME='" + site.file("app.log") + "';END");
 }
 
+// examples/definitions/format-files.xml as its .ini says to run it, from the top of the
+// repository: each subnode reads its conf and format file and runs its table, whether
+// or not the machine has the logs.
+TEST(FormatFileE2E, TheExampleDefinitionRunsASubnodePerConfFile) {
+  AgentProcess agent(AgentOptions{EXAMPLES_DIR "/definitions/format-files.xml",
+                                  EXAMPLES_DIR "/definitions/format-files.ini",
+                                  {{"CDP_BINPATH", EXAMPLES_DIR "/.."},
+                                   {"CDP_DP_CACHE_TTL", "1"},
+                                   {"XRV_TRACE", "detail:LogMonitorQueryClass::initQRF"}}});
+  ASSERT_TRUE(agent.waitUntilServing()) << agent.standardError();
+  for (const char* key : {"access", "syslog"}) {
+    SCOPED_TRACE(key);
+    const json status = statusOnce(agent, kGroup, "OBJECT_ACTIVE", key);
+    EXPECT_EQ(status.value("Object_Status_Name", ""), "PERF_OBJECT_ACTIVE") << status;
+    const std::string conf = std::string("examples/formats/") +
+                             (std::string(key) == "access" ? "apache-access" : "syslog");
+    EXPECT_NE(agent.trace().find(conf + ".conf and " + conf + ".fmt parsed successfully."),
+              std::string::npos);
+  }
+}
+
 }  // namespace
 }  // namespace XRV::e2e
