@@ -223,7 +223,7 @@ bool OBVEmitter::forwardingStatus(EventForwarderStatus* status, std::string* ser
 
 void OBVEmitter::stopForwarding() {
   XRV_TRACE_FN();
-  if (forwarder_ == nullptr) {
+  if (forwarder_ == nullptr || forwardingStopped_.exchange(true)) {
     return;
   }
   forwarder_->stop();

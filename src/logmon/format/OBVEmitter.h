@@ -24,6 +24,7 @@
 // that getConfValue and the other readers, submit(), forwardingStatus() and
 // stopForwarding() may be called from any threads.
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <utility>
@@ -95,4 +96,5 @@ class OBVEmitter {
   std::vector<std::pair<std::string, std::string>> values_;  // in file order
   std::string server_;                                        // HOST:PORT while forwarding
   std::unique_ptr<XRV::forward::EventForwarder> forwarder_;   // set once, kept to the end
+  std::atomic<bool> forwardingStopped_{false};
 };
