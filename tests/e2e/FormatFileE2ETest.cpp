@@ -5,7 +5,10 @@
 // event server, through server outages and agent restarts.
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -256,8 +259,12 @@ TEST(FormatFileE2E, ChangedFilesArePickedUpAtTheNextCollection) {
   ASSERT_TRUE(agent.waitUntilServing()) << agent.standardError();
   ASSERT_EQ(statusOnce(agent, kGroup, "OBJECT_ACTIVE").value("Error_Code_Name", ""),
             "OBJECT_ACTIVE");
-  EXPECT_EQ(threadNiceValues(agent.pid()),
-            std::vector<int>(threadNiceValues(agent.pid()).size(), 10));
+  // ProcessPriorityClass=b: nice 10 for every thread (unless the test runs nicer still:
+  // the agent may not lower it).
+  errno = 0;
+  const int ours = getpriority(PRIO_PROCESS, 0);
+  const std::vector<int> nice = threadNiceValues(agent.pid());
+  EXPECT_EQ(nice, std::vector<int>(nice.size(), std::max(10, errno == 0 ? ours : 0)));
   ASSERT_TRUE(site.append(infoLine(0, "before")));
   ASSERT_EQ(column<std::string>(eventsOf(agent, kGroup, 0, 1), "Class"),
             std::vector<std::string>{"Java_Log"});
