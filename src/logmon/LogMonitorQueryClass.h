@@ -140,9 +140,10 @@ class LogMonitorQueryClass : public ResultsManager {
   bool sendsObvEvents() const { return sendObvEvents_; }
   bool isLogNameBasename() const { return logNameIsBasename_.load(); }
   bool includesObvEventAttr() const { return includeObvEventAttr_.load(); }
-  // The pipe through which the syslog daemon feeds a format-file group; records from
-  // it carry "SysLogD" as their source. Format-file mode sets it from its
-  // configuration.
+  // The pipe through which the syslog daemon feeds the group; records from it carry
+  // "SysLogD" as their source. Format-file mode takes it from its configuration at
+  // every reset; this sets it for a group outside that mode (and drops what a
+  // format-file reset built).
   void setSyslogPipeName(const char* pipe);
   // Format-file mode: the conf and format files of the last reset ("" before one).
   std::string getConfFile();

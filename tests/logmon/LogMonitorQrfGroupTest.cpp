@@ -134,6 +134,8 @@ TEST_F(LogMonitorQrfGroupTest, RecordsBecomeClassedEventsAndOBVEventsReachTheSer
   EXPECT_EQ(provider->getConfFile(), directory_.file("events.conf"));
   EXPECT_EQ(provider->getFormatFile(), directory_.file("events.fmt"));
   EXPECT_TRUE(provider->isLogNameBasename());
+  EXPECT_TRUE(provider->sendsObvEvents());
+  EXPECT_TRUE(provider->includesObvEventAttr());
   EXPECT_TRUE(framework_.trace().hasText("fmt file not specified for conf file " +
                                          directory_.file("events.conf") + ", assuming " +
                                          directory_.file("events.fmt")));
@@ -171,6 +173,9 @@ TEST_F(LogMonitorQrfGroupTest, WithoutTheFlagsOnlyEventRowsGo) {
   ASSERT_NE(provider, nullptr);
   provider->start();
   // No OBVEvent text in the rows, the path in Log_File, nothing forwarded.
+  EXPECT_FALSE(provider->sendsObvEvents());
+  EXPECT_FALSE(provider->includesObvEventAttr());
+  EXPECT_FALSE(provider->isLogNameBasename());
   EXPECT_EQ(eventsAfter("ERROR 1 x\n"),
             (Rows{{"Line", directory_.file("app.log"), "x", "ERROR", "1", "", ""}}));
   EXPECT_EQ(provider->getCollectionDetail(), "");
