@@ -84,6 +84,10 @@ enum class Setting : uint8_t {
   LognameIsBasename,
   LogPositionsDir,
   // Log monitor, format-file mode
+  ApplicationConfFile,
+  ApplicationFormatFile,
+  ApplicationSendObvEvents,
+  ApplicationProcessPriorityClass,
   ApplicationAutoInitSyslog,
   ProcessMaxCpuPct,
   IpAddr,

@@ -313,6 +313,27 @@ constexpr SettingSpec kSettings[] = {
                "of the agent's environment wins (docs/log-engine.md)"},
 
     // --- Log monitor, format-file mode (docs/format-files.md) ---
+    {.id = Setting::ApplicationConfFile, .name = "_CONF_FILE", .scope = S::Application,
+     .section = kLogMonitor, .emptyIsUnset = true, .defaultText = "unset",
+     .effect = "the conf file of the application's format-file log monitor group; a subnode's "
+               "copy reads it from its subnode's section, and one that finds the top level's "
+               "file there is disabled with DUPLICATE_CONF_FILE (docs/log-monitor.md)"},
+    {.id = Setting::ApplicationFormatFile, .name = "_FORMAT_FILE", .scope = S::Application,
+     .section = kLogMonitor, .emptyIsUnset = true,
+     .defaultText = "the conf file's path with .fmt for .conf",
+     .effect = "the format file of the application's format-file log monitor group; read like "
+               "<APPLICATION>_CONF_FILE"},
+    {.id = Setting::ApplicationSendObvEvents, .name = "_SEND_OBV_EVENTS",
+     .scope = S::Application, .kind = K::Flag, .section = kLogMonitor, .flag = F::Yes,
+     .effect = "the event text of every record a format-file group of the application matches "
+               "is also forwarded to the event server its conf file names "
+               "(docs/event-forwarding.md)"},
+    {.id = Setting::ApplicationProcessPriorityClass, .name = "_PROCESS_PRIORITY_CLASS",
+     .scope = S::Application, .section = kLogMonitor, .emptyIsUnset = true,
+     .defaultText = "USE_CONF_FILE_VALUE",
+     .effect = "A to F: the nice value of the whole agent (A 20, B 10, C 0, D -5, E -10, F -20), "
+               "set when a top-level format-file group starts or resets; USE_CONF_FILE_VALUE "
+               "(or unset): the conf key ProcessPriorityClass decides"},
     {.id = Setting::ApplicationAutoInitSyslog, .name = "_AUTO_INIT_SYSLOG",
      .scope = S::Application, .section = kLogMonitor, .emptyIsUnset = true,
      .defaultText = "USE_CONF_FILE_VALUE",

@@ -74,9 +74,10 @@ LogMonitorQueryClass::LogMonitorQueryClass(const LogMonitorQueryClass* other,
       useQrf_(other->useQrf_),
       rawErrptCommand_(other->rawErrptCommand_),
       sendAsEvent_(other->sendAsEvent_),
+      sendObvEvents_(other->sendObvEvents_),
       leavePureCacheOnReset_(other->leavePureCacheOnReset_),
-      logNameIsBasename_(other->logNameIsBasename_),
-      syslogPipe_(other->syslogPipe_) {
+      envLogNameIsBasename_(other->envLogNameIsBasename_),
+      logNameIsBasename_(other->envLogNameIsBasename_) {
   XRV_TRACE_FN();
   resetTarget_->object = this;
   expandErrptCommand();
@@ -96,6 +97,8 @@ LogMonitorQueryClass::~LogMonitorQueryClass() {
       flushTable(false);
     }
   }
+  releaseConfClaim();
+  setQrfState(nullptr);  // stops forwarding
   PthreadMutexLock cdp(cdpHandleLock());
   const XpwEntryPoints* entry = xpwEntryPoints();
   if (registeredLogMonitorCount() == 0 && cdpHandle() != nullptr && entry != nullptr &&
@@ -112,8 +115,11 @@ void LogMonitorQueryClass::readFlags() {
   const XRV::SettingContext here = XRV_SETTING_HERE();
   sendAsEvent_ = XRV::settingFlag(Setting::ApplicationSendPqlEvents,
                                   here.forApplication(getApplicationName()));
+  sendObvEvents_ = XRV::settingFlag(Setting::ApplicationSendObvEvents,
+                                    here.forApplication(getApplicationName()));
   leavePureCacheOnReset_ = XRV::settingFlag(Setting::LeavePureCacheOnReset, here);
-  logNameIsBasename_ = XRV::settingFlag(Setting::LognameIsBasename, here);
+  envLogNameIsBasename_ = XRV::settingFlag(Setting::LognameIsBasename, here);
+  logNameIsBasename_.store(envLogNameIsBasename_);
 }
 
 // The template of a subnode type keeps the command as written: each copy expands it
@@ -177,7 +183,18 @@ std::string LogMonitorQueryClass::getMdl() {
 std::vector<std::string> LogMonitorQueryClass::getPropertyNames() {
   XRV_TRACE_FN();
   std::vector<std::string> names = ResultsManager::getPropertyNames();
-  names.push_back(XRV::settingName(XRV::Setting::ApplicationSendPqlEvents, getApplicationName()));
+  for (XRV::Setting id : {XRV::Setting::ApplicationSendPqlEvents}) {
+    names.push_back(XRV::settingName(id, getApplicationName()));
+  }
+  if (useQrf_) {
+    for (XRV::Setting id :
+         {XRV::Setting::ApplicationConfFile, XRV::Setting::ApplicationFormatFile,
+          XRV::Setting::ApplicationSendObvEvents, XRV::Setting::ApplicationProcessPriorityClass,
+          XRV::Setting::ApplicationAutoInitSyslog}) {
+      names.push_back(XRV::settingName(id, getApplicationName()));
+    }
+    names.push_back(XRV::settingName(XRV::Setting::ProcessMaxCpuPct));
+  }
   for (XRV::Setting id : {XRV::Setting::LeavePureCacheOnReset, XRV::Setting::LognameIsBasename,
                           XRV::Setting::AgentLibDir, XRV::Setting::LogPositionsDir}) {
     names.push_back(XRV::settingName(id));
@@ -287,21 +304,10 @@ bool LogMonitorQueryClass::flushTable(bool forReset) {
   return true;
 }
 
-bool LogMonitorQueryClass::initQRF() {
-  XRV_TRACE_FN();
-  XRV_TRACE_ERROR(
-      "Attribute group %s asks for format-file mode (use_qrf), which this build does not "
-      "provide",
-      getAttributeGroup());
-  XRV_TRACE_ERROR("QRF monitor with no QRFconfig, not starting");
-  setPerfObjectStatus(PERF_OBJECT_INACTIVE);
-  setPerfErrorCode(NOT_IMPLEMENTED);
-  return false;
-}
-
 // The body of start-up and of every reset:
 //  1. forget the rows (and, unless told otherwise, the pure-event cache);
-//  2. format-file mode: build the template from its files (initQRF);
+//  2. format-file mode: build the template from its files (initQRF, which also sets up
+//     the duplicate-detection keys);
 //  3. expand configuration properties in the template;
 //  4. a subnode's copy: rewrite the //APPL and //NAME header lines;
 //  5. check the //SOURCE FILE line;
@@ -328,6 +334,7 @@ void LogMonitorQueryClass::completeReset() {
     return;
   }
   if (useQrf_ && !initQRF()) {
+    XRV_TRACE_ERROR("QRF monitor with no QRFconfig, not starting");
     return;
   }
 

@@ -20,16 +20,29 @@
 // (subnodeCopy) runs its own table in the engine, named after the template's with
 // the subnode key appended.
 //
+// Format-file mode (use_qrf, LogMonitorQrf.cpp): every reset reads the group's conf
+// and format files (<APP>_CONF_FILE, <APP>_FORMAT_FILE) into an OBVEmitter and a
+// QRFConfig, whose MDL text replaces the definition's; a change of either file's
+// modification time resets the group at its next collection. Each record is one
+// OBVEvent text (LogMonitorQrfRows.cpp): its format gives the class, its slots fill
+// Class, msg and the custom attributes they are mapped to, records of the class
+// *DISCARD* are dropped, and with <APP>_SEND_OBV_EVENTS the text is also forwarded to
+// the conf file's event server.
+//
 // Status: inactive with NOT_INITIALIZED until the first reset completes; then what
 // the engine reports (FILE_OFFLINE while a file is missing) or what went wrong
 // (FILE_NAME_MISSING, MISSING_LIBRARY, COMMON_DATA_PROVIDER_NOT_STARTED,
 // CALLBACK_REGISTRATION_ERROR, MDL_LOAD_ERROR, ATTRIBUTE_COUNT_MISMATCH,
-// ATTRIBUTE_NAME_MISMATCH).
+// ATTRIBUTE_NAME_MISMATCH; in format-file mode also CONF_FILE_DOES_NOT_EXIST,
+// INVALID_CONF_FILE, CONF_FILE_ACCESS_DENIED, OBV_INITIALIZATION_FAILED,
+// CANNOT_OPEN_FORMAT_FILE, FORMAT_FILE_SYNTAX_ERROR, DUPLICATE_CONF_FILE).
 //
 // Thread-safety: callbacks arrive on the engine's threads and find their object
 // through the process-wide table map, which keeps the object alive during the call.
 // `mutex_` guards the per-file samples; the init lock orders the reset-pending check
 // against completeReset; cdpHandleLock serialises the work on the engine itself.
+// What a format-file reset builds (QrfState) is replaced whole under `qrfLock_`; a
+// record takes its own reference to it, so a reset never pulls it from under a record.
 
 #include <atomic>
 #include <cstdint>
@@ -45,7 +58,13 @@
 #include "provider/ResultsManager.h"
 
 class LogMonitorResultInstance;
+class OBVEmitter;
+class QRFConfig;
 struct XpwEntryPoints;
+
+// The slots of one event text, by name: a plain value is a list of one item. The class
+// of the record's format is filed under "__QRF_Class_Slot".
+using QrfSlotMap = std::map<std::string, std::vector<std::string>>;
 
 class LogMonitorQueryClass : public ResultsManager {
  public:
@@ -57,7 +76,7 @@ class LogMonitorQueryClass : public ResultsManager {
   static constexpr const char* kBinaryErrorLog = "/var/adm/ras/errlog";
 
   // `mdlTemplate` is the MDL text of the definition; `useQrf` selects format-file mode
-  // (not available in this build: such a group stays inactive); `errptCommand` may be
+  // (the template then comes from the conf and format files); `errptCommand` may be
   // null.
   LogMonitorQueryClass(const char* applicationName, const char* attributeGroup,
                        const char* mdlTemplate, const char* sourceMapAttr,
@@ -118,11 +137,38 @@ class LogMonitorQueryClass : public ResultsManager {
   const char* getErrptCommand() const { return errptCommand_.c_str(); }
   bool usesQrf() const { return useQrf_; }
   bool sendsRowsAsEvents() const { return sendAsEvent_; }
-  bool isLogNameBasename() const { return logNameIsBasename_; }
-  // The pipe through which the syslog daemon feeds a format-file group; records from
-  // it carry "SysLogD" as their source. Format-file mode sets it from its
-  // configuration.
-  void setSyslogPipeName(const char* pipe) { syslogPipe_ = pipe == nullptr ? "" : pipe; }
+  bool sendsObvEvents() const { return sendObvEvents_; }
+  bool isLogNameBasename() const { return logNameIsBasename_.load(); }
+  bool includesObvEventAttr() const { return includeObvEventAttr_.load(); }
+  // The pipe through which the syslog daemon feeds the group; records from it carry
+  // "SysLogD" as their source. Format-file mode takes it from its configuration at
+  // every reset; this sets it for a group outside that mode (and drops what a
+  // format-file reset built).
+  void setSyslogPipeName(const char* pipe);
+  // Format-file mode: the conf and format files of the last reset ("" before one).
+  std::string getConfFile();
+  std::string getFormatFile();
+  // The attributes flood control compares, from DupDetectionKeyAttributes; empty: the
+  // definition's key attributes.
+  std::vector<std::string> getDupDetectionKeys();
+  // The event forwarder's counters, when the group forwards OBV events.
+  std::string getCollectionDetail() override;
+  bool instancesMatch(const ResultInstance* a, const ResultInstance* b) override;
+
+  // --- Format-file mode's event texts (public for tests) ---
+  // The OBV event text of the engine's OBVEvent value `text`: "CLASS;" and the slots as
+  // name='value'; pairs, then "END"; the tokens %XRV_FILENAME%, %XRV_REGEX% and
+  // %XRV_REMHOST% filled in. *formatIndex is the format (-1 without one); *slots gets
+  // every slot and the class.
+  static std::string expandForQRF(const QRFConfig& config, const char* text, int* formatIndex,
+                                  const char* fileName, const char* remoteHost, QrfSlotMap* slots);
+  // The values of Class, msg and the custom attributes that the slots of format
+  // `formatIndex` are mapped to, by attribute name.
+  static void mapQRFCustomSlots(const QRFConfig& config, int formatIndex, const QrfSlotMap& slots,
+                                std::map<std::string, std::string>* attributes);
+  // The nice value of a ProcessPriorityClass letter (A-F, either case); false for
+  // another.
+  static bool priorityClassNice(char letter, int* nice);
 
   // The attribute group and subnode key of the object registered for the engine
   // table `table`; false when none is.
@@ -174,10 +220,33 @@ class LogMonitorQueryClass : public ResultsManager {
   void submitResetCompletion();
   // Flushes this table when its MDL is loaded; true when the engine took the flush.
   bool flushTable(bool forReset) XRV_REQUIRES(initLock_);
-  // Format-file mode: the hook that will build the MDL text from a .conf and a .fmt
-  // file. This build has no format-file support: it says so and the group stays
-  // inactive.
-  bool initQRF();
+  // --- Format-file mode (LogMonitorQrf.cpp) ---
+  struct QrfState;
+  // Reads the conf and format files and builds the MDL template from them; false (the
+  // status says why) when the group cannot run.
+  bool initQRF() XRV_REQUIRES(initLock_);
+  // Where <APP>_CONF_FILE and <APP>_FORMAT_FILE point; false when the group must not
+  // run (the status says why, or there is nothing to monitor).
+  bool readQrfFileNames(std::string* conf, std::string* format) XRV_REQUIRES(initLock_);
+  bool createObvEmitter(const std::string& conf, QrfState* state);
+  void startObvForwarding(QrfState* state);
+  void applyProcessPriority(const OBVEmitter& emitter);
+  void readFloodControlKeys(const OBVEmitter& emitter);
+  void initializeLogAgentDupDetection(const OBVEmitter& emitter);
+  // True when the conf or the format file changed since the last reset read them.
+  bool qrfFilesChanged() XRV_REQUIRES(initLock_);
+  // Gives up this object's claim on its conf file (DUPLICATE_CONF_FILE).
+  void releaseConfClaim();
+  std::shared_ptr<const QrfState> qrfState() const XRV_EXCLUDES(qrfLock_);
+  void setQrfState(std::shared_ptr<QrfState> state) XRV_EXCLUDES(qrfLock_);
+
+  // --- Format-file mode's records (LogMonitorQrfRows.cpp) ---
+  // The record's OBVEvent value made into the event text, its slots mapped onto
+  // *values; false when the record is to be dropped (*DISCARD*).
+  bool prepareQrfRecord(const QrfState& state, const XPWP_NameValue* pairs, int count,
+                        const char* source, const char* remoteHost, std::string* eventText,
+                        std::map<std::string, std::string>* values);
+  void submitObvEvent(const QrfState& state, const std::string& eventText);
   void expandErrptCommand();
   bool registerCallbacks();
   // `wait`: until no callback is inside this object (never from a callback).
@@ -185,11 +254,14 @@ class LogMonitorQueryClass : public ResultsManager {
   bool isSubnodeTemplate() const;
   const char* subnodeType() const;
 
-  // Row assembly.
+  // Row assembly. In format-file mode `qrfValues` holds the values of the special
+  // attributes (Class, msg, CustomSlot*, CustomInteger*, OBVEvent, RemoteHost), and
+  // the RemoteHost and OBVEvent pairs are not among `pairs`.
   int expectedPairCount() const;
-  const char* sourceAttributeValue(const char* source) const;
+  const char* sourceAttributeValue(const char* source, const std::string& syslogPipe) const;
   LogMonitorResultInstance* assembleRow(const XPWP_NameValue* pairs, int count, const char* source,
-                                        const char* description);
+                                        const char* description, const std::string& syslogPipe,
+                                        const std::map<std::string, std::string>* qrfValues);
   // 2 s since the last record of `sample`: the next record starts a new sample.
   bool isNewResultInstanceListComplete(const SourceSample& sample, int64_t now) const;
   void clearResultSetOfChangedSources() XRV_REQUIRES(mutex_);
@@ -207,8 +279,11 @@ class LogMonitorQueryClass : public ResultsManager {
   std::string binaryLog_;
 
   bool sendAsEvent_ = true;
+  bool sendObvEvents_ = false;
   bool leavePureCacheOnReset_ = false;
-  bool logNameIsBasename_ = false;
+  bool envLogNameIsBasename_ = false;  // CDP_LOGNAME_IS_BASENAME
+  std::atomic<bool> logNameIsBasename_{false};  // or the conf key LognameIsBasename
+  std::atomic<bool> includeObvEventAttr_{false};
   std::atomic<bool> started_{false};
   std::atomic<bool> mdlLoaded_{false};
   std::atomic<bool> resetPending_{false};
@@ -224,7 +299,21 @@ class LogMonitorQueryClass : public ResultsManager {
   // Makes the status and the error code change together, so that the end of a reset
   // and a file report on the engine's thread cannot interleave.
   PthreadMutex statusLock_;
-  std::string syslogPipe_;  // format-file mode names it; "" otherwise
+
+  // Format-file mode: the files of the last reset and their modification times (ns
+  // since the epoch; 0 while missing).
+  std::string confFile_ XRV_GUARDED_BY(initLock_);
+  std::string formatFile_ XRV_GUARDED_BY(initLock_);
+  int64_t confModTime_ XRV_GUARDED_BY(initLock_) = 0;
+  int64_t formatModTime_ XRV_GUARDED_BY(initLock_) = 0;
+  bool checkQrfFiles_ XRV_GUARDED_BY(initLock_) = false;  // some reset read them
+  std::string claimedConf_ XRV_GUARDED_BY(initLock_);     // the conf file this object holds
+  mutable PthreadMutex qrfLock_;
+  std::shared_ptr<QrfState> qrf_ XRV_GUARDED_BY(qrfLock_);
+  std::atomic<bool> hasQrfState_{false};
+  // The duplicate-detection keys: attribute name -> its index among the row's values.
+  mutable PthreadMutex dupLock_;
+  std::map<std::string, int> dupKeys_ XRV_GUARDED_BY(dupLock_);
 
   // Callbacks inside this object. The last one out wakes a waiter through the
   // atomic itself: nothing of the object is touched after the count drops.

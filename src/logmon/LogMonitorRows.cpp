@@ -3,12 +3,14 @@
 // what the engine's file and table states do to the object.
 
 #include <cstring>
+#include <map>
 #include <vector>
 
 #include "definition/Metric.h"
 #include "foundation/UTF8String.h"
 #include "framework/FwClock.h"
 #include "framework/Trace.h"
+#include "logmon/LogMonitorQrf.h"
 #include "logmon/LogMonitorQueryClass.h"
 #include "logmon/LogMonitorResetJob.h"
 #include "logmon/LogMonitorResultInstance.h"
@@ -21,6 +23,15 @@ const char* orEmpty(const char* text) { return text == nullptr ? "" : text; }
 
 bool startsWith(const char* text, const std::string& prefix) {
   return !prefix.empty() && strncmp(text, prefix.c_str(), prefix.size()) == 0;
+}
+
+const std::string kNoPipe;
+
+// Format-file mode fills these from the event's class and slots, not from pairs.
+bool isQrfSpecial(const char* name) {
+  const char* text = orEmpty(name);
+  return strcmp(text, "msg") == 0 || strcmp(text, "Class") == 0 ||
+         strncmp(text, "CustomSlot", 10) == 0 || strncmp(text, "CustomInteger", 13) == 0;
 }
 
 bool isTextType(RAW_METRIC_TYPE type) {
@@ -48,6 +59,35 @@ void LogMonitorQueryClass::setInstanceData(const XPWP_NameValue* pairs, int coun
         "This object has been de-activated (parent subnode was removed), ignoring new row");
     return;
   }
+  const std::shared_ptr<const QrfState> qrf = hasQrfState_.load() ? qrfState() : nullptr;
+  const std::string& syslogPipe = qrf == nullptr ? kNoPipe : qrf->syslogPipe;
+  const bool qrfMode = useQrf_ && qrf != nullptr && qrf->config != nullptr;
+
+  // The RemoteHost pair: in format-file mode it is taken out of the pairs.
+  const char* remoteHost = nullptr;
+  int remote = -1;
+  for (int i = 0; i < count && pairs != nullptr; ++i) {
+    if (pairs[i].name != nullptr && strcmp(pairs[i].name, "RemoteHost") == 0) {
+      XRV_TRACE_DETAIL("Found %s value %s", pairs[i].name, orEmpty(pairs[i].value));
+      remoteHost = pairs[i].value;
+      remote = i;
+      break;
+    }
+  }
+  std::string eventText;
+  std::map<std::string, std::string> qrfValues;
+  std::vector<XPWP_NameValue> rest;
+  if (qrfMode && count > 0) {
+    if (!prepareQrfRecord(*qrf, pairs, count, source, remoteHost, &eventText, &qrfValues)) {
+      return;  // *DISCARD*
+    }
+    for (int i = 0; i < count && pairs != nullptr; ++i) {
+      if (i != remote && (pairs[i].name == nullptr || strcmp(pairs[i].name, "OBVEvent") != 0)) {
+        rest.push_back(pairs[i]);
+      }
+    }
+  }
+
   const bool sampled = !isPureEventBased();
   const std::string file = sampled ? orEmpty(source) : "";
   const int64_t now = sampled ? fwMonotonicMillis() : 0;
@@ -61,13 +101,8 @@ void LogMonitorQueryClass::setInstanceData(const XPWP_NameValue* pairs, int coun
       sample.lastRecordMillis = now;
     }
   }
-  for (int i = 0; i < count && pairs != nullptr; ++i) {
-    if (pairs[i].name != nullptr && strcmp(pairs[i].name, "RemoteHost") == 0) {
-      XRV_TRACE_DETAIL("Found %s value %s", pairs[i].name, orEmpty(pairs[i].value));
-      break;
-    }
-  }
   const int expected = expectedPairCount();
+  const int delivered = qrfMode && remote >= 0 ? count - 1 : count;
   if (count == 0 && sampled) {
     XRV_TRACE_DETAIL(
         "UA reported zero attributes, assuming the end of a sample set.  Agent count=<%d>, UA "
@@ -78,18 +113,24 @@ void LogMonitorQueryClass::setInstanceData(const XPWP_NameValue* pairs, int coun
     samples_[file].received = true;
     return;
   }
-  if (count != expected) {
+  if (delivered != expected) {
     XRV_TRACE_ERROR(
         "Attribute group expects <%d> attributes, UA returned <%d> for the row, possibly a short "
         "or truncated record",
-        expected, count);
+        expected, delivered);
     setPerfErrorCode(ATTRIBUTE_COUNT_MISMATCH);
     if (count == 0) {
       return;
     }
   }
-  LogMonitorResultInstance* row = assembleRow(pairs, count, source, description);
+  LogMonitorResultInstance* row =
+      qrfMode ? assembleRow(rest.data(), static_cast<int>(rest.size()), source, description,
+                            syslogPipe, &qrfValues)
+              : assembleRow(pairs, count, source, description, syslogPipe, nullptr);
   if (!sampled) {
+    if (qrfMode) {
+      submitObvEvent(*qrf, eventText);
+    }
     if (!sendAsEvent_ || !sendEventData(row, STORE_INTERVAL_DATA)) {
       delete row;  // not kept by the pure-event cache
     }
@@ -107,7 +148,8 @@ int LogMonitorQueryClass::expectedPairCount() const {
   for (int i = 0; i < getMetricCount(); ++i) {
     const Metric* metric = getMetric(i);
     const char* name = metric->getMetricName();
-    if (metric->isDerived() || sourceMapAttr_ == name || sourceDescMapAttr_ == name) {
+    if (metric->isDerived() || sourceMapAttr_ == name || sourceDescMapAttr_ == name ||
+        (useQrf_ && (isQrfSpecial(name) || strcmp(orEmpty(name), "OBVEvent") == 0))) {
       continue;
     }
     ++expected;
@@ -115,7 +157,8 @@ int LogMonitorQueryClass::expectedPairCount() const {
   return expected;
 }
 
-const char* LogMonitorQueryClass::sourceAttributeValue(const char* source) const {
+const char* LogMonitorQueryClass::sourceAttributeValue(const char* source,
+                                                       const std::string& syslogPipe) const {
   const char* file = orEmpty(source);
   if (startsWith(file, binaryLog_)) {
     XRV_TRACE_FN();
@@ -123,12 +166,12 @@ const char* LogMonitorQueryClass::sourceAttributeValue(const char* source) const
                      errptCommand_.c_str());
     return errptCommand_.c_str();
   }
-  if (startsWith(file, syslogPipe_)) {
+  if (startsWith(file, syslogPipe)) {
     XRV_TRACE_FN();
     XRV_TRACE_DETAIL("Found event from syslog pipe, replacing filename with \"%s\"", "SysLogD");
     return "SysLogD";
   }
-  if (logNameIsBasename_) {
+  if (logNameIsBasename_.load()) {
     const char* slash = strrchr(file, '/');
     return slash == nullptr ? file : slash + 1;
   }
@@ -136,10 +179,11 @@ const char* LogMonitorQueryClass::sourceAttributeValue(const char* source) const
 }
 
 // Each attribute in definition order takes the source, the description or the next
-// pair, whose name must be the attribute's.
-LogMonitorResultInstance* LogMonitorQueryClass::assembleRow(const XPWP_NameValue* pairs, int count,
-                                                            const char* source,
-                                                            const char* description) {
+// pair, whose name must be the attribute's; in format-file mode the special attributes
+// and OBVEvent and RemoteHost take what the event text gave (`qrfValues`).
+LogMonitorResultInstance* LogMonitorQueryClass::assembleRow(
+    const XPWP_NameValue* pairs, int count, const char* source, const char* description,
+    const std::string& syslogPipe, const std::map<std::string, std::string>* qrfValues) {
   XRV_TRACE_FN();
   int raw = 0;
   for (int i = 0; i < getMetricCount(); ++i) {
@@ -157,9 +201,14 @@ LogMonitorResultInstance* LogMonitorQueryClass::assembleRow(const XPWP_NameValue
     }
     const char* name = metric->getMetricName();
     if (!sourceMapAttr_.empty() && sourceMapAttr_ == name) {
-      row->addMetric(makeValue(metric, sourceAttributeValue(source)));
+      row->addMetric(makeValue(metric, sourceAttributeValue(source, syslogPipe)));
     } else if (!sourceDescMapAttr_.empty() && sourceDescMapAttr_ == name) {
       row->addMetric(makeValue(metric, orEmpty(description)));
+    } else if (qrfValues != nullptr &&
+               (isQrfSpecial(name) || strcmp(orEmpty(name), "OBVEvent") == 0 ||
+                strcmp(orEmpty(name), "RemoteHost") == 0)) {
+      const auto value = qrfValues->find(orEmpty(name));
+      row->addMetric(makeValue(metric, value == qrfValues->end() ? nullptr : value->second.c_str()));
     } else if (next < count && pairs != nullptr) {
       const XPWP_NameValue& pair = pairs[next++];
       if (strcmp(orEmpty(pair.name), orEmpty(name)) != 0) {
@@ -254,6 +303,19 @@ void LogMonitorQueryClass::collectData(const char* subnode) {
         "doing nothing",
         getAttributeGroup());
     return;
+  }
+  if (useQrf_ && started_.load()) {
+    bool changed = false;
+    {
+      PthreadMutexLock init(initLock_);
+      changed = qrfFilesChanged();
+    }
+    if (changed) {
+      reset();
+      if (resetPending_.load()) {
+        return;  // the reset completes when the engine has let go of the table
+      }
+    }
   }
   ResultsManager::collectData(subnode);
 }

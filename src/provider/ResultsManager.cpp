@@ -79,33 +79,38 @@ void ResultsManager::reset() {
 void ResultsManager::readFloodControlSettings() {
   XRV_TRACE_FN();
   AttributeGroupMeta* meta = getAttributeGroupMeta();
-  int interval = 0;
-  int threshold = EVENT_SEND_ALL;
   const char* intervalText = meta == nullptr ? nullptr : meta->evtSummaryInterval();
   const char* thresholdText = meta == nullptr ? nullptr : meta->evtFloodThreshold();
-  if (intervalText != nullptr) {
-    char* expanded = Utilities::substituteEnvVars(intervalText, nullptr, nullptr, true);
-    interval = expanded == nullptr ? 0 : atoi(expanded);
-    free(expanded);
-  }
+  char* interval = intervalText == nullptr
+                       ? nullptr
+                       : Utilities::substituteEnvVars(intervalText, nullptr, nullptr, true);
+  char* threshold = thresholdText == nullptr
+                        ? nullptr
+                        : Utilities::substituteEnvVars(thresholdText, nullptr, nullptr, true);
+  configureFloodControl(threshold == nullptr && thresholdText != nullptr ? "" : threshold,
+                        interval == nullptr ? 0 : atoi(interval));
+  free(interval);
+  free(threshold);
+}
+
+void ResultsManager::configureFloodControl(const char* thresholdText, int interval) {
+  XRV_TRACE_FN();
+  int threshold = EVENT_SEND_ALL;
   if (thresholdText != nullptr) {
-    char* expanded = Utilities::substituteEnvVars(thresholdText, nullptr, nullptr, true);
-    const char* word = expanded == nullptr ? "" : expanded;
-    if (strcmp(word, "send_all") == 0) {
+    if (strcmp(thresholdText, "send_all") == 0) {
       threshold = EVENT_SEND_ALL;
-    } else if (strcmp(word, "send_none") == 0) {
+    } else if (strcmp(thresholdText, "send_none") == 0) {
       threshold = EVENT_SEND_NONE;
-    } else if (strcmp(word, "send_first") == 0) {
+    } else if (strcmp(thresholdText, "send_first") == 0) {
       threshold = EVENT_SEND_FIRST;
     } else {
-      threshold = atoi(word);
+      threshold = atoi(thresholdText);
       if (threshold == 0 || threshold < EVENT_SEND_ALL) {
         XRV_TRACE_ERROR("WARNING: invalid flood control threshold '%s', treating as SEND_NONE",
-                        word);
+                        thresholdText);
         threshold = EVENT_SEND_NONE;
       }
     }
-    free(expanded);
   }
   if (threshold != EVENT_SEND_ALL && interval < 1) {
     XRV_TRACE_ERROR(
@@ -122,6 +127,11 @@ void ResultsManager::readFloodControlSettings() {
   } else {
     removeSummaryQuery();
   }
+}
+
+int ResultsManager::getFloodThreshold() {
+  PthreadMutexLock lock(pureCache_.lock);
+  return pureCache_.threshold();
 }
 
 std::vector<std::string> ResultsManager::getPropertyNames() {

@@ -146,11 +146,15 @@ class ResultsManager : public UAClientClass {
   bool addToPureCache(ResultInstance* row) XRV_REQUIRES(pureCache_.lock);
   void clearPureCache() XRV_EXCLUDES(pureCache_.lock);
   int getPureCacheCount() XRV_EXCLUDES(pureCache_.lock);
-  // Same key values (hidden ones skipped) and the same derived values.
-  bool instancesMatch(const ResultInstance* a, const ResultInstance* b);
+  // Whether `b` is a duplicate of `a` for flood control: the same key values (hidden
+  // ones skipped) and the same derived values. Data sources with keys of their own
+  // override it.
+  virtual bool instancesMatch(const ResultInstance* a, const ResultInstance* b);
   // Marks every cached event that is no summary yet as one and sends it.
   void sendSummaryEvents() XRV_EXCLUDES(pureCache_.lock);
   int getSummaryInterval() const { return pureCache_.summaryInterval(); }
+  // The flood-control threshold in force (FLOOD_THRESHOLD, or N >= 1).
+  int getFloodThreshold() XRV_EXCLUDES(pureCache_.lock);
   time_t getNextSummary() const { return nextSummary_.load(); }
   void setNextSummary(time_t when) { nextSummary_.store(when); }
   void removeSummaryQuery() override;
@@ -173,6 +177,12 @@ class ResultsManager : public UAClientClass {
   void printResultInstances() XRV_EXCLUDES(store_.activeLock);
 
  protected:
+  // Sets the flood control: `thresholdText` "send_all", "send_none", "send_first" or a
+  // number N >= 1 (every N-th duplicate), null for send_all; `interval` the summary
+  // interval in seconds. A threshold without an interval turns flood control off.
+  // reset() sets it from the group's metadata; a data source may set it anew after.
+  void configureFloodControl(const char* thresholdText, int interval)
+      XRV_EXCLUDES(pureCache_.lock);
   // From internalCollectData: this collection brought nothing new and the active rows
   // stay as they are (no rates, derived values or merge this time).
   void keepActiveResults() { keepActiveResults_ = true; }

@@ -6,7 +6,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -65,55 +64,6 @@ std::string floodLines(const std::string& code, int from, int to) {
     lines += code + " " + std::to_string(n) + "\n";
   }
   return lines;
-}
-
-std::string originNode(const AgentProcess& agent) {
-  const json nodes = get(agent, "/api/v1/nodes").second;
-  return nodes.is_array() && !nodes.empty() ? nodes[0].value("msn", "") : "";
-}
-
-// The `next` of the events of `group`: where the events not yet seen begin.
-uint64_t nextEvent(const AgentProcess& agent, const std::string& group) {
-  const json answer = get(agent, "/api/v1/events?group=" + group).second;
-  return answer.is_object() ? answer.value("next", uint64_t{0}) : 0;
-}
-
-// The events of `group` from `since` on, once there are `count` of them (or the time
-// is up): whatever the ring holds then.
-json eventsOf(const AgentProcess& agent, const std::string& group, uint64_t since, size_t count,
-              milliseconds timeout = seconds(10)) {
-  const json answer = getWhen(
-      agent, "/api/v1/events?group=" + group + "&since=" + std::to_string(since),
-      [count](const json& a) { return a.is_object() && a["events"].size() >= count; }, timeout);
-  return answer.is_object() ? answer["events"] : json::array();
-}
-
-// The value of `attribute` in the row of every event of `events`.
-template <typename T>
-std::vector<T> column(const json& events, const std::string& attribute) {
-  std::vector<T> values;
-  for (const json& event : events) {
-    values.push_back(event["row"][attribute].get<T>());
-  }
-  return values;
-}
-
-// The Performance_Object_Status row of `group` (of subnode `key`), once its error code
-// is `code` (or the time is up); null when it has none.
-json statusOnce(const AgentProcess& agent, const std::string& group, const std::string& code,
-                const std::string& key = "", milliseconds timeout = seconds(15)) {
-  auto find = [&](const json& answer) {
-    for (const json& row : answer.is_object() ? answer["rows"] : json::array()) {
-      if (row["Query_Name"] == group && row["Subnode_Key"] == key) {
-        return row;
-      }
-    }
-    return json();
-  };
-  const json answer = getWhen(
-      agent, "/api/v1/tables/Performance_Object_Status",
-      [&](const json& a) { return find(a).value("Error_Code_Name", "") == code; }, timeout);
-  return find(answer);
 }
 
 // Waits until each of `groups` follows its files: its status is OBJECT_ACTIVE.
@@ -412,15 +362,8 @@ TEST(LogMonitorE2E, TheAgentRestartedMidFileResumesWhereItStopped) {
     EXPECT_EQ(column<int>(eventsOf(agent, "App_Events", 0, 3), "Code"),
               (std::vector<int>{1, 2, 3}));
     // The orderly stop: every table is read to its end and its position saved.
-    httplib::Client client("127.0.0.1", agent.port());
-    const httplib::Result stop =
-        client.Post("/api/v1/shutdown", httplib::Headers{{"Authorization", "Bearer log-token"}}, "",
-                    "text/plain");
-    ASSERT_TRUE(stop);
-    EXPECT_EQ(stop->status, 202) << stop->body;
-    int status = 0;
-    ASSERT_TRUE(agent.waitForExit(seconds(10), &status));
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    std::string why;
+    ASSERT_TRUE(stopAgent(agent, "log-token", &why)) << why;
   }
   bool saved = false;
   for (const auto& entry : std::filesystem::directory_iterator(positions)) {

@@ -100,11 +100,13 @@ TEST_F(LogMonitorTest, ApplicationAndAgentSettingsSetTheFlags) {
   EXPECT_TRUE(provider->isLogNameBasename());
   EXPECT_TRUE(provider->usesQrf());
   EXPECT_TRUE(framework_.trace().hasText("Setting logNameIsBasename to true based on ENV setting"));
-  // Format-file mode is not built: the group says so and stays inactive.
+  // Format-file mode without XRV_CONF_FILE: nothing to monitor.
   provider->start();
+  EXPECT_TRUE(framework_.trace().hasText(
+      "use_qrf flag is set, but no QRF config data present, top level node disabled."));
   EXPECT_TRUE(framework_.trace().hasText("QRF monitor with no QRFconfig, not starting"));
   EXPECT_EQ(provider->getPerfObjectStatus(), PERF_OBJECT_INACTIVE);
-  EXPECT_EQ(provider->getPerfErrorCode(), NOT_IMPLEMENTED);
+  EXPECT_EQ(provider->getPerfErrorCode(), CONF_FILE_DOES_NOT_EXIST);
   EXPECT_FALSE(provider->isResetPending());
 }
 

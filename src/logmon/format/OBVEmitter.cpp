@@ -11,6 +11,10 @@
 #include "framework/ReadFile.h"
 #include "framework/Trace.h"
 
+using XRV::forward::EventForwarder;
+using XRV::forward::EventForwarderConfig;
+using XRV::forward::EventForwarderStatus;
+
 namespace {
 
 std::string_view trimmed(std::string_view text) {
@@ -147,4 +151,89 @@ int OBVEmitter::getConfInt(const char* key, int defaultValue) const {
 bool OBVEmitter::getConfFlag(const char* key) const {
   const char* value = getConfValue(key);
   return value != nullptr && (value[0] == 'y' || value[0] == 'Y');
+}
+
+// --- Forwarding ---
+
+bool OBVEmitter::forwardingConfig(const std::string& stream, EventForwarderConfig* config) const {
+  XRV_TRACE_FN();
+  const char* host = getConfValue("EventServer");
+  if (host == nullptr || *host == '\0') {
+    return false;
+  }
+  config->host = host;
+  config->port = getConfInt("EventServerPort", config->port);
+  if (config->port < 1 || config->port > 65535) {
+    XRV_TRACE_ERROR("EventServerPort %s in %s is not a port, using 9315",
+                    getConfValue("EventServerPort"), confPath_.c_str());
+    config->port = 9315;
+  }
+  config->tls = getConfFlag("EventServerTLS");
+  const char* caFile = getConfValue("EventServerCAFile");
+  config->caFile = caFile == nullptr ? "" : caFile;
+  const char* spool = getConfValue("EventSpoolDirectory");
+  config->spoolDirectory = spool == nullptr || *spool == '\0' ? "event-spool" : spool;
+  if (config->spoolDirectory[0] != '/') {
+    const size_t slash = confPath_.rfind('/');
+    config->spoolDirectory =
+        (slash == std::string::npos ? std::string(".") : confPath_.substr(0, slash)) + "/" +
+        config->spoolDirectory;
+  }
+  const char* maxBytes = getConfValue("EventSpoolMaxBytes");
+  if (maxBytes != nullptr) {
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long long bytes = strtoull(maxBytes, &end, 10);
+    if (end == maxBytes || !trimmed(end).empty() || errno != 0 || maxBytes[0] == '-') {
+      XRV_TRACE_ERROR("EventSpoolMaxBytes %s in %s is not a number of bytes, using %llu", maxBytes,
+                      confPath_.c_str(), static_cast<unsigned long long>(config->spoolMaxBytes));
+    } else {
+      config->spoolMaxBytes = bytes;
+    }
+  }
+  config->stream = stream;
+  return true;
+}
+
+bool OBVEmitter::startForwarding(const EventForwarderConfig& config) {
+  XRV_TRACE_FN();
+  if (forwarder_ != nullptr) {
+    return forwarder_->ready();
+  }
+  server_ = config.host + ":" + std::to_string(config.port);
+  forwarder_ = std::make_unique<EventForwarder>(config);
+  XRV_TRACE_DETAIL("Forwarding OBV events of %s to %s%s as stream %s, spool %s", confPath_.c_str(),
+                   server_.c_str(), config.tls ? " (TLS)" : "", forwarder_->stream().c_str(),
+                   config.spoolDirectory.c_str());
+  return forwarder_->ready();
+}
+
+bool OBVEmitter::submit(std::string_view eventText) {
+  return forwarder_ != nullptr && forwarder_->submit(eventText);
+}
+
+bool OBVEmitter::forwardingStatus(EventForwarderStatus* status, std::string* server) const {
+  if (forwarder_ == nullptr) {
+    return false;
+  }
+  *status = forwarder_->status();
+  *server = server_;
+  return true;
+}
+
+void OBVEmitter::stopForwarding() {
+  XRV_TRACE_FN();
+  if (forwarder_ == nullptr || forwardingStopped_.exchange(true)) {
+    return;
+  }
+  forwarder_->stop();
+  const EventForwarderStatus status = forwarder_->status();
+  XRV_TRACE_DETAIL(
+      "Stopped forwarding OBV events to %s as stream %s: %llu submitted, %llu acknowledged, %llu "
+      "pending, %llu dropped",
+      server_.c_str(), forwarder_->stream().c_str(),
+      static_cast<unsigned long long>(status.submitted),
+      static_cast<unsigned long long>(status.acknowledged),
+      static_cast<unsigned long long>(status.pendingEvents),
+      static_cast<unsigned long long>(status.dropped));
 }

@@ -15,15 +15,22 @@
 // comments. Names are matched without regard to case; a repeated name replaces the
 // earlier value. A line that is neither makes the whole file invalid.
 //
-// Forwarding events to an event server is not part of this class yet: it reads the
-// configuration only and sends nothing.
+// It also forwards events: when the conf file names an event server (EventServer and
+// the keys beside it, docs/event-forwarding.md), startForwarding() builds an
+// EventForwarder from those keys and submit() hands it each event text.
 //
-// Not thread-safe: its owner reads and resets it under its own lock.
+// Thread-safety: reading the conf file (the constructor, reset) and starting
+// forwarding are for the owner alone, before anything else uses the object; after
+// that getConfValue and the other readers, submit(), forwardingStatus() and
+// stopForwarding() may be called from any threads.
 
+#include <atomic>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "logmon/forward/EventForwarder.h"
 #include "provider/PerfObject.h"
 
 class OBVEmitter {
@@ -63,6 +70,23 @@ class OBVEmitter {
   // True when `key` is set and its value starts with Y or y.
   bool getConfFlag(const char* key) const;
 
+  // --- Forwarding to an event server ---
+  // The forwarder's settings from the conf keys; false when the conf file names no
+  // event server. `stream` names this sender's events on the server. A relative
+  // EventSpoolDirectory is taken from the conf file's directory.
+  bool forwardingConfig(const std::string& stream, XRV::forward::EventForwarderConfig* config) const;
+  // Starts forwarding with `config` (the owner may shorten its times first); at most
+  // once. False when the forwarder could not open its spool (it then drops events).
+  bool startForwarding(const XRV::forward::EventForwarderConfig& config);
+  bool isForwarding() const { return forwarder_ != nullptr; }
+  // Hands `eventText` to the forwarder; false when there is none or it dropped the
+  // event.
+  bool submit(std::string_view eventText);
+  // The forwarder's counters and its server as "HOST:PORT"; false when not forwarding.
+  bool forwardingStatus(XRV::forward::EventForwarderStatus* status, std::string* server) const;
+  // Stops the forwarder (its spool stays for the next one); later events are dropped.
+  void stopForwarding();
+
  private:
   bool parse(const std::string& text);
 
@@ -70,4 +94,7 @@ class OBVEmitter {
   int error_ = OBV_OK;
   std::string errorText_;
   std::vector<std::pair<std::string, std::string>> values_;  // in file order
+  std::string server_;                                        // HOST:PORT while forwarding
+  std::unique_ptr<XRV::forward::EventForwarder> forwarder_;   // set once, kept to the end
+  std::atomic<bool> forwardingStopped_{false};
 };

@@ -90,6 +90,10 @@ class QRFConfig {
   // that holds a wildcard (or another pattern character) becomes ^component$.
   static std::string generateFilenameRegex(const std::string& path);
 
+  // The host name of the DEFAULT slot "hostname": the framework's configured host
+  // name, else the system's ("unknown" when there is none).
+  static std::string localHostName();
+
   const char* getSyslogPipeName() const { return syslogPipe_.empty() ? nullptr : syslogPipe_.c_str(); }
 
   char getStartNameTag() const { return tags_[0]; }

@@ -33,22 +33,26 @@ bool QRFConfig::defaultSlotValue(const std::string& name, int line, std::string*
 }
 
 std::string QRFConfig::hostName() {
-  XRV_TRACE_FN();
-  if (!hostName_.empty()) {
-    return hostName_;
-  }
-  hostName_ = XRV::settingText(XRV::Setting::ConfiguredHostName);
   if (hostName_.empty()) {
+    hostName_ = localHostName();
+  }
+  return hostName_;
+}
+
+std::string QRFConfig::localHostName() {
+  XRV_TRACE_FN();
+  std::string host = XRV::settingText(XRV::Setting::ConfiguredHostName);
+  if (host.empty()) {
     char buffer[HOST_NAME_MAX + 1] = {};
     const int rc = gethostname(buffer, sizeof buffer - 1);
     if (rc != 0 || buffer[0] == '\0') {
       XRV_TRACE_ERROR("Couldn't determine hostname, rc = %d", rc);
-      hostName_ = "unknown";
+      host = "unknown";
     } else {
-      hostName_ = buffer;
+      host = buffer;
     }
   }
-  return hostName_;
+  return host;
 }
 
 std::string QRFConfig::fqHostName() {

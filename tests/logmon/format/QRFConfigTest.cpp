@@ -344,4 +344,52 @@ TEST_F(QRFConfigTest, ConfFileReading) {
   EXPECT_STREQ(changing.getConfValue("A"), "2");
 }
 
+// The event server's keys become the forwarder's settings; without EventServer there
+// is nothing to forward.
+TEST_F(QRFConfigTest, EventServerKeysBecomeTheForwardersSettings) {
+  struct Case {
+    const char* path;
+    const char* conf;
+    bool forwards;
+    std::string host;
+    int port;
+    bool tls;
+    std::string caFile;
+    std::string spool;
+    uint64_t maxBytes;
+  } cases[] = {
+      {"/etc/xrv/app.conf", "LogSources=/l", false, "", 0, false, "", "", 0},
+      {"/etc/xrv/app.conf", "EventServer=", false, "", 0, false, "", "", 0},
+      {"/etc/xrv/app.conf", "EventServer=ev.example.com", true, "ev.example.com", 9315, false,
+       "", "/etc/xrv/event-spool", 8 * 1024 * 1024},
+      {"app.conf",
+       "EventServer=10.0.0.5\nEventServerPort=7000\nEventServerTLS=yes\nEventServerCAFile=/ca.pem\n"
+       "EventSpoolDirectory=spool/x\nEventSpoolMaxBytes=100000",
+       true, "10.0.0.5", 7000, true, "/ca.pem", "./spool/x", 100000},
+      {"/etc/xrv/app.conf",
+       "EventServer=h\nEventServerPort=70000\nEventSpoolDirectory=/var/spool/xrv\n"
+       "EventSpoolMaxBytes=-5\nEventServerTLS=no",
+       true, "h", 9315, false, "", "/var/spool/xrv", 8 * 1024 * 1024},
+      {"/etc/xrv/app.conf", "EventServer=h\nEventServerPort=x\nEventSpoolMaxBytes=12kb", true,
+       "h", 9315, false, "", "/etc/xrv/event-spool", 8 * 1024 * 1024},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.conf);
+    OBVEmitter emitter(c.path, c.conf);
+    XRV::forward::EventForwarderConfig config;
+    ASSERT_EQ(emitter.forwardingConfig("web01:G", &config), c.forwards);
+    EXPECT_FALSE(emitter.isForwarding());
+    if (!c.forwards) {
+      continue;
+    }
+    EXPECT_EQ(config.host, c.host);
+    EXPECT_EQ(config.port, c.port);
+    EXPECT_EQ(config.tls, c.tls);
+    EXPECT_EQ(config.caFile, c.caFile);
+    EXPECT_EQ(config.spoolDirectory, c.spool);
+    EXPECT_EQ(config.spoolMaxBytes, c.maxBytes);
+    EXPECT_EQ(config.stream, "web01:G");
+  }
+}
+
 }  // namespace
